@@ -1,0 +1,5 @@
+#pragma once
+
+#include <velmora/Config.h>
+#include <velmora/Host.h>
+#include <velmora/Types.h>

@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Configures and builds one flavour of the tree: plain (default), asan or tsan.
+#   scripts/build.sh [plain|asan|tsan] [extra cmake arguments...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+flavour="${1:-plain}"
+shift || true
+case "$flavour" in
+  plain) args=(-DVELMORA_BUILD_BENCHMARKS=ON) ;;
+  asan)  args=(-DVELMORA_SANITIZE=address,undefined -DVELMORA_BUILD_EXAMPLES=OFF) ;;
+  tsan)  args=(-DVELMORA_SANITIZE=thread -DVELMORA_BUILD_EXAMPLES=OFF -DVELMORA_BUILD_TOOLS=OFF) ;;
+  *) echo "unknown flavour: $flavour" >&2; exit 2 ;;
+esac
+
+dir="build/$flavour"
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${args[@]}" "$@" >/dev/null
+cmake --build "$dir" -j "$(nproc)"

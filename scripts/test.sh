@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# The whole test suite: installs what is missing, builds, runs every test, then again under
+# AddressSanitizer with UndefinedBehaviorSanitizer, then under ThreadSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh
+jobs="$(nproc)"
+
+run() {
+  local flavour="$1"
+  echo "==> $flavour: build"
+  bash scripts/build.sh "$flavour"
+  echo "==> $flavour: test"
+  ctest --test-dir "build/$flavour" --output-on-failure -j "$jobs" --timeout 300
+}
+
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+
+run plain
+run asan
+run tsan
+echo "All test flavours passed."

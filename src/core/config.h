@@ -1,0 +1,76 @@
+#pragma once
+
+#include "core/log.h"
+#include "core/settings_store.h"
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+enum PrivacyStatus : std::int32_t { kPrivacyOptIn = 1, kPrivacyOptOut = 2, kPrivacyUnknown = 3 };
+
+struct PointOfInterest {
+    std::string name;
+    double latitude = 0;
+    double longitude = 0;
+    double radius = 0;
+};
+
+// The process's configuration, read once from "VelmoraConfig.json". A missing or unreadable file
+// leaves every field at zero: every module then sees itself unconfigured. Only the privacy status
+// changes afterwards.
+struct ConfigSettings {
+    std::string version;
+    std::int32_t batchLimit = 0;
+    bool offlineEnabled = false;
+    bool ssl = false;
+    std::int32_t lifecycleTimeout = 0;
+    std::string charset;
+    std::string rsids;
+    std::string server;
+    std::atomic<std::int32_t> privacyStatus{0};
+    std::vector<PointOfInterest> pointsOfInterest;
+    std::int32_t vantorTimeout = 0;
+    std::string vantorClientCode;
+    std::string cohortaServer;
+
+    // Which module sections were JSON objects.
+    bool analyticsSection = false;
+    bool vantorSection = false;
+    bool cohortaSection = false;
+
+    std::int32_t Privacy() const { return privacyStatus.load(std::memory_order_relaxed); }
+};
+
+inline constexpr const char* kConfigFileName = "VelmoraConfig.json";
+inline constexpr const char* kPrivacyStatusKey = "PrivacyStatus";
+
+// "optedin", "optedout", "optunknown"; anything else (other case included) is OptIn.
+std::int32_t PrivacyStatusFromString(const std::string& text);
+
+// Parses the config text as the file loader does (logging as it goes); null when unusable.
+std::unique_ptr<ConfigSettings> ParseConfig(const std::string& text, SettingsStore& settings, const Logger& log);
+
+// Reads `packageDirectory`/VelmoraConfig.json and builds the record; never null.
+std::unique_ptr<ConfigSettings> LoadConfig(const std::filesystem::path& packageDirectory, SettingsStore& settings,
+                                           const Logger& log);
+
+// What the privacy setter asks of the hit queue.
+class HitQueueControl {
+public:
+    virtual ~HitQueueControl() = default;
+    virtual void ClearQueue() = 0;   // opt-out: empty the queue and its file
+    virtual void StartSender() = 0;  // send trigger: applies the start rule
+};
+
+// The run-time change of the privacy status, with its deliberate order: the value reaches memory
+// before it is validated.
+void SetPrivacyStatus(ConfigSettings& config, std::int32_t status, SettingsStore& settings, const Logger& log,
+                      HitQueueControl* hitQueue);
+
+}  // namespace velmora

@@ -1,0 +1,90 @@
+#include "core/file_store.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace velmora {
+namespace {
+
+[[noreturn]] void Fail(const char* what, const std::filesystem::path& path, int error) {
+    throw std::runtime_error(std::string(what) + " " + path.string() + ": " + std::strerror(error));
+}
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() { if (fd_ >= 0) ::close(fd_); }
+    int get() const { return fd_; }
+    int release() { int fd = fd_; fd_ = -1; return fd; }
+
+private:
+    int fd_;
+};
+
+}  // namespace
+
+FileStore::FileStore(std::filesystem::path directory) : directory_(std::move(directory)) {}
+
+std::string FileStore::Read(const std::string& name) {
+    const auto path = directory_ / name;
+    Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        if (errno != ENOENT) Fail("Cannot open", path, errno);
+        Descriptor created(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+        if (created.get() < 0) Fail("Cannot create", path, errno);
+        return {};
+    }
+    std::string text;
+    char buffer[65536];
+    for (;;) {
+        ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            Fail("Cannot read", path, errno);
+        }
+        if (n == 0) break;
+        text.append(buffer, static_cast<std::size_t>(n));
+    }
+    return text;
+}
+
+void FileStore::WriteAtomic(const std::string& name, std::string_view text) {
+    static std::atomic<unsigned> counter{0};
+    const auto path = directory_ / name;
+    auto temp = path;
+    temp += ".tmp" + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1));
+    Descriptor fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (fd.get() < 0) Fail("Cannot create", temp, errno);
+    auto discard = [&](const char* what) {
+        int error = errno;
+        ::close(fd.release());
+        ::unlink(temp.c_str());
+        Fail(what, temp, error);
+    };
+    std::size_t done = 0;
+    while (done < text.size()) {
+        ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            discard("Cannot write");
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    if (::fdatasync(fd.get()) != 0) discard("Cannot sync");
+    if (::close(fd.release()) != 0) {
+        int error = errno;
+        ::unlink(temp.c_str());
+        Fail("Cannot close", temp, error);
+    }
+    if (::rename(temp.c_str(), path.c_str()) != 0) {
+        int error = errno;
+        ::unlink(temp.c_str());
+        Fail("Cannot replace", path, error);
+    }
+}
+
+}  // namespace velmora

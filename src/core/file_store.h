@@ -1,0 +1,27 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace velmora {
+
+// The local folder's data files. A write goes to a temporary file in the same directory that is
+// then renamed over the old one, so a crash or a full disk leaves the previous document whole.
+// Failures throw std::runtime_error with a message naming the path; owners log and go on.
+class FileStore {
+public:
+    explicit FileStore(std::filesystem::path directory);
+    virtual ~FileStore() = default;
+
+    // The whole text of `name`; a missing file is created empty and reads as "".
+    virtual std::string Read(const std::string& name);
+    virtual void WriteAtomic(const std::string& name, std::string_view text);
+
+    const std::filesystem::path& Directory() const { return directory_; }
+
+private:
+    std::filesystem::path directory_;
+};
+
+}  // namespace velmora

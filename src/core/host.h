@@ -1,0 +1,23 @@
+#pragma once
+
+#include <velmora/Host.h>
+
+#include <string>
+
+namespace velmora {
+
+using Velmora::HostOptions;
+
+// Fills in what the application left empty: directories from the environment or the executable,
+// connect-to entries from $VELMORA_CONNECT_TO.
+HostOptions ResolveHostOptions(HostOptions options);
+
+// BCP 47 tag of the user's language: the host's override, else LC_ALL / LC_MESSAGES / LANG
+// ("de_DE.UTF-8" gives "de-DE"; "C", "POSIX" or nothing give "en-US").
+std::string LanguageTag(const HostOptions& options);
+std::string LanguageTagFromLocale(const char* locale);
+
+// The connection-profile check: the host's callback, or connected when there is none.
+bool InternetAvailable(const HostOptions& options);
+
+}  // namespace velmora

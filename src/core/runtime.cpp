@@ -1,0 +1,110 @@
+#include "core/runtime.h"
+
+#include <mutex>
+
+namespace velmora {
+namespace {
+
+struct ProcessState {
+    std::mutex mutex;
+    HostOptions pending;
+    std::atomic<Runtime*> instance{nullptr};
+};
+
+// Never destroyed: worker threads may still run while static destructors do at exit.
+ProcessState& State() {
+    static auto* state = new ProcessState();
+    return *state;
+}
+
+}  // namespace
+
+Runtime::Runtime(HostOptions options, std::shared_ptr<Clock> clock)
+    : host_(ResolveHostOptions(std::move(options))),
+      log_(host_.logSink),
+      clock_(clock ? std::move(clock) : std::make_shared<SystemClock>()) {}
+
+Runtime::~Runtime() { Shutdown(); }
+
+Runtime& Runtime::Process() {
+    auto& state = State();
+    Runtime* runtime = state.instance.load(std::memory_order_acquire);
+    if (runtime != nullptr) return *runtime;
+    std::lock_guard lock(state.mutex);
+    runtime = state.instance.load(std::memory_order_relaxed);
+    if (runtime == nullptr) {
+        runtime = new Runtime(state.pending);
+        state.instance.store(runtime, std::memory_order_release);
+    }
+    return *runtime;
+}
+
+bool Runtime::ConfigureProcess(HostOptions options) {
+    auto& state = State();
+    {
+        std::lock_guard lock(state.mutex);
+        if (state.instance.load(std::memory_order_relaxed) == nullptr) {
+            state.pending = std::move(options);
+            return true;
+        }
+    }
+    Process().Log().Warning("Config - Host options were ignored because the library has already started");
+    return false;
+}
+
+void Runtime::EnsureLocalDirectory() {
+    std::call_once(localDirectory_, [this] {
+        std::error_code error;
+        std::filesystem::create_directories(host_.localDirectory, error);
+        if (error) {
+            log_.Error("Config - Unable to create local directory %s (%s)", host_.localDirectory.string().c_str(),
+                       error.message().c_str());
+        }
+    });
+}
+
+SettingsStore& Runtime::Settings() {
+    return settings_.Get([this] {
+        EnsureLocalDirectory();
+        return std::make_unique<SettingsStore>(host_.localDirectory, log_);
+    });
+}
+
+FileStore& Runtime::Files() {
+    return files_.Get([this] {
+        EnsureLocalDirectory();
+        return std::make_unique<FileStore>(host_.localDirectory);
+    });
+}
+
+ConfigSettings& Runtime::Config() {
+    return config_.Get([this] { return LoadConfig(host_.packageDirectory, Settings(), log_); });
+}
+
+SerialQueue& Runtime::GeneralQueue() {
+    return general_.Get([this] { return std::make_unique<SerialQueue>("Config", log_); });
+}
+
+HitQueueControl* Runtime::HitQueue() { return nullptr; }
+
+void Runtime::SetPrivacyStatus(std::int32_t status) {
+    velmora::SetPrivacyStatus(Config(), status, Settings(), log_, HitQueue());
+}
+
+bool Runtime::Flush(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    auto left = [&] {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    };
+    for (SerialQueue* queue : {general_.IfCreated()}) {
+        if (queue != nullptr && !queue->Drain(left())) return false;
+    }
+    return true;
+}
+
+void Runtime::Shutdown() {
+    // Upstream queues first: each may still post to the ones after it.
+    if (auto* queue = general_.IfCreated()) queue->Shutdown();
+}
+
+}  // namespace velmora
