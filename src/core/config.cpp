@@ -145,6 +145,21 @@ std::unique_ptr<ConfigSettings> LoadConfig(const std::filesystem::path& packageD
     return config ? std::move(config) : std::make_unique<ConfigSettings>();
 }
 
+bool ModuleGates::Analytics() {
+    std::call_once(analyticsOnce_, [this] { analytics_ = !config_.rsids.empty() && !config_.server.empty(); });
+    return analytics_;
+}
+
+bool ModuleGates::Vantor() {
+    std::call_once(vantorOnce_, [this] { vantor_ = !config_.vantorClientCode.empty(); });
+    return vantor_;
+}
+
+bool ModuleGates::Cohorta() {
+    std::call_once(cohortaOnce_, [this] { cohorta_ = !config_.cohortaServer.empty(); });
+    return cohorta_;
+}
+
 void SetPrivacyStatus(ConfigSettings& config, std::int32_t status, SettingsStore& settings, const Logger& log,
                       HitQueueControl* hitQueue) {
     if (status == kPrivacyUnknown && !config.offlineEnabled) {

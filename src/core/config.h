@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,20 @@ std::unique_ptr<ConfigSettings> ParseConfig(const std::string& text, SettingsSto
 // Reads `packageDirectory`/VelmoraConfig.json and builds the record; never null.
 std::unique_ptr<ConfigSettings> LoadConfig(const std::filesystem::path& packageDirectory, SettingsStore& settings,
                                            const Logger& log);
+
+// Whether each module is usable. Each answer is decided on first use and kept for the process.
+class ModuleGates {
+public:
+    explicit ModuleGates(const ConfigSettings& config) : config_(config) {}
+    bool Analytics();  // report suites and tracking server both set
+    bool Vantor();     // client code set
+    bool Cohorta();    // audience server set
+
+private:
+    const ConfigSettings& config_;
+    std::once_flag analyticsOnce_, vantorOnce_, cohortaOnce_;
+    bool analytics_ = false, vantor_ = false, cohorta_ = false;
+};
 
 // What the privacy setter asks of the hit queue.
 class HitQueueControl {

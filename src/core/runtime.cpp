@@ -1,5 +1,6 @@
 #include "core/runtime.h"
 
+#include <algorithm>
 #include <mutex>
 
 namespace velmora {
@@ -85,10 +86,43 @@ SerialQueue& Runtime::GeneralQueue() {
     return general_.Get([this] { return std::make_unique<SerialQueue>("Config", log_); });
 }
 
-HitQueueControl* Runtime::HitQueue() { return nullptr; }
+ModuleGates& Runtime::Gates() {
+    return gates_.Get([this] { return std::make_unique<ModuleGates>(Config()); });
+}
+
+RuntimeModule* Runtime::FindModule(std::type_index type) {
+    std::shared_lock lock(modulesMutex_);
+    auto it = modules_.find(type);
+    return it != modules_.end() ? it->second : nullptr;
+}
+
+RuntimeModule& Runtime::GetModule(std::type_index type,
+                                  const std::function<std::unique_ptr<RuntimeModule>()>& make) {
+    if (RuntimeModule* module = FindModule(type)) return *module;
+    // Creation may create the modules this one depends on, on the same thread.
+    std::lock_guard creating(creating_);
+    if (RuntimeModule* module = FindModule(type)) return *module;
+    auto created = make();
+    RuntimeModule* module = created.get();
+    std::unique_lock lock(modulesMutex_);
+    owned_.push_back(std::move(created));
+    modules_.emplace(type, module);
+    return *module;
+}
+
+std::vector<RuntimeModule*> Runtime::ModulesByStage() {
+    std::vector<RuntimeModule*> modules;
+    {
+        std::shared_lock lock(modulesMutex_);
+        for (const auto& module : owned_) modules.push_back(module.get());
+    }
+    std::stable_sort(modules.begin(), modules.end(),
+                     [](RuntimeModule* a, RuntimeModule* b) { return a->Stage() < b->Stage(); });
+    return modules;
+}
 
 void Runtime::SetPrivacyStatus(std::int32_t status) {
-    velmora::SetPrivacyStatus(Config(), status, Settings(), log_, HitQueue());
+    velmora::SetPrivacyStatus(Config(), status, Settings(), log_, hitQueueControl_.load());
 }
 
 bool Runtime::Flush(std::chrono::milliseconds timeout) {
@@ -96,15 +130,24 @@ bool Runtime::Flush(std::chrono::milliseconds timeout) {
     auto left = [&] {
         return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     };
-    for (SerialQueue* queue : {general_.IfCreated()}) {
-        if (queue != nullptr && !queue->Drain(left())) return false;
+    if (auto* queue = general_.IfCreated(); queue != nullptr && !queue->Drain(left())) return false;
+    bool done = true;
+    for (RuntimeModule* module : ModulesByStage()) {
+        auto remaining = std::max(left(), std::chrono::milliseconds(0));
+        done = module->Flush(remaining) && done;
     }
-    return true;
+    return done;
 }
 
 void Runtime::Shutdown() {
-    // Upstream queues first: each may still post to the ones after it.
+    {
+        std::lock_guard creating(creating_);
+        if (shutDown_) return;
+        shutDown_ = true;
+    }
+    // Upstream first: each stage may still post to the ones after it.
     if (auto* queue = general_.IfCreated()) queue->Shutdown();
+    for (RuntimeModule* module : ModulesByStage()) module->Shutdown();
 }
 
 }  // namespace velmora

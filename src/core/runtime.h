@@ -10,9 +10,38 @@
 #include "core/settings_store.h"
 
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <shared_mutex>
+#include <typeindex>
+#include <unordered_map>
+#include <vector>
 
 namespace velmora {
+
+// A part of the library that the runtime creates on first use. A module type T provides
+//   static std::unique_ptr<T> Create(Runtime& runtime);
+// which takes the services it needs from the runtime and passes them to T's constructor, so tests
+// can also build T directly. Create must be cheap: loading files or talking to servers belongs on
+// the module's own queue.
+class RuntimeModule {
+public:
+    virtual ~RuntimeModule() = default;
+    // Modules post work to modules of higher stages only; flush and shutdown run in stage order.
+    virtual int Stage() const = 0;
+    // True when everything posted before the call has run within `timeout` (and, for the hit
+    // queue, the sender is idle with nothing left queued).
+    virtual bool Flush(std::chrono::milliseconds /*timeout*/) { return true; }
+    // Runs what was posted, then stops and joins the module's threads.
+    virtual void Shutdown() {}
+};
+
+// Stages, in the direction work flows.
+inline constexpr int kStageFeature = 10;      // lifecycle, media, offers: fed by the general queue
+inline constexpr int kStageEngagement = 20;   // timed actions, audience: fed by lifecycle
+inline constexpr int kStageAnalytics = 30;    // hit building on the analytics queue
+inline constexpr int kStageHitQueue = 40;     // the persistent queue and its sender
+inline constexpr int kStageServices = 50;     // device context, HTTP: no queues of their own
 
 // The composition root. It builds every module on first use, hands each the services it needs,
 // and owns the threads. The process-wide instance is created by the first public call and never
@@ -39,6 +68,21 @@ public:
     ConfigSettings& Config();
 
     SerialQueue& GeneralQueue();
+    ModuleGates& Gates();
+
+    template <class T>
+    T& Get() {
+        static_assert(std::is_base_of_v<RuntimeModule, T>, "modules derive from RuntimeModule");
+        return static_cast<T&>(GetModule(std::type_index(typeid(T)),
+                                         [this]() -> std::unique_ptr<RuntimeModule> { return T::Create(*this); }));
+    }
+    template <class T>
+    T* IfCreated() {
+        return static_cast<T*>(FindModule(std::type_index(typeid(T))));
+    }
+
+    // The hit queue's side of the privacy setter; registered by the hit queue when it is created.
+    void SetHitQueueControl(HitQueueControl* control) { hitQueueControl_.store(control); }
 
     // The privacy setter, run on the general queue by the public class.
     void SetPrivacyStatus(std::int32_t status);
@@ -50,7 +94,9 @@ public:
 
 private:
     void EnsureLocalDirectory();
-    HitQueueControl* HitQueue();
+    RuntimeModule& GetModule(std::type_index type, const std::function<std::unique_ptr<RuntimeModule>()>& make);
+    RuntimeModule* FindModule(std::type_index type);
+    std::vector<RuntimeModule*> ModulesByStage();
 
     const HostOptions host_;
     Logger log_;
@@ -61,6 +107,14 @@ private:
     Lazy<FileStore> files_;
     Lazy<ConfigSettings> config_;
     Lazy<SerialQueue> general_;
+    Lazy<ModuleGates> gates_;
+
+    std::recursive_mutex creating_;
+    std::shared_mutex modulesMutex_;
+    std::unordered_map<std::type_index, RuntimeModule*> modules_;
+    std::vector<std::unique_ptr<RuntimeModule>> owned_;  // creation order
+    std::atomic<HitQueueControl*> hitQueueControl_{nullptr};
+    bool shutDown_ = false;
 };
 
 }  // namespace velmora

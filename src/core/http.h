@@ -1,0 +1,79 @@
+#pragma once
+
+#include "core/log.h"
+#include "core/runtime.h"
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+// A transport failure of one request (name resolution, refused or reset connection, redirect
+// loop, malformed URL...). `Code()` is the platform-style result code the failure maps onto, so
+// DescribeHResult gives the message of the request service's table.
+class TransportError : public std::runtime_error {
+public:
+    TransportError(std::int64_t code, const std::string& message) : std::runtime_error(message), code_(code) {}
+    std::int64_t Code() const { return code_; }
+
+private:
+    std::int64_t code_;
+};
+
+// The message of the request service's table for a result code; "Unknown COMException" otherwise.
+const char* DescribeHResult(std::int64_t code);
+
+// Shared by every request of a runtime: the host's connect-to entries and a connection cache, so
+// that consecutive requests to one server reuse their connection.
+class HttpClient : public RuntimeModule {
+public:
+    HttpClient(const Logger& log, std::vector<std::string> connectTo);
+    ~HttpClient() override;
+    static std::unique_ptr<HttpClient> Create(Runtime& runtime);
+    int Stage() const override { return kStageServices; }
+
+    struct Shared;
+    Shared& shared() { return *shared_; }
+    const Logger& log() const { return log_; }
+
+private:
+    const Logger& log_;
+    std::unique_ptr<Shared> shared_;
+};
+
+// One HTTP GET. A time-out covers the whole request (resolution, connection and response) and is
+// no failure: GetStatusCode gives 408 and GetResponseText "". Every other transport failure is
+// logged as a debug line and thrown as TransportError for the caller to handle.
+class RequestHandler {
+public:
+    RequestHandler(HttpClient& client, std::string uri);
+    ~RequestHandler();
+    RequestHandler(const RequestHandler&) = delete;
+    RequestHandler& operator=(const RequestHandler&) = delete;
+
+    void SetTimeout(std::int32_t milliseconds) { timeoutMilliseconds_ = milliseconds; }
+    void SetHeader(const std::string& name, const std::string& value);  // added without validation
+    void SetCookie(const std::string& name, const std::string& value);  // sent with the request
+
+    std::int32_t GetStatusCode();
+    std::string GetResponseText();
+
+    // Cookies set by the response ("Set-Cookie"), by name, after GetStatusCode / GetResponseText.
+    const StringMap& ResponseCookies() const { return responseCookies_; }
+
+private:
+    struct Result;
+    Result Perform(bool wantBody);
+
+    HttpClient& client_;
+    std::string uri_;
+    std::int32_t timeoutMilliseconds_ = 0;
+    std::vector<std::string> headers_;
+    StringMap cookies_;
+    StringMap responseCookies_;
+};
+
+}  // namespace velmora
