@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, builds, runs every test, then again under
-# AddressSanitizer with UndefinedBehaviorSanitizer, then under ThreadSanitizer.
+# AddressSanitizer with UndefinedBehaviorSanitizer, then under ThreadSanitizer, then fuzzes every
+# parser for a bounded time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -22,4 +23,6 @@ export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
 run plain
 run asan
 run tsan
+echo "==> fuzz: every parser for ${FUZZ_SECONDS:-30}s"
+bash scripts/fuzz.sh
 echo "All test flavours passed."

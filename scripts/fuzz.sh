@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang and runs each for a bounded time (default 30 s).
+# Fails on any crash, leak or sanitizer finding; findings are written to build/fuzz/findings/.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds="${FUZZ_SECONDS:-30}"
+
+bash scripts/build.sh fuzz
+mkdir -p build/fuzz/findings
+status=0
+for target in build/fuzz/fuzz/fuzz_*; do
+  name="$(basename "$target")"
+  seeds="fuzz/corpus/${name#fuzz_}"
+  corpus="build/fuzz/corpus/$name"
+  mkdir -p "$corpus"
+  echo "==> $name for ${seconds}s"
+  if ! "$target" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 -print_final_stats=0 \
+       -artifact_prefix="build/fuzz/findings/$name-" "$corpus" "$seeds" >"build/fuzz/$name.log" 2>&1; then
+    echo "$name found a problem:"; tail -40 "build/fuzz/$name.log"; status=1
+  else
+    grep -E "^Done|#[0-9]+.*DONE" "build/fuzz/$name.log" | tail -1 || true
+  fi
+done
+exit $status
