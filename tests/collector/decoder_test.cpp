@@ -104,9 +104,8 @@ TEST(CollectorDecoder, RoundTripsEveryCharacterTheLibraryEscapes) {
     const std::vector<std::string> texts = {everyAscii, "a b&c=d", "%41", "&c.", "&.c", "\xE6\x97\xA5\xE6\x9C\xAC",
                                             "x\xF0\x9F\x8E\x89y", "..", "="};
     for (const std::string& text : texts) {
-        std::string body = "&" + EscapeComponent(text) + "=" + EscapeComponent(text) + "&c.&" + EscapeComponent(text) +
-                           "=" + EscapeComponent(text) + "&" + EscapeComponent(text) + ".&inner=" + EscapeComponent(text) +
-                           "&." + EscapeComponent(text) + "&.c";
+        const std::string e = EscapeComponent(text);
+        std::string body = "&" + e + "=" + e + "&c.&" + e + "=" + e + "&" + e + ".&inner=" + e + "&." + e + "&.c";
         Hit hit = DecodeHit(kPrefix + body + "&AQE=1");
         EXPECT_EQ(hit.variables, (StringMap{{text, text}}));
         EXPECT_EQ(hit.contextData, (StringMap{{text, text}, {text + ".inner", text}}));

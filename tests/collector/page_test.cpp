@@ -47,7 +47,8 @@ TEST(CollectorPage, ListsHitsNewestFirstWithTheirTablesInABrowser) {
     ASSERT_FALSE(dom.empty()) << "chromium gave no document";
 
     for (const char* expected :
-         {"2 hits", "Welcome Screen", "Checkout Tapped", "report suite demo.rsid", "<th>a.AppID</th><td>Demo 1.0 (7)</td>",
+         {"2 hits", "Welcome Screen", "Checkout Tapped", "report suite demo.rsid",
+          "<th>a.AppID</th><td>Demo 1.0 (7)</td>",
           "<th>city</th><td>K\xC3\xB6ln</td>", "<th>pageName</th><td>Welcome Screen</td>",
           "/b/ss/demo.rsid/0/WINU-4.0.0/s2?AQB=1&amp;ndh=1&amp;pev2=Checkout%20Tapped", "2024-05-01T12:00:00.000Z"}) {
         EXPECT_NE(dom.find(expected), std::string::npos) << expected << "\n" << dom;

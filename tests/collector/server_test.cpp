@@ -31,7 +31,8 @@ TEST(CollectorServer, DecodesHitsIntoTheFeedAndOneJsonLineEach) {
     options.json = true;
     RunningCollector running(options);
     auto client = running.Client();
-    const std::string first = HitTarget("111", "&pageName=Home%20%26%20More&ts=1714564800&c.&a.&AppID=Demo%201.0&.a&.c");
+    const std::string first =
+        HitTarget("111", "&pageName=Home%20%26%20More&ts=1714564800&c.&a.&AppID=Demo%201.0&.a&.c");
     const std::string second = HitTarget("222", "&pev2=Buy&c.&item=%C3%BC&item.&n=2&.item&.c");
     ASSERT_EQ(client->Get(first)->status, 200);
     ASSERT_EQ(client->Get(second)->status, 200);
@@ -83,13 +84,18 @@ TEST(CollectorServer, RejectsMalformedRequestsWithALogLineAndKeepsServing) {
     auto unknown = client->Get("/nothing/here");
     ASSERT_TRUE(unknown);
     EXPECT_EQ(unknown->status, 404);
+    auto tooLong = client->Get(HitTarget("1", "&x=" + std::string(9000, 'a')));
+    ASSERT_TRUE(tooLong);
+    EXPECT_EQ(tooLong->status, 414);
 
     auto errors = running.ErrLines();
-    ASSERT_EQ(errors.size(), bad.size() + 1);
+    ASSERT_EQ(errors.size(), bad.size() + 2);
     for (std::size_t i = 0; i < bad.size(); ++i) {
         EXPECT_EQ(errors[i].rfind("velmora-collector: 400 for GET " + bad[i] + ": ", 0), 0u) << errors[i];
     }
-    EXPECT_EQ(errors.back(), "velmora-collector: 404 for GET /nothing/here: no such endpoint");
+    EXPECT_EQ(errors[bad.size()], "velmora-collector: 404 for GET /nothing/here: no such endpoint");
+    EXPECT_EQ(errors.back().rfind("velmora-collector: 414 for ", 0), 0u) << errors.back();
+    EXPECT_NE(errors.back().find("request target too long"), std::string::npos) << errors.back();
     EXPECT_EQ(running.collector().Hits().TotalReceived(), 0u);
 
     EXPECT_EQ(client->Get(HitTarget("2", "&pageName=ok"))->status, 200);
@@ -145,7 +151,9 @@ TEST(CollectorServer, ManyClientsAtOnceGetDistinctNumbers) {
     for (int t = 0; t < 4; ++t) {
         senders.emplace_back([&running, t] {
             auto client = running.Client();
-            for (int i = 0; i < 25; ++i) client->Get(HitTarget("1", "&t=" + std::to_string(t) + "&i=" + std::to_string(i)));
+            for (int i = 0; i < 25; ++i) {
+                client->Get(HitTarget("1", "&t=" + std::to_string(t) + "&i=" + std::to_string(i)));
+            }
         });
     }
     for (auto& sender : senders) sender.join();
@@ -195,6 +203,14 @@ TEST(CollectorServer, AnswersIdentifierOfferAndAudienceRequests) {
 
     EXPECT_EQ(running.collector().Hits().TotalReceived(), 0u);
     EXPECT_TRUE(running.ErrLines().empty());
+}
+
+TEST(CollectorServer, ASecondCollectorCannotTakeTheSamePort) {
+    RunningCollector running;
+    CollectorOptions options;
+    options.port = running.port();
+    Collector second(options, Output{[](std::string_view) {}, [](std::string_view) {}});
+    EXPECT_THROW(second.Bind(), std::runtime_error);
 }
 
 TEST(CollectorServer, ServesTheSelfContainedPage) {

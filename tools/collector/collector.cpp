@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <sys/socket.h>
+
 #include <charconv>
 #include <chrono>
 #include <stdexcept>
@@ -55,6 +57,12 @@ json PairsObject(const QueryPairs& pairs) {
 
 Collector::Collector(CollectorOptions options, Output output)
     : options_(std::move(options)), output_(std::move(output)), hits_(options_.keep) {
+    // Quick restarts may reuse the address, but a second collector must not share the port and
+    // take half of the hits: the library's default asks for SO_REUSEPORT.
+    server_.set_socket_options([](socket_t socket) {
+        int yes = 1;
+        ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     Routes();
 }
 
@@ -110,6 +118,14 @@ void Collector::Routes() {
     });
     server_.Get("/favicon.ico", [](const Request&, Response& r) { r.status = 204; });
     server_.Get(".*", [this](const Request& q, Response& r) { Reject(q, r, 404, "no such endpoint"); });
+    // The HTTP layer answers some requests by itself (a target over its 8 KiB limit, a broken
+    // request line, a method without a route); every answer of ours carries a body.
+    server_.set_error_handler(httplib::Server::HandlerWithResponse([this](const Request& q, Response& r) {
+        if (!r.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
+        int status = r.status;
+        Reject(q, r, status, status == 414 ? "request target too long" : "refused by the HTTP layer");
+        return httplib::Server::HandlerResponse::Handled;
+    }));
     server_.set_exception_handler([this](const Request& q, Response& r, std::exception_ptr error) {
         std::string what = "unexpected failure";
         try {
@@ -140,7 +156,7 @@ void Collector::OnHit(const httplib::Request& request, httplib::Response& respon
     }
     WaitBeforeAnswer();
     response.status = options_.hitStatus;
-    response.set_content("", "text/plain");
+    response.set_content(options_.hitStatus >= 400 ? "answered as asked by --status\n" : "", "text/plain");
 }
 
 void Collector::OnId(const httplib::Request& request, httplib::Response& response) {
@@ -236,8 +252,9 @@ void Collector::Reject(const httplib::Request& request, httplib::Response& respo
     response.status = status;
     response.set_content(reason + "\n", "text/plain; charset=utf-8");
     std::lock_guard lock(printMutex_);
-    output_.err("velmora-collector: " + std::to_string(status) + " for " + request.method + " " +
-                Printable(request.target) + ": " + Printable(reason) + "\n");
+    // A request the HTTP layer could not read has neither method nor target.
+    std::string what = request.method.empty() ? "a request" : request.method + " " + Printable(request.target);
+    output_.err("velmora-collector: " + std::to_string(status) + " for " + what + ": " + Printable(reason) + "\n");
 }
 
 void Collector::Print(const std::string& text) {
