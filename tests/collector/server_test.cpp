@@ -147,6 +147,9 @@ TEST(CollectorServer, ManyClientsAtOnceGetDistinctNumbers) {
     CollectorOptions options;
     options.json = true;
     RunningCollector running(options);
+    // The HTTP library is prebuilt without ThreadSanitizer: what it sets up on its first request is
+    // shared out of the sanitizer's sight and reported as a race. One request alone goes first.
+    ASSERT_EQ(running.Client()->Get(HitTarget("1", "&first=1"))->status, 200);
     std::vector<std::thread> senders;
     for (int t = 0; t < 4; ++t) {
         senders.emplace_back([&running, t] {
@@ -158,7 +161,7 @@ TEST(CollectorServer, ManyClientsAtOnceGetDistinctNumbers) {
     }
     for (auto& sender : senders) sender.join();
     auto lines = running.OutLines();
-    ASSERT_EQ(lines.size(), 100u);
+    ASSERT_EQ(lines.size(), 101u);
     for (std::size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(json::parse(lines[i])["id"], i + 1);
 }
 
