@@ -135,6 +135,7 @@ void HitQueue::Clear() {
     {
         std::lock_guard lock(mutex_);
         hits_.clear();
+        inFlight_.reset();
         ++changes_;
         ++clears_;
     }
@@ -191,7 +192,8 @@ void HitQueue::SaveNow() {
     {
         std::lock_guard lock(mutex_);
         if (changes_ == savedChanges_) return;
-        members.reserve(hits_.size());
+        members.reserve(hits_.size() + 1);
+        if (inFlight_) members.push_back(inFlight_);
         for (const auto& hit : hits_) members.push_back(hit.json);
         changes = changes_;
         through = nextSequence_ - 1;  // every hit so far is in this snapshot or already gone
@@ -299,7 +301,7 @@ bool HitQueue::TakeFront(QueuedHit& hit, std::uint64_t& clearGeneration) {
             if (hits_.front().sequence <= savedThrough_) {
                 hit = std::move(hits_.front());
                 hits_.pop_front();
-                senderChanges_ = ++changes_;
+                inFlight_ = hit.json;  // the file does not change until the answer is known
                 clearGeneration = clears_;
                 return true;
             }
@@ -310,8 +312,9 @@ bool HitQueue::TakeFront(QueuedHit& hit, std::uint64_t& clearGeneration) {
 
 void HitQueue::PutBack(QueuedHit hit, std::uint64_t clearGeneration) {
     std::lock_guard lock(mutex_);
-    if (clears_ != clearGeneration) return;  // cleared while it was in flight: it stays gone
-    hits_.push_front(std::move(hit));
+    inFlight_.reset();
+    // Cleared while it was in flight (an opt-out): it stays gone.
+    if (clears_ == clearGeneration) hits_.push_front(std::move(hit));
     senderChanges_ = ++changes_;
 }
 
@@ -319,6 +322,8 @@ void HitQueue::Removed() {
     bool due;
     {
         std::lock_guard lock(mutex_);
+        inFlight_.reset();
+        senderChanges_ = ++changes_;
         due = std::chrono::steady_clock::now() - lastSave_ >= kSaveInterval;
     }
     // While a backlog drains, the work queue saves at most every interval; the end of the run

@@ -45,7 +45,8 @@ std::string QueueFileMember(const std::string& hit, std::int32_t timestamp);
 // file is rewritten as a whole but not after every change: changes that arrive in a burst share a
 // save, made when no further change is waiting or at the latest every 100 ms, and every save reuses
 // the member text each hit got when it was queued. A hit is written to the file before the sender
-// sends it, so a crash can make a hit be sent twice but never lose one.
+// sends it and stays there until the answer is known, so a crash can make a hit be sent twice but
+// never lose one.
 //
 // The sender is one thread that sleeps until it is started, then sends the hits one at a time in
 // order until the queue is empty, the privacy status is not opt-in or there is no connection.
@@ -93,7 +94,7 @@ private:
     void Run();
     bool TakeFront(QueuedHit& hit, std::uint64_t& clearGeneration);
     void PutBack(QueuedHit hit, std::uint64_t clearGeneration);
-    void Removed();  // the sender dropped or delivered a hit
+    void Removed();  // the sender dropped or delivered the hit in flight
     bool Cooldown();
     bool Interrupted() const;
     // The outcome of one attempt: whether to put the hit back and wait out a cooldown.
@@ -110,6 +111,8 @@ private:
     // The queue lock: the hits and the bookkeeping of what the file holds.
     mutable std::mutex mutex_;
     std::deque<QueuedHit> hits_;
+    // The hit being sent stays in the file until its answer is known, so a crash cannot lose it.
+    std::shared_ptr<const std::string> inFlight_;
     std::uint64_t nextSequence_ = 1;
     std::uint64_t changes_ = 0;       // bumped by every change of `hits_`
     std::uint64_t savedChanges_ = 0;  // `changes_` as of the last save

@@ -8,6 +8,8 @@ namespace velmora::test {
 
 Collector::Collector() {
     server_.set_keep_alive_max_count(100000);
+    // Stopping waits for open keep-alive connections, such as the process-wide runtime's.
+    server_.set_keep_alive_timeout(1);
     server_.Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
         std::function<void(const std::string&)> observer;
         int status = 200;

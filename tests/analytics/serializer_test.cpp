@@ -8,25 +8,17 @@
 namespace velmora {
 namespace {
 
-struct CleanCase {
-    std::string key;
-    std::string cleaned;
-};
-
-class KeyCleaning : public ::testing::TestWithParam<CleanCase> {};
-
-TEST_P(KeyCleaning, RemovesNonWordCharactersAndDotsFirst) {
+TEST(KeyCleaning, RemovesNonWordCharactersAndDotsBeforeLookingAtDots) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"", ""},           {"plain_Key9", "plain_Key9"}, {"my key!", "mykey"},
+        {"a.action", "aaction"}, {"..a...b..", "ab"},    {"&&", ""},
+        {"&&pe", "pe"},     {"caf\xC3\xA9-bar", "cafbar"}, {"a/b?c=d&e", "abcde"},
+    };
     KeyCleaner cleaner;
-    EXPECT_EQ(cleaner.Clean(GetParam().key), GetParam().cleaned);
-    EXPECT_EQ(cleaner.Clean(GetParam().key), GetParam().cleaned) << "remembered result differs";
+    for (int round = 0; round < 2; ++round) {  // the second round comes from what was remembered
+        for (const auto& [key, cleaned] : cases) EXPECT_EQ(cleaner.Clean(key), cleaned) << key << " round " << round;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Keys, KeyCleaning,
-                         ::testing::Values(CleanCase{"", ""}, CleanCase{"plain_Key9", "plain_Key9"},
-                                           CleanCase{"my key!", "mykey"}, CleanCase{"a.action", "aaction"},
-                                           CleanCase{"..a...b..", "ab"}, CleanCase{"&&", ""},
-                                           CleanCase{"&&pe", "pe"}, CleanCase{"caf\xC3\xA9-bar", "cafbar"},
-                                           CleanCase{"a/b?c=d&e", "abcde"}));
 
 TEST(ContextTree, DottedKeysNestAndEmptySegmentsStopTheWalk) {
     struct Case {
