@@ -14,43 +14,166 @@ namespace {
 
 using Json = nlohmann::json;
 
-std::int32_t TimestampOf(const Json& value) {
-    constexpr auto kMin = std::numeric_limits<std::int32_t>::min();
-    constexpr auto kMax = std::numeric_limits<std::int32_t>::max();
-    if (value.is_number_unsigned()) return static_cast<std::int32_t>(std::min<std::uint64_t>(value.get<std::uint64_t>(), kMax));
-    if (value.is_number_integer()) return static_cast<std::int32_t>(std::clamp<std::int64_t>(value.get<std::int64_t>(), kMin, kMax));
-    const double seconds = value.get<double>();
-    if (!(seconds > kMin)) return kMin;
-    if (!(seconds < kMax)) return kMax;
+constexpr auto kMinTimestamp = std::numeric_limits<std::int32_t>::min();
+constexpr auto kMaxTimestamp = std::numeric_limits<std::int32_t>::max();
+
+std::int32_t ClampTimestamp(double seconds) {
+    if (!(seconds > kMinTimestamp)) return kMinTimestamp;
+    if (!(seconds < kMaxTimestamp)) return kMaxTimestamp;
     return static_cast<std::int32_t>(seconds);
+}
+
+// Reads the queue file as a stream of events: no document tree is built for a file that may hold
+// thousands of hits, and the hits before a damaged part are kept.
+class QueueFileReader final : public nlohmann::json_sax<Json> {
+public:
+    explicit QueueFileReader(std::vector<QueuedHit>& hits) : hits_(hits) {}
+    bool SawHits() const { return sawHits_; }
+
+    bool null() override { return Value(Kind::kOther); }
+    bool boolean(bool) override { return Value(Kind::kOther); }
+    bool number_integer(number_integer_t value) override {
+        if (At("T")) timestamp_ = static_cast<std::int32_t>(std::clamp<number_integer_t>(value, kMinTimestamp, kMaxTimestamp));
+        return Value(Kind::kNumber);
+    }
+    bool number_unsigned(number_unsigned_t value) override {
+        if (At("T")) timestamp_ = static_cast<std::int32_t>(std::min<number_unsigned_t>(value, kMaxTimestamp));
+        return Value(Kind::kNumber);
+    }
+    bool number_float(number_float_t value, const string_t&) override {
+        if (At("T")) timestamp_ = ClampTimestamp(value);
+        return Value(Kind::kNumber);
+    }
+    bool string(string_t& value) override {
+        if (At("H")) hit_ = std::move(value);
+        return Value(Kind::kString);
+    }
+    bool binary(binary_t&) override { return Value(Kind::kOther); }
+
+    bool start_object(std::size_t) override { return Open(Kind::kObject); }
+    bool start_array(std::size_t) override { return Open(Kind::kArray); }
+    bool key(string_t& key) override {
+        if (skip_ == 0) key_ = std::move(key);
+        return true;
+    }
+    bool end_object() override { return Close(); }
+    bool end_array() override { return Close(); }
+
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) override {
+        throw std::runtime_error(error.what());
+    }
+
+private:
+    enum class Kind { kNumber, kString, kObject, kArray, kOther };
+
+    bool At(const char* member) const { return skip_ == 0 && depth_ == 3 && key_ == member; }
+
+    // A scalar, or the start of a container, seen where the current depth expects a value.
+    bool Value(Kind kind) {
+        if (skip_ > 0) return true;
+        switch (depth_) {
+            case 0:
+                throw std::runtime_error("the document is not a JSON object");
+            case 1:
+                if (key_ == "Hits" && kind != Kind::kArray) throw std::runtime_error("\"Hits\" is not an array");
+                break;
+            case 2:
+                if (kind != Kind::kObject) throw std::runtime_error("a queued hit is not a JSON object");
+                break;
+            case 3:
+                if (key_ == "T") {
+                    if (kind != Kind::kNumber) throw std::runtime_error("a queued hit's \"T\" is not a number");
+                    hasTimestamp_ = true;
+                } else if (key_ == "H") {
+                    if (kind != Kind::kString) throw std::runtime_error("a queued hit's \"H\" is not a string");
+                    hasHit_ = true;
+                }
+                break;
+            default:
+                break;
+        }
+        return true;
+    }
+
+    bool Open(Kind kind) {
+        if (skip_ > 0) {
+            ++skip_;
+            return true;
+        }
+        if (depth_ == 0 && kind != Kind::kObject) throw std::runtime_error("the document is not a JSON object");
+        if (depth_ > 0) Value(kind);
+        const bool wanted = depth_ == 0 || (depth_ == 1 && key_ == "Hits") || depth_ == 2;
+        if (!wanted) {
+            skip_ = 1;  // a member the file format does not know: ignored whole
+            return true;
+        }
+        if (depth_ == 2) {
+            hasTimestamp_ = hasHit_ = false;
+            hit_.clear();
+        }
+        key_.clear();
+        ++depth_;
+        return true;
+    }
+
+    bool Close() {
+        if (skip_ > 0) {
+            --skip_;
+            return true;
+        }
+        if (depth_ == 3) {
+            if (!hasTimestamp_ || !hasHit_) throw std::runtime_error("a queued hit lacks its \"T\" or \"H\"");
+            QueuedHit queued;
+            queued.hit = std::move(hit_);
+            queued.timestamp = timestamp_;
+            queued.json = std::make_shared<const std::string>(QueueFileMember(queued.hit, queued.timestamp));
+            hits_.push_back(std::move(queued));
+        } else if (depth_ == 2) {
+            sawHits_ = true;
+        }
+        --depth_;
+        key_.clear();
+        return true;
+    }
+
+    std::vector<QueuedHit>& hits_;
+    int depth_ = 0;  // 1: the document, 2: the "Hits" array, 3: one hit
+    int skip_ = 0;   // nesting inside an ignored member
+    std::string key_;
+    bool sawHits_ = false;
+    bool hasTimestamp_ = false;
+    bool hasHit_ = false;
+    std::int32_t timestamp_ = 0;
+    std::string hit_;
+};
+
+// Plain printable ASCII is its own JSON string text; everything else goes through the serializer.
+bool NeedsEscaping(const std::string& text) {
+    for (unsigned char c : text) {
+        if (c < 0x20 || c >= 0x7F || c == '"' || c == '\\') return true;
+    }
+    return false;
 }
 
 }  // namespace
 
 void ParseQueueFile(const std::string& text, std::vector<QueuedHit>& hits) {
     if (text.empty()) return;  // a file that did not exist yet
-    const Json root = Json::parse(text);
-    if (!root.is_object()) throw std::runtime_error("the document is not a JSON object");
-    const auto list = root.find("Hits");
-    if (list == root.end() || !list->is_array()) throw std::runtime_error("the document has no \"Hits\" array");
-    for (const auto& item : *list) {
-        if (!item.is_object()) throw std::runtime_error("a queued hit is not a JSON object");
-        const auto timestamp = item.find("T");
-        const auto hit = item.find("H");
-        if (timestamp == item.end() || !timestamp->is_number() || hit == item.end() || !hit->is_string()) {
-            throw std::runtime_error("a queued hit lacks its \"T\" number or \"H\" string");
-        }
-        QueuedHit queued;
-        queued.hit = hit->get<std::string>();
-        queued.timestamp = TimestampOf(*timestamp);
-        queued.json = std::make_shared<const std::string>(QueueFileMember(queued.hit, queued.timestamp));
-        hits.push_back(std::move(queued));
-    }
+    QueueFileReader reader(hits);
+    Json::sax_parse(text, &reader);
+    if (!reader.SawHits()) throw std::runtime_error("the document has no \"Hits\" array");
 }
 
 std::string QueueFileMember(const std::string& hit, std::int32_t timestamp) {
     std::string member = "{\"T\":" + std::to_string(timestamp) + ",\"H\":";
-    member += Json(hit).dump(-1, ' ', false, Json::error_handler_t::replace);
+    if (NeedsEscaping(hit)) {
+        member += Json(hit).dump(-1, ' ', false, Json::error_handler_t::replace);
+    } else {
+        member.reserve(member.size() + hit.size() + 3);
+        member += '"';
+        member += hit;
+        member += '"';
+    }
     member += '}';
     return member;
 }

@@ -155,6 +155,8 @@ TEST(Builder, BaseUrlFollowsTheSslSwitch) {
 
 TEST(QueueFile, MembersRoundTripAndBadEntriesKeepWhatCameBefore) {
     EXPECT_EQ(QueueFileMember("s1?a=\"q\"\\", 7), R"({"T":7,"H":"s1?a=\"q\"\\"})");
+    EXPECT_EQ(QueueFileMember("s1?AQB=1&x=%20/", -1), R"({"T":-1,"H":"s1?AQB=1&x=%20/"})");
+    EXPECT_EQ(QueueFileMember("tab\there", 1), R"({"T":1,"H":"tab\there"})");
     struct Case {
         std::string text;
         std::vector<std::pair<std::int32_t, std::string>> hits;
@@ -169,7 +171,10 @@ TEST(QueueFile, MembersRoundTripAndBadEntriesKeepWhatCameBefore) {
         {R"({"Hits":[{"T":1,"H":"s1"},{"H":"s2"}]})", {{1, "s1"}}, true},
         {R"({"Hits":{"T":1}})", {}, true},
         {R"([{"T":1,"H":"s1"}])", {}, true},
-        {R"({"Hits":[{"T":1,"H":"s1"})", {}, true},
+        {R"({"Hits":[{"T":1,"H":"s1"},{"T":2,"H":"s2")", {{1, "s1"}}, true},
+        {R"({"Hits":[{"T":1,"H":"s1","X":{"T":"x","H":[1]}}],"Other":[{"T":"x"}],"N":5})", {{1, "s1"}}, false},
+        {R"({"Hits":[{"H":"s\u00e9\"","Y":9,"T":-5}]})", {{-5, "s\xC3\xA9\""}}, false},
+        {R"({"Hits":[{"T":99999999999,"H":"s1"}]})", {{2147483647, "s1"}}, false},
         {"garbage", {}, true},
     };
     for (const auto& c : cases) {
