@@ -22,6 +22,7 @@
 #include <sstream>
 #include <thread>
 #include <unistd.h>
+#include <malloc.h>
 #include <vector>
 
 namespace {
@@ -202,6 +203,7 @@ void BM_OfflineBacklogInFileAndLoad(benchmark::State& state) {
         const auto inFile = Clock::now() - last;
         const double rss = StatusMegabytes("VmRSS:");
         const double peakRss = StatusMegabytes("VmHWM:");
+        state.counters["heap_in_use_MB"] = mallinfo2().uordblks / 1048576.0;
         {
             std::vector<QueuedHit> saved;
             ParseQueueFile(runtime->Files().Read(HitQueue::kFileName), saved);
@@ -226,6 +228,7 @@ void BM_OfflineBacklogInFileAndLoad(benchmark::State& state) {
         state.counters["rss_MB"] = rss;
         state.counters["peak_rss_MB"] = peakRss;
         runtime.reset();
+        state.counters["heap_after_shutdown_MB"] = mallinfo2().uordblks / 1048576.0;
     }
 }
 BENCHMARK(BM_OfflineBacklogInFileAndLoad)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
