@@ -44,8 +44,9 @@ public:
         if (At("T")) timestamp_ = ClampTimestamp(value);
         return Value(Kind::kNumber);
     }
+    // Copies, not moves: the parser reuses its buffer for the next token.
     bool string(string_t& value) override {
-        if (At("H")) hit_ = std::move(value);
+        if (At("H")) hit_.assign(value);
         return Value(Kind::kString);
     }
     bool binary(binary_t&) override { return Value(Kind::kOther); }
@@ -53,7 +54,7 @@ public:
     bool start_object(std::size_t) override { return Open(Kind::kObject); }
     bool start_array(std::size_t) override { return Open(Kind::kArray); }
     bool key(string_t& key) override {
-        if (skip_ == 0) key_ = std::move(key);
+        if (skip_ == 0) key_.assign(key);
         return true;
     }
     bool end_object() override { return Close(); }
