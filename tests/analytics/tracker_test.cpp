@@ -121,10 +121,5 @@ TEST_F(TrackerTest, CallsFromSeveralThreadsKeepEachThreadsOrder) {
     for (int t = 0; t < kThreads; ++t) EXPECT_EQ(next[t], kPerThread);
 }
 
-TEST_F(TrackerTest, TheTrackingIdentifierIsTheStoredAid) {
-    Start(R"({"analytics":{"rsids":"","server":""}})");
-    EXPECT_EQ(tracker().TrackingIdentifierAsync().get(), kAid);
-}
-
 }  // namespace
 }  // namespace velmora::test
