@@ -3,3 +3,6 @@
 #include <velmora/Config.h>
 #include <velmora/Host.h>
 #include <velmora/Types.h>
+
+#include <velmora/Analytics.h>
+#include <velmora/Cohorta.h>
