@@ -4,5 +4,8 @@
 #include <velmora/Host.h>
 #include <velmora/Types.h>
 
+// Analytics
 #include <velmora/Analytics.h>
+
+// Audience
 #include <velmora/Cohorta.h>
