@@ -1,5 +1,6 @@
 #include <velmora/Analytics.h>
 
+#include "analytics/tracker.h"
 #include "analytics/values.h"
 #include "api/guard.h"
 #include "core/device.h"
@@ -12,18 +13,8 @@ namespace {
 
 using velmora::Runtime;
 
-// Runs on the general queue before the work of a tracking call.
-bool AnalyticsAllowed(Runtime& runtime) {
-    if (!runtime.Gates().Analytics()) {
-        runtime.Log().Warning("Analytics - Your config file is not set up to use Analytics");
-        return false;
-    }
-    if (runtime.Config().Privacy() == velmora::kPrivacyOptOut) {
-        runtime.Log().Debug("Analytics - Ignoring hit due to privacy status being opted out");
-        return false;
-    }
-    return true;
-}
+// The analytics gate, run on the general queue before the work of a tracking call.
+bool AnalyticsAllowed(Runtime& runtime) { return runtime.Get<velmora::AnalyticsTracker>().PassesGate(); }
 
 // The display size can only be read where the application's window is reachable: here, on the
 // caller's thread, before the work is posted.

@@ -1,5 +1,6 @@
 #include "lifecycle/lifecycle.h"
 
+#include "analytics/tracker.h"
 #include "lifecycle/seconds.h"
 
 #include <charconv>
@@ -33,6 +34,12 @@ Lifecycle::Lifecycle(const ConfigSettings& config, ModuleGates& gates, SettingsS
       queue_("Analytics", log) {}
 
 Lifecycle::~Lifecycle() { queue_.Shutdown(); }
+
+std::unique_ptr<Lifecycle> Lifecycle::Create(Runtime& runtime) {
+    return std::make_unique<Lifecycle>(runtime.Config(), runtime.Gates(), runtime.Settings(), runtime.GetClock(),
+                                       runtime.Get<DeviceContext>(), runtime.Get<AnalyticsTracker>(),
+                                       runtime.Get<TimedActionStore>(), runtime.Get<CohortaClient>(), runtime.Log());
+}
 
 void Lifecycle::Start() {
     queue_.Post([this] { StartLifecycle(); });

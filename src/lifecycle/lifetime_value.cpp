@@ -1,5 +1,7 @@
 #include "lifecycle/lifetime_value.h"
 
+#include "analytics/tracker.h"
+
 #include <charconv>
 
 namespace velmora {
@@ -23,6 +25,10 @@ std::string FormatTwoDecimals(double value) {
 
 LifetimeValue::LifetimeValue(SettingsStore& settings, ActionTracker& tracker, const Logger& log)
     : settings_(settings), tracker_(tracker), log_(log) {}
+
+std::unique_ptr<LifetimeValue> LifetimeValue::Create(Runtime& runtime) {
+    return std::make_unique<LifetimeValue>(runtime.Settings(), runtime.Get<AnalyticsTracker>(), runtime.Log());
+}
 
 float LifetimeValue::GetLifetimeValue() {
     auto text = LookupText(settings_, kLifetimeValueKey);

@@ -1,5 +1,6 @@
 #include "lifecycle/timed_actions.h"
 
+#include "analytics/tracker.h"
 #include "lifecycle/seconds.h"
 
 #include <nlohmann/json.hpp>
@@ -24,6 +25,11 @@ TimedActionStore::TimedActionStore(FileStore& files, ActionTracker& tracker, con
 }
 
 TimedActionStore::~TimedActionStore() { queue_.Shutdown(); }
+
+std::unique_ptr<TimedActionStore> TimedActionStore::Create(Runtime& runtime) {
+    return std::make_unique<TimedActionStore>(runtime.Files(), runtime.Get<AnalyticsTracker>(), runtime.GetClock(),
+                                              runtime.Log());
+}
 
 void TimedActionStore::Start(const std::string& name, StringMap data) {
     queue_.Post([this, name, data = std::move(data)]() mutable { DoStart(name, std::move(data)); });

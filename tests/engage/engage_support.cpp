@@ -40,11 +40,11 @@ AudienceServer::AudienceServer() {
             paths_.push_back(request.path);
             auto it = routes_.find(request.path);
             if (it != routes_.end()) handler = it->second;
+            response.status = otherStatus_;
         }
         if (handler) {
+            response.status = 200;
             handler(request, response);
-        } else {
-            response.status = 404;
         }
     });
     port_ = server_.bind_to_any_port("127.0.0.1");
@@ -75,6 +75,11 @@ void AudienceServer::Hold(const std::string& path) {
         released_.wait_for(lock, std::chrono::seconds(10), [this] { return release_; });
         response.set_content("{}", "application/json");
     });
+}
+
+void AudienceServer::AnswerOthers(int status) {
+    std::lock_guard lock(mutex_);
+    otherStatus_ = status;
 }
 
 void AudienceServer::Release() {

@@ -48,8 +48,8 @@ public:
     bool failWrites = false;
 };
 
-// An audience and destination server on 127.0.0.1 that records each request's target (path and
-// query as sent). A route without a handler answers 404; Hold() makes a route wait until
+// An audience, destination and collection server on 127.0.0.1 that records each request's target
+// (path and query as sent). A path without a route answers 404 unless told otherwise; Hold() makes a route wait until
 // Release() (or the server stops), for time-outs.
 class AudienceServer {
 public:
@@ -63,6 +63,7 @@ public:
     void Route(const std::string& path, Handler handler);
     void Answer(const std::string& path, const std::string& body);  // 200 with a JSON body
     void Hold(const std::string& path);
+    void AnswerOthers(int status);  // paths without a route: `status` with an empty body
     void Release();
     std::vector<std::string> Targets() const;
     std::size_t Count(const std::string& path) const;
@@ -75,6 +76,7 @@ private:
     std::condition_variable released_;
     bool release_ = false;
     std::map<std::string, Handler> routes_;
+    int otherStatus_ = 404;
     std::vector<std::string> targets_;
     std::vector<std::string> paths_;
 };
