@@ -64,8 +64,13 @@ void Analytics::TrackTimedActionEnd(const std::string& action) {
 }
 
 std::future<bool> Analytics::TrackingTimedActionExistsAsync(const std::string& action) {
-    return velmora::GuardFuture<bool>(
-        [&] { return Runtime::Process().Get<velmora::TimedActionStore>().Exists(action); });
+    return velmora::GuardFuture<bool>([&] {
+        auto& runtime = Runtime::Process();
+        // Through the general queue, so that the answer sees the starts and ends called before it.
+        // The store's queue never waits for the general queue, so waiting here cannot deadlock.
+        return runtime.GeneralQueue().Submit(
+            [&runtime, action] { return runtime.Get<velmora::TimedActionStore>().Exists(action).get(); });
+    });
 }
 
 }  // namespace Velmora
