@@ -21,6 +21,11 @@ public:
 
     static std::future<VelmoraPrivacyStatus> GetPrivacyStatusAsync();
     static void SetPrivacyStatus(VelmoraPrivacyStatus status);
+
+    // The visitor identifier: Get answers at once, Set stores it in the background.
+    static std::string GetUserIdentifier();
+    static void SetUserIdentifier(const std::string& identifier);
+
     static std::string GetVersion();
 };
 
