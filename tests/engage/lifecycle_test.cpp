@@ -170,6 +170,8 @@ std::vector<History> Histories() {
     };
 }
 
+void PrintTo(const History& history, std::ostream* out) { *out << history.name; }
+
 class LaunchHistory : public ::testing::TestWithParam<History> {
 protected:
     void SetUp() override { test::SetTimeZone("LCL-10"); }

@@ -82,12 +82,14 @@ TEST_F(TimedActionsTest, ABrokenElementIsSkippedAndTheOthersKept) {
     const char* names[] = {"bad", "", "nums"};
     for (std::size_t i = 0; i < 3; ++i) {
         const std::string start =
-            std::string("Velmora Error:Analytics - unable to parse timed action (\"") + names[i] + "\" - [";
+            std::string("Velmora Error:Analytics - unable to parse timed action (\"") + names[i] + "\" - ";
         EXPECT_EQ(lines[i].rfind(start, 0), 0u) << lines[i];
+        EXPECT_GT(lines[i].size(), start.size() + 1) << "the failure text is given";
         EXPECT_EQ(lines[i].back(), ')');
     }
     At(*store, kStart + 100);
     store->End("good");
+    EXPECT_FALSE(store->Exists("good").get());
     ASSERT_EQ(tracker.Hits().size(), 1u);
     EXPECT_EQ(tracker.Hits()[0].data,
               (StringMap{{"a.action.time.inapp", "150"}, {"a.action.time.total", "200"}, {"k", "v"}}));
@@ -103,6 +105,7 @@ TEST_F(TimedActionsTest, FileFailuresAreLoggedAndNothingInMemoryIsLost) {
         EXPECT_EQ(capture.Lines()[0].substr(capture.Lines()[0].size() - 2), ").");
     }
     capture.Clear();
+    dir.Write(TimedActionStore::kFileName, "");
     files.failWrites = true;
     auto store = Open();
     store->Start("a", {});
@@ -110,6 +113,7 @@ TEST_F(TimedActionsTest, FileFailuresAreLoggedAndNothingInMemoryIsLost) {
     EXPECT_EQ(capture.Lines(),
               std::vector<std::string>{"Velmora Error:Analytics - Unable to save timed actions file (disk full)."});
     store->End("a");
+    EXPECT_FALSE(store->Exists("a").get());
     EXPECT_EQ(tracker.Hits().size(), 1u);
 }
 
