@@ -46,10 +46,9 @@ public:
     // Completes with the new profile, or nullopt on any failure or an answer without segments.
     std::future<std::optional<StringMap>> SubmitSignal(StringMap traits);
 
+private:
     // The request URL for `traits` with the identifiers known now.
     std::string BuildSignalUrl(const StringMap& traits);
-
-private:
     std::optional<StringMap> Signal(const StringMap& traits);
     void ForwardDestination(const nlohmann::json& destination);
     std::string UserId();
