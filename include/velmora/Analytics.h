@@ -15,6 +15,14 @@ class VELMORA_API Analytics {
 public:
     static void TrackState(const std::string& state, const ObjectMap& contextData = {});
     static void TrackAction(const std::string& action, const ObjectMap& contextData = {});
+
+    // Lifetime value and timed actions.
+    static void TrackLifetimeValueIncrease(float amount, const ObjectMap& contextData = {});
+    static void TrackTimedActionStart(const std::string& action, const ObjectMap& contextData = {});
+    static void TrackTimedActionUpdate(const std::string& action, const ObjectMap& contextData = {});
+    static void TrackTimedActionEnd(const std::string& action);
+    static std::future<bool> TrackingTimedActionExistsAsync(const std::string& action);
+
     static std::future<std::string> GetTrackingIdentifierAsync();
     static void ClearQueue();
     // Waits until the calls made before it have reached the queue; the number of hits waiting.

@@ -12,6 +12,13 @@ class VELMORA_API Config {
 public:
     static bool GetDebugLogging();
     static void SetDebugLogging(bool enabled);
+
+    // Lifecycle: call when the application comes to the foreground (from the thread that owns its
+    // window) and when it goes to the background.
+    static void CollectLifecycleData();
+    static void PauseCollectingLifecycleData();
+    static double GetLifetimeValue();
+
     static std::future<VelmoraPrivacyStatus> GetPrivacyStatusAsync();
     static void SetPrivacyStatus(VelmoraPrivacyStatus status);
 

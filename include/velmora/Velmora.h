@@ -6,3 +6,6 @@
 
 // Analytics
 #include <velmora/Analytics.h>
+
+// Audience
+#include <velmora/Cohorta.h>

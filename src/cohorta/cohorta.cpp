@@ -1,0 +1,198 @@
+#include "cohorta/cohorta.h"
+
+#include "core/escape.h"
+
+#include <curl/curl.h>
+#include <nlohmann/json.hpp>
+
+#include <cstdio>
+#include <stdexcept>
+#include <vector>
+
+namespace velmora {
+namespace {
+
+using Json = nlohmann::json;
+
+// Whether the text parses as an absolute URL at all, before any request is made of it.
+bool ParsesAsUrl(const std::string& url) {
+    CURLU* handle = curl_url();
+    if (handle == nullptr) return false;
+    const bool ok = curl_url_set(handle, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK;
+    curl_url_cleanup(handle);
+    return ok;
+}
+
+// What one answer of the service asks for; read whole before anything is changed, so a malformed
+// answer leaves the stored state as it was.
+struct SignalAnswer {
+    std::vector<Json> destinations;
+    std::optional<std::string> userId;
+    StringMap profile;
+};
+
+SignalAnswer ParseAnswer(const std::string& body) {
+    const Json root = Json::parse(body);
+    if (!root.is_object()) throw std::runtime_error("the answer is not a JSON object");
+    SignalAnswer answer;
+    if (auto it = root.find("dests"); it != root.end()) {
+        if (!it->is_array()) throw std::runtime_error("\"dests\" is not an array");
+        answer.destinations.assign(it->begin(), it->end());
+    }
+    if (auto it = root.find("uuid"); it != root.end()) answer.userId = it->get<std::string>();
+    if (auto it = root.find("stuff"); it != root.end()) {
+        if (!it->is_array()) throw std::runtime_error("\"stuff\" is not an array");
+        for (const auto& segment : *it) {
+            if (!segment.is_object()) throw std::runtime_error("a \"stuff\" element is not an object");
+            answer.profile[segment.value("cn", std::string())] = segment.value("cv", std::string());
+        }
+    }
+    return answer;
+}
+
+}  // namespace
+
+CohortaClient::CohortaClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings,
+                             HttpClient& http, const Logger& log)
+    : config_(config), gates_(gates), settings_(settings), http_(http), log_(log), queue_("Cohorta", log) {}
+
+CohortaClient::~CohortaClient() { queue_.Shutdown(); }
+
+std::unique_ptr<CohortaClient> CohortaClient::Create(Runtime& runtime) {
+    return std::make_unique<CohortaClient>(runtime.Config(), runtime.Gates(), runtime.Settings(),
+                                           runtime.Get<HttpClient>(), runtime.Log());
+}
+
+std::optional<StringMap> CohortaClient::GetVisitorProfile() {
+    auto stored = settings_.Lookup(kCohortaProfileKey);
+    if (stored && std::holds_alternative<StringMap>(*stored)) return std::get<StringMap>(*stored);
+    return std::nullopt;
+}
+
+std::string CohortaClient::GetDpid() const {
+    std::lock_guard lock(mutex_);
+    return dpid_;
+}
+
+std::string CohortaClient::GetDpuuid() const {
+    std::lock_guard lock(mutex_);
+    return dpuuid_;
+}
+
+void CohortaClient::SetDpidAndDpuuid(std::string dpid, std::string dpuuid) {
+    queue_.Post([this, dpid = std::move(dpid), dpuuid = std::move(dpuuid)] {
+        if (!gates_.Cohorta()) {
+            log_.Warning("Cohorta - Your config file is not set up to use Cohorta");
+            return;
+        }
+        std::lock_guard lock(mutex_);
+        dpid_ = dpid;
+        dpuuid_ = dpuuid;
+    });
+}
+
+std::future<std::optional<StringMap>> CohortaClient::SubmitSignal(StringMap traits) {
+    return queue_.Submit([this, traits = std::move(traits)] { return Signal(traits); });
+}
+
+const std::string& CohortaClient::BaseUrl() {
+    std::call_once(baseUrlOnce_, [this] {
+        char buffer[128];
+        std::snprintf(buffer, sizeof buffer, "http://%s/event?", config_.cohortaServer.c_str());
+        baseUrl_ = buffer;
+    });
+    return baseUrl_;
+}
+
+std::string CohortaClient::UserId() {
+    std::lock_guard lock(mutex_);
+    if (!userId_) userId_ = LookupText(settings_, kCohortaUserIdKey).value_or(std::string());
+    return *userId_;
+}
+
+void CohortaClient::StoreUserId(const std::string& userId) {
+    if (userId == UserId()) return;
+    settings_.Insert(kCohortaUserIdKey, userId);
+    std::lock_guard lock(mutex_);
+    userId_ = userId;
+}
+
+std::string CohortaClient::BuildSignalUrl(const StringMap& traits) {
+    std::string url = BaseUrl();
+    for (const auto& [key, value] : traits) {
+        if (key.empty() || value.empty()) continue;
+        url += "&c_";
+        url += EscapeComponent(std::regex_replace(key, dot_, "_"));
+        url += "=";
+        url += EscapeComponent(value);
+    }
+    const std::string userId = UserId();
+    if (!userId.empty()) url += "&d_uuid=" + userId;
+    {
+        std::lock_guard lock(mutex_);
+        if (!dpid_.empty() && !dpuuid_.empty()) url += "&d_dpid=" + dpid_ + "&d_dpuuid=" + dpuuid_;
+    }
+    url += "&d_ptfm=win8&d_dst=1&d_rtbd=json";
+    // The first parameter was appended with "&" like the others; it belongs right after the "?".
+    return std::regex_replace(url, leadingAmpersand_, "?");
+}
+
+std::optional<StringMap> CohortaClient::Signal(const StringMap& traits) {
+    if (!gates_.Cohorta()) {
+        log_.Warning("Cohorta - Your config file is not set up to use Cohorta");
+        return std::nullopt;
+    }
+    const std::string url = BuildSignalUrl(traits);
+    log_.Debug("Cohorta - request (%s)", url.c_str());
+    if (!ParsesAsUrl(url)) {
+        log_.Warning("Cohorta - Unable to create URL object");
+        return std::nullopt;
+    }
+
+    std::string body;
+    try {
+        RequestHandler request(http_, url);
+        request.SetTimeout(kSignalTimeoutMs);
+        body = request.GetResponseText();
+    } catch (const std::exception& e) {
+        log_.Warning("Cohorta - Unable to create URI object (%s)", e.what());
+        return std::nullopt;
+    }
+    // The request service answers a time-out with an empty text; no answer of the service is empty.
+    if (body.empty()) {
+        log_.Warning("Cohorta - Request timed out");
+        return std::nullopt;
+    }
+
+    SignalAnswer answer;
+    try {
+        answer = ParseAnswer(body);
+    } catch (const std::exception& e) {
+        log_.Warning("Cohorta - Unexpected error parsing result (%s)", e.what());
+        return std::nullopt;
+    }
+
+    for (const auto& destination : answer.destinations) ForwardDestination(destination);
+    if (answer.userId) StoreUserId(*answer.userId);
+    if (answer.profile.empty()) {
+        log_.Warning("Cohorta - response was empty");
+        return std::nullopt;
+    }
+    log_.Debug("Cohorta - response {%s\n}", FormatMapForLog(answer.profile).c_str());
+    settings_.Insert(kCohortaProfileKey, answer.profile);
+    return answer.profile;
+}
+
+void CohortaClient::ForwardDestination(const Json& destination) {
+    try {
+        RequestHandler request(http_, destination.at("c").get<std::string>());
+        request.SetTimeout(kDestinationTimeoutMs);
+        if (request.GetStatusCode() == 408) log_.Warning("Cohorta - Failed to forward dest; the request timed out");
+    } catch (const TransportError& e) {
+        log_.Warning("Cohorta - Failed to forward the dest (%s)", e.what());
+    } catch (const std::exception& e) {
+        log_.Warning("Cohorta - Unknown failure forwarding dest (%s)", e.what());
+    }
+}
+
+}  // namespace velmora

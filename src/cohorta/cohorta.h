@@ -1,0 +1,75 @@
+#pragma once
+
+#include "core/config.h"
+#include "core/http.h"
+#include "core/log.h"
+#include "core/runtime.h"
+#include "core/serial_queue.h"
+#include "core/settings_store.h"
+
+#include <future>
+#include <nlohmann/json_fwd.hpp>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <regex>
+#include <string>
+
+namespace velmora {
+
+inline constexpr const char* kCohortaUserIdKey = "CHTUserId";
+inline constexpr const char* kCohortaProfileKey = "CHTUserProfile";
+
+// Audience signals: sends traits to the audience service, keeps the user id and segment profile it
+// answers with (in local settings, so they outlive the process) and calls each destination URL the
+// answer lists. Network work and every change of the stored values run on the module's queue; the
+// getters answer on the caller's thread.
+class CohortaClient : public RuntimeModule {
+public:
+    static constexpr std::int32_t kSignalTimeoutMs = 2000;
+    static constexpr std::int32_t kDestinationTimeoutMs = 5000;
+
+    CohortaClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, HttpClient& http,
+                  const Logger& log);
+    ~CohortaClient() override;
+    static std::unique_ptr<CohortaClient> Create(Runtime& runtime);
+
+    int Stage() const override { return kStageEngagement; }
+    bool Flush(std::chrono::milliseconds timeout) override { return queue_.Drain(timeout); }
+    void Shutdown() override { queue_.Shutdown(); }
+
+    // The stored profile; nullopt when none is stored.
+    std::optional<StringMap> GetVisitorProfile();
+    std::string GetDpid() const;
+    std::string GetDpuuid() const;
+    void SetDpidAndDpuuid(std::string dpid, std::string dpuuid);
+    // Completes with the new profile, or nullopt on any failure or an answer without segments.
+    std::future<std::optional<StringMap>> SubmitSignal(StringMap traits);
+
+private:
+    // The request URL for `traits` with the identifiers known now.
+    std::string BuildSignalUrl(const StringMap& traits);
+    std::optional<StringMap> Signal(const StringMap& traits);
+    void ForwardDestination(const nlohmann::json& destination);
+    std::string UserId();
+    void StoreUserId(const std::string& userId);
+    const std::string& BaseUrl();
+
+    const ConfigSettings& config_;
+    ModuleGates& gates_;
+    SettingsStore& settings_;
+    HttpClient& http_;
+    const Logger& log_;
+    const std::regex dot_{"[.]"};
+    const std::regex leadingAmpersand_{"\\?&"};
+
+    mutable std::mutex mutex_;
+    std::string dpid_, dpuuid_;       // guarded by mutex_
+    std::optional<std::string> userId_;  // guarded by mutex_; read from settings on first use
+    std::once_flag baseUrlOnce_;
+    std::string baseUrl_;
+
+    SerialQueue queue_;
+};
+
+}  // namespace velmora

@@ -1,0 +1,64 @@
+#pragma once
+
+#include "core/actions.h"
+#include "core/clock.h"
+#include "core/file_store.h"
+#include "core/log.h"
+#include "core/runtime.h"
+#include "core/serial_queue.h"
+
+#include <cstdint>
+#include <future>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace velmora {
+
+// Actions the application times by name. Running actions live in "VelmoraTimedActions.json" so
+// that they survive the process; ending one sends an action hit with the total time and the time
+// spent in the foreground. Every operation is posted to the store's own queue, which alone touches
+// the map and the file, so the map needs no lock.
+class TimedActionStore : public RuntimeModule {
+public:
+    static constexpr const char* kFileName = "VelmoraTimedActions.json";
+
+    TimedActionStore(FileStore& files, ActionTracker& tracker, const Clock& clock, const Logger& log);
+    ~TimedActionStore() override;
+    static std::unique_ptr<TimedActionStore> Create(Runtime& runtime);
+
+    int Stage() const override { return kStageEngagement; }
+    bool Flush(std::chrono::milliseconds timeout) override { return queue_.Drain(timeout); }
+    void Shutdown() override { queue_.Shutdown(); }
+
+    void Start(const std::string& name, StringMap data);
+    void Update(const std::string& name, StringMap data);
+    void End(const std::string& name);
+    // Answers once the query reaches the queue, after everything posted before it.
+    std::future<bool> Exists(const std::string& name);
+    // Moves every running action's in-app start forward by a pause of `seconds`.
+    void Shift(std::int32_t seconds);
+
+private:
+    struct TimedAction {
+        StringMap data;
+        std::int32_t start = 0;
+        std::int32_t adjusted = 0;
+    };
+
+    void Load();
+    void Save();
+    void DoStart(const std::string& name, StringMap data);
+    void DoUpdate(const std::string& name, const StringMap& data);
+    void DoEnd(const std::string& name);
+    void DoShift(std::int32_t seconds);
+
+    FileStore& files_;
+    ActionTracker& tracker_;
+    const Clock& clock_;
+    const Logger& log_;
+    std::map<std::string, TimedAction> actions_;  // touched on queue_ only
+    SerialQueue queue_;
+};
+
+}  // namespace velmora
