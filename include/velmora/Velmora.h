@@ -4,5 +4,8 @@
 #include <velmora/Host.h>
 #include <velmora/Types.h>
 
-// Feature classes
+// Analytics
+#include <velmora/Analytics.h>
+
+// Media
 #include <velmora/Media.h>

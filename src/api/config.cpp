@@ -4,6 +4,9 @@
 #include "core/runtime.h"
 #include "core/version.h"
 
+// Analytics: the privacy setter reaches the hit queue.
+#include "analytics/hit_queue.h"
+
 namespace Velmora {
 
 using velmora::Runtime;
@@ -30,6 +33,8 @@ std::future<VelmoraPrivacyStatus> Config::GetPrivacyStatusAsync() {
 void Config::SetPrivacyStatus(VelmoraPrivacyStatus status) {
     velmora::Guard([status] {
         auto& runtime = Runtime::Process();
+        // The hit queue must exist so that an opt-out also empties hits queued by earlier runs.
+        runtime.Get<velmora::HitQueue>();
         runtime.GeneralQueue().Post(
             [&runtime, status] { runtime.SetPrivacyStatus(static_cast<std::int32_t>(status)); });
     });

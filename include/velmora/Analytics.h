@@ -1,0 +1,24 @@
+#pragma once
+
+#include <velmora/Export.h>
+#include <velmora/Types.h>
+
+#include <cstdint>
+#include <future>
+#include <string>
+
+namespace Velmora {
+
+// States and actions of the application. Every call returns at once: the work runs on the
+// library's queues, and hits wait in a persistent queue until they can be sent.
+class VELMORA_API Analytics {
+public:
+    static void TrackState(const std::string& state, const ObjectMap& contextData = {});
+    static void TrackAction(const std::string& action, const ObjectMap& contextData = {});
+    static std::future<std::string> GetTrackingIdentifierAsync();
+    static void ClearQueue();
+    // Waits until the calls made before it have reached the queue; the number of hits waiting.
+    static std::uint32_t GetQueueSize();
+};
+
+}  // namespace Velmora

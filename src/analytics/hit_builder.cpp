@@ -1,0 +1,178 @@
+#include "analytics/hit_builder.h"
+
+#include "core/escape.h"
+#include "core/version.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <locale>
+#include <memory>
+#include <vector>
+
+namespace velmora {
+namespace {
+
+// Classic locale on purpose: what counts as a word character must not depend on the application's
+// global locale.
+std::regex Compile(const char* pattern) {
+    std::regex regex;
+    regex.imbue(std::locale::classic());
+    regex.assign(pattern, std::regex::ECMAScript | std::regex::optimize);
+    return regex;
+}
+
+void AppendPair(std::string& out, const std::string& key, const std::string& value) {
+    out += '&';
+    out += EscapeComponent(key);
+    out += '=';
+    out += EscapeComponent(value);
+}
+
+struct Node {
+    std::string value;
+    std::map<std::string, std::unique_ptr<Node>> children;
+};
+
+void WriteTree(const Node& node, std::string& out) {
+    for (const auto& [segment, child] : node.children) {
+        const std::string escaped = EscapeComponent(segment);
+        if (!child->value.empty()) {
+            out += '&';
+            out += escaped;
+            out += '=';
+            out += EscapeComponent(child->value);
+        }
+        if (!child->children.empty()) {
+            out += '&';
+            out += escaped;
+            out += '.';
+            WriteTree(*child, out);
+            out += "&.";
+            out += escaped;
+        }
+    }
+}
+
+void Insert(Node& root, const std::string& key, const std::string& value) {
+    Node* node = &root;
+    std::size_t start = 0;
+    for (;;) {
+        const std::size_t dot = key.find('.', start);
+        const std::size_t end = dot == std::string::npos ? key.size() : dot;
+        if (end == start) return;  // empty segment: the walk stops and the value is dropped
+        auto& child = node->children[key.substr(start, end - start)];
+        if (!child) child = std::make_unique<Node>();
+        node = child.get();
+        if (dot == std::string::npos) {
+            node->value = value;
+            return;
+        }
+        start = dot + 1;
+    }
+}
+
+}  // namespace
+
+KeyCleaner::KeyCleaner()
+    : nonWordOrDot_(Compile(R"([\W.])")), dotRuns_(Compile(R"(([.]){2,})")), edgeDots_(Compile(R"(^[.]{1,}|[.]{1,}$)")) {}
+
+const std::string& KeyCleaner::Clean(const std::string& key) {
+    auto found = remembered_.find(key);
+    if (found != remembered_.end()) return found->second;
+    if (remembered_.size() >= kMaxRemembered) remembered_.clear();
+    std::string cleaned = key;
+    if (!cleaned.empty()) {
+        cleaned = std::regex_replace(cleaned, nonWordOrDot_, "");
+        cleaned = std::regex_replace(cleaned, dotRuns_, ".");
+        cleaned = std::regex_replace(cleaned, edgeDots_, "");
+    }
+    return remembered_.emplace(key, std::move(cleaned)).first->second;
+}
+
+std::string SerializeContextTree(const StringMap& cleanedContextData) {
+    std::string out;
+    bool nested = false;
+    for (const auto& entry : cleanedContextData) nested = nested || entry.first.find('.') != std::string::npos;
+    if (!nested) {
+        // Every key is one segment: the tree would be the map itself.
+        for (const auto& [key, value] : cleanedContextData) {
+            if (!key.empty() && !value.empty()) AppendPair(out, key, value);
+        }
+        return out;
+    }
+    Node root;
+    for (const auto& [key, value] : cleanedContextData) Insert(root, key, value);
+    WriteTree(root, out);
+    return out;
+}
+
+std::string SerializeBody(const StringMap& variables, const StringMap& contextData, KeyCleaner& cleaner) {
+    std::string out;
+    out.reserve(512);
+    for (const auto& [key, value] : variables) AppendPair(out, key, value);
+    if (!contextData.empty()) {
+        StringMap cleaned;
+        for (const auto& [key, value] : contextData) cleaned.emplace(cleaner.Clean(key), value);
+        out += "&c.";
+        out += SerializeContextTree(cleaned);
+        out += "&.c";
+    }
+    return out;
+}
+
+std::string TimeZoneText(long biasMinutes) { return "00/00/0000 00:00:00 0 " + std::to_string(biasMinutes); }
+
+long LocalTimeZoneBiasMinutes() {
+    tzset();
+    return timezone / 60;
+}
+
+std::uint64_t CacheBuster(std::uint32_t counter) {
+    std::srand(counter);
+    const auto a = static_cast<std::uint64_t>(std::rand());
+    const auto b = static_cast<std::uint64_t>(std::rand());
+    return ((a << 32) + b) % 10'000'000;
+}
+
+std::string BaseUrl(const ConfigSettings& config) {
+    return std::string(config.ssl ? "https" : "http") + "://" + config.server + "/b/ss/" + config.rsids + "/0/WINU-" +
+           kVersion + "/";
+}
+
+HitBuilder::HitBuilder() : HitBuilder(LocalTimeZoneBiasMinutes()) {}
+
+HitBuilder::HitBuilder(long timeZoneBiasMinutes) : timeZone_(TimeZoneText(timeZoneBiasMinutes)) {}
+
+std::string HitBuilder::Build(StringMap contextData, StringMap variables, std::int32_t timestamp,
+                              const HitFacts& facts) {
+    // Insert-if-absent throughout: what the caller supplied wins.
+    for (const auto& entry : facts.deviceContext) contextData.insert(entry);
+    if (facts.privacyStatus == kPrivacyUnknown) contextData.emplace("a.privacy.mode", "unknown");
+
+    variables.emplace("aid", facts.aid);
+    if (!facts.visitorId.empty()) variables.emplace("vid", facts.visitorId);
+    variables.emplace("ce", facts.charset);
+    if (facts.offlineEnabled) variables.emplace("ts", std::to_string(static_cast<long>(timestamp)));
+    variables.emplace("t", timeZone_);
+
+    // "&&name" context entries are how other modules set top-level variables; they overwrite.
+    for (auto it = contextData.begin(); it != contextData.end();) {
+        const std::string& key = it->first;
+        if (key.empty()) {
+            it = contextData.erase(it);
+        } else if (key.size() >= 3 && key[0] == '&' && key[1] == '&') {
+            variables[key.substr(2)] = std::move(it->second);
+            it = contextData.erase(it);
+        } else {
+            ++it;
+        }
+    }
+
+    ++counter_;
+    std::string hit = "s" + std::to_string(CacheBuster(counter_)) + "?AQB=1&ndh=1";
+    hit += SerializeBody(variables, contextData, cleaner_);
+    hit += "&AQE=1";
+    return hit;
+}
+
+}  // namespace velmora

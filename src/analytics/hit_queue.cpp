@@ -1,0 +1,402 @@
+#include "analytics/hit_queue.h"
+
+#include "analytics/hit_builder.h"
+#include "core/device.h"
+#include "core/http.h"
+
+#include <algorithm>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+namespace velmora {
+namespace {
+
+using Json = nlohmann::json;
+
+std::int32_t TimestampOf(const Json& value) {
+    constexpr auto kMin = std::numeric_limits<std::int32_t>::min();
+    constexpr auto kMax = std::numeric_limits<std::int32_t>::max();
+    if (value.is_number_unsigned()) return static_cast<std::int32_t>(std::min<std::uint64_t>(value.get<std::uint64_t>(), kMax));
+    if (value.is_number_integer()) return static_cast<std::int32_t>(std::clamp<std::int64_t>(value.get<std::int64_t>(), kMin, kMax));
+    const double seconds = value.get<double>();
+    if (!(seconds > kMin)) return kMin;
+    if (!(seconds < kMax)) return kMax;
+    return static_cast<std::int32_t>(seconds);
+}
+
+}  // namespace
+
+void ParseQueueFile(const std::string& text, std::vector<QueuedHit>& hits) {
+    if (text.empty()) return;  // a file that did not exist yet
+    const Json root = Json::parse(text);
+    if (!root.is_object()) throw std::runtime_error("the document is not a JSON object");
+    const auto list = root.find("Hits");
+    if (list == root.end() || !list->is_array()) throw std::runtime_error("the document has no \"Hits\" array");
+    for (const auto& item : *list) {
+        if (!item.is_object()) throw std::runtime_error("a queued hit is not a JSON object");
+        const auto timestamp = item.find("T");
+        const auto hit = item.find("H");
+        if (timestamp == item.end() || !timestamp->is_number() || hit == item.end() || !hit->is_string()) {
+            throw std::runtime_error("a queued hit lacks its \"T\" number or \"H\" string");
+        }
+        QueuedHit queued;
+        queued.hit = hit->get<std::string>();
+        queued.timestamp = TimestampOf(*timestamp);
+        queued.json = std::make_shared<const std::string>(QueueFileMember(queued.hit, queued.timestamp));
+        hits.push_back(std::move(queued));
+    }
+}
+
+std::string QueueFileMember(const std::string& hit, std::int32_t timestamp) {
+    std::string member = "{\"T\":" + std::to_string(timestamp) + ",\"H\":";
+    member += Json(hit).dump(-1, ' ', false, Json::error_handler_t::replace);
+    member += '}';
+    return member;
+}
+
+HitQueue::HitQueue(const Logger& log, Clock& clock, const ConfigSettings& config, FileStore& files,
+                   const HostOptions& host, HttpClient& http, DeviceContext& device)
+    : log_(log),
+      clock_(clock),
+      config_(config),
+      files_(files),
+      host_(host),
+      http_(http),
+      device_(device),
+      work_("Analytics", log) {
+    work_.Post([this] { Load(); });
+}
+
+HitQueue::~HitQueue() { Shutdown(); }
+
+std::unique_ptr<HitQueue> HitQueue::Create(Runtime& runtime) {
+    auto queue = std::make_unique<HitQueue>(runtime.Log(), runtime.GetClock(), runtime.Config(), runtime.Files(),
+                                            runtime.Host(), runtime.Get<HttpClient>(), runtime.Get<DeviceContext>());
+    runtime.SetHitQueueControl(queue.get());
+    return queue;
+}
+
+// ---------------------------------------------------------------- changes, on the work queue
+
+void HitQueue::Load() {
+    std::vector<QueuedHit> loaded;
+    try {
+        ParseQueueFile(files_.Read(kFileName), loaded);
+    } catch (const std::exception& e) {
+        log_.Error("Analytics - Unable to load queued hits (%s)", e.what());
+    }
+    std::lock_guard lock(mutex_);
+    for (auto& hit : loaded) {
+        hit.sequence = nextSequence_++;
+        hits_.push_back(std::move(hit));
+    }
+    savedThrough_ = nextSequence_ - 1;  // they came from the file
+}
+
+void HitQueue::QueueHit(std::string hit, std::int32_t timestamp) {
+    pendingChanges_.fetch_add(1);
+    bool posted = false;
+    try {
+        posted = work_.Post([this, hit = std::move(hit), timestamp]() mutable { Append(std::move(hit), timestamp); });
+        if (!posted) log_.Error("Analytics - Unable to queue hit (%s)", "the hit queue has stopped");
+    } catch (const std::exception& e) {
+        log_.Error("Analytics - Unable to queue hit (%s)", e.what());
+    }
+    if (!posted) pendingChanges_.fetch_sub(1);
+}
+
+void HitQueue::Append(std::string hit, std::int32_t timestamp) {
+    pendingChanges_.fetch_sub(1);
+    try {
+        QueuedHit queued;
+        queued.json = std::make_shared<const std::string>(QueueFileMember(hit, timestamp));
+        queued.hit = std::move(hit);
+        queued.timestamp = timestamp;
+        std::lock_guard lock(mutex_);
+        queued.sequence = nextSequence_++;
+        hits_.push_back(std::move(queued));
+        ++changes_;
+    } catch (const std::exception& e) {
+        log_.Error("Analytics - Unable to queue hit (%s)", e.what());
+        return;
+    }
+    SaveAfterChange();
+    ApplyStartRule();
+}
+
+void HitQueue::ClearQueue() {
+    pendingChanges_.fetch_add(1);
+    if (!work_.Post([this] { Clear(); })) pendingChanges_.fetch_sub(1);
+}
+
+void HitQueue::Clear() {
+    pendingChanges_.fetch_sub(1);
+    {
+        std::lock_guard lock(mutex_);
+        hits_.clear();
+        ++changes_;
+        ++clears_;
+    }
+    SaveAfterChange();
+}
+
+void HitQueue::StartSender() {
+    work_.Post([this] { ApplyStartRule(); });
+}
+
+void HitQueue::ApplyStartRule() {
+    if (config_.Privacy() != kPrivacyOptIn) return;
+    if (config_.offlineEnabled && static_cast<std::int64_t>(Size()) <= config_.batchLimit) return;
+    {
+        std::lock_guard lock(senderMutex_);
+        if (stopping_) return;
+        runRequested_ = true;
+        if (!sender_.joinable()) sender_ = std::thread([this] { SenderLoop(); });
+    }
+    senderCv_.notify_one();
+}
+
+std::size_t HitQueue::Size() const {
+    std::lock_guard lock(mutex_);
+    return hits_.size();
+}
+
+std::future<std::size_t> HitQueue::SizeAfterPendingWork() {
+    if (work_.OnQueueThread()) {
+        std::promise<std::size_t> now;
+        now.set_value(Size());
+        return now.get_future();
+    }
+    return work_.Submit([this] { return Size(); });
+}
+
+// ---------------------------------------------------------------- saving
+
+void HitQueue::SaveAfterChange() {
+    bool due;
+    {
+        std::lock_guard lock(mutex_);
+        due = std::chrono::steady_clock::now() - lastSave_ >= kSaveInterval;
+    }
+    // A change still waiting on the work queue will save this one too.
+    if (pendingChanges_.load() == 0 || due) SaveNow();
+}
+
+void HitQueue::SaveNow() {
+    std::lock_guard saving(saveMutex_);
+    std::vector<std::shared_ptr<const std::string>> members;
+    std::uint64_t changes;
+    std::uint64_t through;
+    {
+        std::lock_guard lock(mutex_);
+        if (changes_ == savedChanges_) return;
+        members.reserve(hits_.size());
+        for (const auto& hit : hits_) members.push_back(hit.json);
+        changes = changes_;
+        through = nextSequence_ - 1;  // every hit so far is in this snapshot or already gone
+    }
+    std::size_t length = 16 + members.size();
+    for (const auto& member : members) length += member->size();
+    std::string text;
+    text.reserve(length);
+    text += "{\"Hits\":[";
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        if (i != 0) text += ',';
+        text += *members[i];
+    }
+    text += "]}";
+    try {
+        files_.WriteAtomic(kFileName, text);
+    } catch (const std::exception& e) {
+        log_.Error("Analytics - Unable to save hit queue (%s)", e.what());
+    }
+    std::lock_guard lock(mutex_);
+    savedChanges_ = std::max(savedChanges_, changes);
+    savedThrough_ = std::max(savedThrough_, through);
+    lastSave_ = std::chrono::steady_clock::now();
+}
+
+void HitQueue::RequestSave() {
+    if (savePosted_.exchange(true)) return;
+    if (stopping_ || !work_.Post([this] {
+            savePosted_ = false;
+            SaveNow();
+        })) {
+        savePosted_ = false;
+        SaveNow();
+    }
+}
+
+// ---------------------------------------------------------------- the sender
+
+void HitQueue::SenderLoop() {
+    std::unique_lock lock(senderMutex_);
+    for (;;) {
+        senderCv_.wait(lock, [this] { return runRequested_ || stopping_; });
+        if (stopping_) break;
+        runRequested_ = false;
+        running_ = true;
+        lock.unlock();
+        try {
+            Run();
+        } catch (const std::exception& e) {
+            log_.Error("Analytics - Unexpected error in background work (%s)", e.what());
+        }
+        lock.lock();
+        running_ = false;
+        idleCv_.notify_all();
+    }
+    runRequested_ = false;
+    idleCv_.notify_all();
+}
+
+void HitQueue::Run() {
+    for (;;) {
+        if (stopping_ || config_.Privacy() != kPrivacyOptIn || !InternetAvailable(host_)) break;
+        QueuedHit hit;
+        std::uint64_t clearGeneration = 0;
+        if (!TakeFront(hit, clearGeneration)) break;
+
+        if (config_.offlineEnabled && hit.timestamp < lastSentTimestamp_) {
+            const auto adjusted = static_cast<std::int32_t>(static_cast<std::int64_t>(lastSentTimestamp_) + 1);
+            const std::string from = "&ts=" + std::to_string(static_cast<long>(hit.timestamp));
+            if (auto at = hit.hit.find(from); at != std::string::npos) {
+                hit.hit.replace(at, from.size(), "&ts=" + std::to_string(static_cast<long>(adjusted)));
+            }
+            log_.Debug("Analytics - Adjusting out of order hit timestamp(%ld->%ld)", static_cast<long>(hit.timestamp),
+                       static_cast<long>(adjusted));
+            hit.timestamp = adjusted;
+            hit.json = std::make_shared<const std::string>(QueueFileMember(hit.hit, hit.timestamp));
+        }
+
+        if (!config_.offlineEnabled && static_cast<std::int64_t>(hit.timestamp) < clock_.NowSeconds() - 5LL) {
+            Removed();  // too old to be worth sending without offline tracking
+            continue;
+        }
+
+        if (Send(hit)) {
+            PutBack(std::move(hit), clearGeneration);
+            SaveNow();
+            if (!Cooldown()) break;
+        } else {
+            Removed();
+        }
+    }
+    bool unsaved;
+    {
+        std::lock_guard lock(mutex_);
+        unsaved = senderChanges_ > savedChanges_;
+    }
+    if (unsaved) SaveNow();
+}
+
+bool HitQueue::TakeFront(QueuedHit& hit, std::uint64_t& clearGeneration) {
+    for (;;) {
+        {
+            std::lock_guard lock(mutex_);
+            if (hits_.empty()) return false;
+            if (hits_.front().sequence <= savedThrough_) {
+                hit = std::move(hits_.front());
+                hits_.pop_front();
+                senderChanges_ = ++changes_;
+                clearGeneration = clears_;
+                return true;
+            }
+        }
+        SaveNow();  // the file gets the hit before the server does
+    }
+}
+
+void HitQueue::PutBack(QueuedHit hit, std::uint64_t clearGeneration) {
+    std::lock_guard lock(mutex_);
+    if (clears_ != clearGeneration) return;  // cleared while it was in flight: it stays gone
+    hits_.push_front(std::move(hit));
+    senderChanges_ = ++changes_;
+}
+
+void HitQueue::Removed() {
+    bool due;
+    {
+        std::lock_guard lock(mutex_);
+        due = std::chrono::steady_clock::now() - lastSave_ >= kSaveInterval;
+    }
+    // While a backlog drains, the work queue saves at most every interval; the end of the run
+    // saves the rest.
+    if (due) RequestSave();
+}
+
+bool HitQueue::Send(QueuedHit& hit) {
+    std::unique_ptr<RequestHandler> request;
+    std::string url;
+    try {
+        if (!baseUrl_) baseUrl_ = BaseUrl(config_);
+        url = *baseUrl_ + hit.hit;
+        request = std::make_unique<RequestHandler>(http_, url);
+        request->SetTimeout(kRequestTimeoutMillis);
+        request->SetHeader("User-Agent", device_.GetUserAgent());
+        request->SetHeader("Accept-Language", LanguageTag(host_));
+    } catch (const std::exception& e) {
+        log_.Error("Analytics - Unable to send hit (%s)", e.what());
+        return false;
+    }
+    log_.Debug("Analytics - Sending hit (%s)", url.c_str());
+    try {
+        const std::int32_t status = request->GetStatusCode();
+        if (status == 200 || status == 307) {
+            lastSentTimestamp_ = hit.timestamp;
+            return false;
+        }
+        if (!config_.offlineEnabled) return false;
+        log_.Debug("Analytics - Recoverable network error (%d), imposing internal cooldown (%d seconds)", status,
+                   kCooldownSeconds);
+        return true;
+    } catch (const TransportError&) {
+        log_.Debug("Analytics - Unable to send hit, attempting to recover");
+        return true;
+    } catch (const std::exception&) {
+        log_.Debug("Analytics - Invalid hit (removed)");
+        return false;
+    }
+}
+
+bool HitQueue::Interrupted() const { return stopping_ || flushWaiters_.load() > 0; }
+
+bool HitQueue::Cooldown() {
+    for (int second = 0; second < kCooldownSeconds; ++second) {
+        waker_.Reset();
+        if (Interrupted()) return false;
+        clock_.SleepFor(std::chrono::seconds(1), waker_);
+    }
+    return !Interrupted();
+}
+
+// ---------------------------------------------------------------- flush and shutdown
+
+bool HitQueue::Flush(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    if (work_.OnQueueThread() || !work_.Drain(timeout)) return false;
+    flushWaiters_.fetch_add(1);
+    waker_.Wake();
+    bool idle;
+    {
+        std::unique_lock lock(senderMutex_);
+        idle = idleCv_.wait_until(lock, deadline, [this] { return !running_ && !runRequested_; });
+    }
+    flushWaiters_.fetch_sub(1);
+    return idle && Size() == 0;
+}
+
+void HitQueue::Shutdown() {
+    {
+        std::lock_guard lock(senderMutex_);
+        stopping_ = true;
+    }
+    senderCv_.notify_all();
+    waker_.Wake();
+    work_.Shutdown();  // runs the changes that were posted; they no longer start the sender
+    if (sender_.joinable() && sender_.get_id() != std::this_thread::get_id()) sender_.join();
+    SaveNow();
+}
+
+}  // namespace velmora

@@ -1,0 +1,128 @@
+#include "analytics/tracker.h"
+
+#include "analytics/hit_queue.h"
+#include "core/device.h"
+
+namespace velmora {
+namespace {
+
+constexpr const char* kActionKey = "a.action";
+constexpr const char* kInternalActionKey = "a.internalaction";
+constexpr const char* kPageNameKey = "pageName";
+constexpr const char* kEventKey = "pe";
+constexpr const char* kLinkEvent = "lnk_o";
+constexpr const char* kActionNameKey = "pev2";
+
+template <class T>
+T Await(std::future<T> future) {
+    return future.valid() ? future.get() : T{};
+}
+
+}  // namespace
+
+AnalyticsTracker::AnalyticsTracker(const Logger& log, Clock& clock, ConfigSettings& config, ModuleGates& gates,
+                                   SerialQueue& general, DeviceContext& device, HitQueue& hits)
+    : log_(log),
+      clock_(clock),
+      config_(config),
+      gates_(gates),
+      general_(general),
+      device_(device),
+      hits_(hits),
+      queue_("Analytics", log) {}
+
+AnalyticsTracker::~AnalyticsTracker() { queue_.Shutdown(); }
+
+std::unique_ptr<AnalyticsTracker> AnalyticsTracker::Create(Runtime& runtime) {
+    return std::make_unique<AnalyticsTracker>(runtime.Log(), runtime.GetClock(), runtime.Config(), runtime.Gates(),
+                                              runtime.GeneralQueue(), runtime.Get<DeviceContext>(),
+                                              runtime.Get<HitQueue>());
+}
+
+bool AnalyticsTracker::PassesGate() {
+    if (!gates_.Analytics()) {
+        log_.Warning("Analytics - Your config file is not set up to use Analytics");
+        return false;
+    }
+    if (config_.Privacy() == kPrivacyOptOut) {
+        log_.Debug("Analytics - Ignoring hit due to privacy status being opted out");
+        return false;
+    }
+    return true;
+}
+
+void AnalyticsTracker::GatedTrackState(std::string state, StringMap contextData) {
+    general_.Post([this, state = std::move(state), contextData = std::move(contextData)]() mutable {
+        if (!PassesGate()) return;
+        queue_.Post([this, state = std::move(state), contextData = std::move(contextData)]() mutable {
+            BuildState(state, std::move(contextData));
+        });
+    });
+}
+
+void AnalyticsTracker::GatedTrackAction(std::string action, StringMap contextData) {
+    general_.Post([this, action = std::move(action), contextData = std::move(contextData)]() mutable {
+        if (!PassesGate()) return;
+        queue_.Post([this, action = std::move(action), contextData = std::move(contextData)]() mutable {
+            BuildAction(action, std::move(contextData));
+        });
+    });
+}
+
+void AnalyticsTracker::TrackAction(const std::string& name, const StringMap& contextData) {
+    queue_.Post([this, name, contextData]() mutable { BuildAction(name, std::move(contextData)); });
+}
+
+void AnalyticsTracker::TrackInternalAction(const std::string& name, const StringMap& contextData,
+                                           std::int32_t timestamp) {
+    queue_.Post([this, name, contextData, timestamp]() mutable {
+        BuildInternalAction(name, std::move(contextData), timestamp);
+    });
+}
+
+void AnalyticsTracker::BuildState(const std::string& state, StringMap contextData) {
+    StringMap variables{{kPageNameKey, state.empty() ? device_.GetApplicationId() : state}};
+    BuildAndQueue(std::move(contextData), std::move(variables), clock_.NowSeconds());
+}
+
+void AnalyticsTracker::BuildAction(const std::string& action, StringMap contextData) {
+    contextData.emplace(kActionKey, action);
+    StringMap variables{{kEventKey, kLinkEvent},
+                        {kActionNameKey, "AMACTION:" + action},
+                        {kPageNameKey, device_.GetApplicationId()}};
+    BuildAndQueue(std::move(contextData), std::move(variables), clock_.NowSeconds());
+}
+
+void AnalyticsTracker::BuildInternalAction(const std::string& action, StringMap contextData,
+                                           std::int32_t timestamp) {
+    const std::string name = action.empty() ? "None" : action;
+    contextData.emplace(kInternalActionKey, name);
+    StringMap variables{{kEventKey, kLinkEvent},
+                        {kActionNameKey, "VLMINTERNAL:" + name},
+                        {kPageNameKey, device_.GetApplicationId()}};
+    BuildAndQueue(std::move(contextData), std::move(variables), timestamp < 1 ? clock_.NowSeconds() : timestamp);
+}
+
+void AnalyticsTracker::BuildAndQueue(StringMap contextData, StringMap variables, std::int32_t timestamp) {
+    HitFacts facts;
+    facts.deviceContext = device_.GetContextData();
+    facts.aid = device_.GetAid();
+    facts.visitorId = device_.GetVisitorId();
+    facts.charset = config_.charset;
+    facts.offlineEnabled = config_.offlineEnabled;
+    facts.privacyStatus = config_.Privacy();
+    hits_.QueueHit(builder_.Build(std::move(contextData), std::move(variables), timestamp, facts), timestamp);
+}
+
+std::future<std::string> AnalyticsTracker::TrackingIdentifierAsync() {
+    return queue_.Submit([this] { return device_.GetAid(); });
+}
+
+std::uint32_t AnalyticsTracker::QueueSize() {
+    // Each hop waits outside the queue it waits for, so no queue ever blocks on another.
+    if (!general_.OnQueueThread()) Await(general_.Submit([] {}));
+    if (!queue_.OnQueueThread()) Await(queue_.Submit([] {}));
+    return static_cast<std::uint32_t>(Await(hits_.SizeAfterPendingWork()));
+}
+
+}  // namespace velmora
