@@ -1,5 +1,6 @@
 #include "media/media_module.h"
 
+#include "analytics/tracker.h"
 #include "media/media_hits.h"
 
 #include <algorithm>
@@ -15,6 +16,13 @@ MediaModule::MediaModule(const Logger& log, Clock& clock, std::function<bool()> 
       queue_("Media", log) {}
 
 MediaModule::~MediaModule() { Shutdown(); }
+
+std::unique_ptr<MediaModule> MediaModule::Create(Runtime& runtime) {
+    // The gate is asked on the media queue, so the configuration is read there on first use.
+    return std::make_unique<MediaModule>(runtime.Log(), runtime.GetClock(),
+                                         [&runtime] { return runtime.Gates().Analytics(); },
+                                         runtime.Get<AnalyticsTracker>());
+}
 
 bool MediaModule::Flush(std::chrono::milliseconds timeout) { return queue_.Drain(timeout); }
 

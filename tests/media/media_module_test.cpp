@@ -12,22 +12,19 @@ using namespace std::chrono_literals;
 using test::LogCapture;
 using Velmora::MediaSettings;
 
-struct Hit {
-    std::string action;
-    StringMap data;
-    std::int32_t timestamp;
-    std::int32_t receivedAt;
-};
-
-// Stands in for the analytics side: keeps what the media module hands over.
+// Stands in for the analytics side: keeps each hit with the time it arrived.
 class RecordingTracker final : public ActionTracker {
 public:
+    struct Hit {
+        std::string action;
+        StringMap data;
+        std::int32_t timestamp, receivedAt;
+    };
     explicit RecordingTracker(const Clock& clock) : clock_(clock) {}
-    void TrackAction(const std::string& name, const StringMap& contextData) override {
-        Record({"action:" + name, contextData, 0, clock_.NowSeconds()});
-    }
-    void TrackInternalAction(const std::string& name, const StringMap& contextData, std::int32_t timestamp) override {
-        Record({name, contextData, timestamp, clock_.NowSeconds()});
+    void TrackAction(const std::string& name, const StringMap& data) override { TrackInternalAction("!" + name, data, 0); }
+    void TrackInternalAction(const std::string& name, const StringMap& data, std::int32_t timestamp) override {
+        std::lock_guard lock(mutex_);
+        hits_.push_back({name, data, timestamp, clock_.NowSeconds()});
     }
     std::vector<Hit> Take() {
         std::lock_guard lock(mutex_);
@@ -35,10 +32,6 @@ public:
     }
 
 private:
-    void Record(Hit hit) {
-        std::lock_guard lock(mutex_);
-        hits_.push_back(std::move(hit));
-    }
     const Clock& clock_;
     std::mutex mutex_;
     std::vector<Hit> hits_;
@@ -77,7 +70,7 @@ StringMap With(StringMap base, const StringMap& extra) {
     return base;
 }
 
-// The content fields of a progress hit for an item named `name` of player "Player".
+// A progress hit of content item `name` played by "Player"; `length` null when unknown.
 StringMap Content(const std::string& name, const char* length, const StringMap& extra = {}) {
     StringMap base{{"&&pe", "m_i"}, {"&&pev3", "video"}, {"a.contentType", "video"},
                    {"a.media.name", name}, {"a.media.playerName", "Player"}};
@@ -102,23 +95,18 @@ MediaSettings Settings(const std::string& name, double length, const std::string
 
 class MediaModuleTest : public ::testing::Test {
 protected:
-    explicit MediaModuleTest(bool configured = true) {
+    MediaModuleTest() {
         log.SetDebugEnabled(true);
-        if (configured) {
-            config.rsids = "suite";
-            config.server = "collect.example";
-        }
-        media = std::make_unique<MediaModule>(log, clock, [this] { return gates.Analytics(); }, tracker);
+        config.rsids = "suite";
+        config.server = "collect.example";
     }
 
     // Runs `op` on the media queue, as the public class does, and waits for it.
     void Run(std::function<void(MediaModule&)> op) {
         media->Queue().Post([this, op] { op(*media); });
-        Drain();
+        ASSERT_TRUE(media->Flush(10s));
     }
-    void Open(const MediaSettings& settings) {
-        Run([settings](MediaModule& m) { m.Open(std::make_shared<MediaSettings>(settings)); });
-    }
+    void Open(const MediaSettings& s) { Run([s](MediaModule& m) { m.Open(std::make_shared<MediaSettings>(s)); }); }
     void Play(const std::string& name, double offset) { Run([=](MediaModule& m) { m.Play(name, offset); }); }
     void Stop(const std::string& name, double offset) { Run([=](MediaModule& m) { m.Stop(name, offset); }); }
     void Complete(const std::string& name, double offset) { Run([=](MediaModule& m) { m.Complete(name, offset); }); }
@@ -126,18 +114,25 @@ protected:
     void Close(const std::string& name) { Run([=](MediaModule& m) { m.Close(name); }); }
     void Track(const std::string& name, StringMap data) { Run([=](MediaModule& m) { m.Track(name, data); }); }
 
-    void Drain() { ASSERT_TRUE(media->Flush(10s)); }
-
     // Advances the clock one second at a time, letting each monitor tick run before the next.
     void Tick(int seconds = 1) {
         for (int i = 0; i < seconds; ++i) {
             manual.Advance(1s);
-            Drain();
+            ASSERT_TRUE(media->Flush(10s));
         }
     }
 
-    // The context maps handed over since the last call; each must be a "Media" hit stamped with the
-    // time it was sent.
+    // Ticks up to second `last`, keeping the hits by the second at which they were sent.
+    std::map<int, StringMap> HitsBySecond(int first, int last) {
+        std::map<int, StringMap> bySecond;
+        for (int second = first; second <= last; ++second) {
+            Tick();
+            for (auto& hit : Hits()) bySecond.emplace(second, std::move(hit));
+        }
+        return bySecond;
+    }
+
+    // The context maps handed over since the last call: "Media" hits stamped with their sending time.
     std::vector<StringMap> Hits() {
         std::vector<StringMap> maps;
         for (auto& hit : tracker.Take()) {
@@ -155,7 +150,8 @@ protected:
     ConfigSettings config;
     ModuleGates gates{config};
     RecordingTracker tracker{clock};
-    std::unique_ptr<MediaModule> media;
+    std::unique_ptr<MediaModule> media =
+        std::make_unique<MediaModule>(log, clock, [this] { return gates.Analytics(); }, tracker);
 };
 
 using Maps = std::vector<StringMap>;
@@ -171,17 +167,12 @@ TEST_F(MediaModuleTest, PlayedItemReportsMilestonesCompletesOnceAndLeaves) {
     media->Queue().Post([gate = release.get_future().share()] { gate.wait(); });
     manual.Advance(30s);
     release.set_value();
-    Drain();
+    ASSERT_TRUE(media->Flush(10s));
     EXPECT_EQ(Hits(), Maps{Content("Movie", "100", {{"a.media.milestone", "25"}, {"a.media.timePlayed", "30"}})});
     Tick();
     EXPECT_EQ(Hits(), Maps{}) << "31 s";
 
-    std::map<int, StringMap> bySecond;
-    for (int second = 32; second <= 105; ++second) {
-        Tick();
-        for (auto& hit : Hits()) bySecond.emplace(second, std::move(hit));
-    }
-    EXPECT_EQ(bySecond, (std::map<int, StringMap>{
+    EXPECT_EQ(HitsBySecond(32, 105), (std::map<int, StringMap>{
                             {50, Content("Movie", "100", {{"a.media.milestone", "50"}, {"a.media.timePlayed", "20"}})},
                             {75, Content("Movie", "100", {{"a.media.milestone", "75"}, {"a.media.timePlayed", "25"}})},
                             {100, Content("Movie", "100", {{"a.media.complete", "true"}, {"a.media.timePlayed", "25"}})},
@@ -195,13 +186,8 @@ TEST_F(MediaModuleTest, TrackSecondsSendsPlayedTimeAndStartsCountingAgain) {
     Open(Settings("Clip", 300, "", 10));
     Play("Clip", 0);
     EXPECT_EQ(Hits().size(), 1u);
-    std::map<int, StringMap> bySecond;
-    for (int second = 1; second <= 25; ++second) {
-        Tick();
-        for (auto& hit : Hits()) bySecond.emplace(second, std::move(hit));
-    }
     const StringMap seconds = Content("Clip", "300", {{"a.media.timePlayed", "10"}});
-    EXPECT_EQ(bySecond, (std::map<int, StringMap>{{10, seconds}, {20, seconds}}));
+    EXPECT_EQ(HitsBySecond(1, 25), (std::map<int, StringMap>{{10, seconds}, {20, seconds}}));
 }
 
 TEST_F(MediaModuleTest, AdCarriesItsParentAndCostOnlyOnTheViewHit) {
@@ -215,16 +201,10 @@ TEST_F(MediaModuleTest, AdCarriesItsParentAndCostOnlyOnTheViewHit) {
     ad.Channel = "sports";
     Open(ad);
     Play("Spot", 0);
-    const StringMap adFields{{"&&pe", "m_i"},
-                             {"&&pev3", "videoAd"},
-                             {"a.contentType", "videoAd"},
-                             {"a.media.ad.name", "Spot"},
-                             {"a.media.ad.playerName", "AdPlayer"},
-                             {"a.media.name", "Movie"},
-                             {"a.media.ad.length", "15"},
-                             {"a.media.ad.pod", "pod-1"},
-                             {"a.media.ad.podPosition", "2"},
-                             {"a.media.channel", "sports"}};
+    const StringMap adFields{{"&&pe", "m_i"}, {"&&pev3", "videoAd"}, {"a.contentType", "videoAd"},
+                             {"a.media.ad.name", "Spot"}, {"a.media.ad.playerName", "AdPlayer"},
+                             {"a.media.name", "Movie"}, {"a.media.ad.length", "15"}, {"a.media.ad.pod", "pod-1"},
+                             {"a.media.ad.podPosition", "2"}, {"a.media.channel", "sports"}};
     EXPECT_EQ(Hits(), Maps{With(adFields, {{"&&pe", "m_s"}, {"a.media.ad.CPM", "4.50"}, {"a.media.ad.view", "true"}})});
     Tick(7);
     EXPECT_EQ(Hits(), Maps{});
@@ -237,41 +217,29 @@ TEST_F(MediaModuleTest, AdCarriesItsParentAndCostOnlyOnTheViewHit) {
 }
 
 TEST_F(MediaModuleTest, OpeningTheSameNameOrPlayerClosesTheOpenItemWithItsHit) {
-    struct Case {
-        const char* name;
-        const char* playerID;
-        bool oldNameRemains;
-    };
-    for (const Case& c : {Case{"A", "other", true}, Case{"B", "p1", false}, Case{"C", "", false}}) {
-        SCOPED_TRACE(c.name);
-        MediaSettings first = Settings("A", 100);
+    // The second item's name and player; only the third leaves "A" open until it is closed.
+    for (auto [name, player] : {std::pair{"A", "other"}, {"B", "p1"}, {"C", ""}}) {
+        SCOPED_TRACE(name);
+        MediaSettings first = Settings("A", 100), second = Settings(name, 100);
         first.PlayerID = "p1";
+        second.PlayerID = player;
         Open(first);
         Play("A", 0);
         Tick(5);
         EXPECT_EQ(Hits(), Maps{View("A", "100")});
-        MediaSettings second = Settings(c.name, 100);
-        second.PlayerID = c.playerID;
         Open(second);
-        if (std::string(c.name) == "C") {
-            EXPECT_EQ(Hits(), Maps{});  // another name and player: A stays open
+        if (std::string(name) == "C") {
+            EXPECT_EQ(Hits(), Maps{});
             Close("A");
         }
         EXPECT_EQ(Hits(), Maps{Content("A", "100", {{"a.media.timePlayed", "5"}})});
         EXPECT_EQ(clock.Live(), 0) << "the closed item's monitor is gone";
-        Tick(3);
-        EXPECT_EQ(Hits(), Maps{});
-        capture.Clear();
-        Play("A", 0);
-        if (c.oldNameRemains) {
-            EXPECT_EQ(Hits(), Maps{View("A", "100")});  // a fresh item
-        } else {
-            EXPECT_TRUE(capture.Contains("Velmora Debug:Media - Tried to play media item (A) but it doesn't exist"));
-        }
+        Play("A", 0);  // a fresh item only when the new one took the name
+        EXPECT_EQ(Hits(), std::string(name) == "A" ? Maps{View("A", "100")} : Maps{});
         Close("A");
-        Close(c.name);
-        Hits();
+        Close(name);
     }
+    EXPECT_EQ(capture.Count("Velmora Debug:Media - Tried to play media item (A) but it doesn't exist"), 2u);
 }
 
 TEST_F(MediaModuleTest, TrackDropsEmptyValuesAndAlwaysSends) {
@@ -317,69 +285,47 @@ TEST_F(MediaModuleTest, SecondCompleteLeavesABlankSnapshotThatEndsPlaying) {
 }
 
 TEST_F(MediaModuleTest, CloseReportsCompletionNearTheEndOrWithUnknownLength) {
-    struct Case {
-        double length;
-        const char* lengthText;
-        bool complete;
-    };
-    for (const Case& c : {Case{0, nullptr, true}, Case{5, "5", true}, Case{100, "100", false}}) {
-        SCOPED_TRACE(c.length);
-        MediaSettings settings = Settings("Live", c.length);
+    Open(Settings("Idle", 100));
+    Close("Idle");  // never played: nothing to report
+    Close("Idle");
+    EXPECT_TRUE(capture.Contains("Velmora Debug:Media - Tried to close media item (Idle) but it doesn't exist"));
+    for (auto [length, text, complete] : {std::tuple{0.0, (const char*)nullptr, true}, {5.0, "5", true},
+                                          {100.0, "100", false}}) {
+        MediaSettings settings = Settings("Live", length);
         settings.PlayerName = "";
         Open(settings);
         Play("Live", 0);
         Tick(4);
         Hits();
         Close("Live");
-        StringMap expected = Content("Live", c.lengthText,
-                                     {{"a.media.playerName", "Not_Specified"}, {"a.media.timePlayed", "4"}});
-        if (c.complete) expected["a.media.complete"] = "true";
-        EXPECT_EQ(Hits(), Maps{expected});
+        StringMap expected = Content("Live", text, {{"a.media.playerName", "Not_Specified"}, {"a.media.timePlayed", "4"}});
+        if (complete) expected["a.media.complete"] = "true";
+        EXPECT_EQ(Hits(), Maps{expected}) << length;
     }
 }
 
-TEST_F(MediaModuleTest, CloseWithoutPlaySendsNothingAndRemovesTheItem) {
-    Open(Settings("Idle", 100));
-    Close("Idle");
-    EXPECT_EQ(Hits(), Maps{});
-    Close("Idle");
-    EXPECT_TRUE(capture.Contains("Velmora Debug:Media - Tried to close media item (Idle) but it doesn't exist"));
-}
-
-TEST_F(MediaModuleTest, StopEndsTheMonitorAndPlayStartsItAgain) {
+TEST_F(MediaModuleTest, MonitorRunsOnlyWhilePlayingAndNeverOutlivesItsItem) {
     Open(Settings("Cam", -1, "", 1));
     Play("Cam", 0);
-    Hits();
     Tick(2);
-    EXPECT_EQ(Hits().size(), 2u);
+    EXPECT_EQ(Hits().size(), 3u);
     Stop("Cam", 2);
     EXPECT_EQ(clock.Live(), 0);
     Tick(5);
-    EXPECT_EQ(Hits(), Maps{});
     Play("Cam", 2);
     Play("Cam", 2);  // already playing: no second monitor
     EXPECT_EQ(clock.Live(), 1);
-    Hits();
     Tick(2);
-    EXPECT_EQ(Hits(), (Maps{Content("Cam", nullptr, {{"a.media.timePlayed", "1"}}),
-                            Content("Cam", nullptr, {{"a.media.timePlayed", "1"}})}));
-}
-
-TEST_F(MediaModuleTest, AnItemRemovedAtTheEndLeavesNoTimerBehind) {
-    Open(Settings("Promo", 100, "", 1));
+    const StringMap second = Content("Cam", nullptr, {{"a.media.timePlayed", "1"}});
+    EXPECT_EQ(Hits(), (Maps{second, second}));
+    // A click at the end removes the item without stopping its monitor on the way.
+    Click("Cam", 100);
+    Open(Settings("Promo", 100));
     Play("Promo", 0);
-    EXPECT_EQ(clock.Live(), 1);
     Click("Promo", 100);
-    EXPECT_EQ(Hits(), (Maps{View("Promo", "100"), Content("Promo", "100", {{"a.media.clicked", "true"},
-                                                                           {"a.media.complete", "true"},
-                                                                           {"a.media.timePlayed", "100"}})}));
-    EXPECT_EQ(clock.Live(), 0);
-    Open(Settings("Promo", 100, "", 1));
-    Play("Promo", 0);
-    Hits();
-    Tick(3);
-    EXPECT_EQ(Hits().size(), 3u);
-    EXPECT_EQ(clock.Live(), 1);
+    EXPECT_EQ(Hits().back(), Content("Promo", "100", {{"a.media.clicked", "true"}, {"a.media.complete", "true"},
+                                                      {"a.media.timePlayed", "100"}}));
+    EXPECT_EQ(clock.Live(), 1) << "only Cam's";
     media->Shutdown();
     EXPECT_EQ(clock.Live(), 0);
 }
@@ -409,39 +355,45 @@ TEST_F(MediaModuleTest, SegmentsReportTheSegmentJustLeft) {
                                                   {"a.media.timePlayed", "5"}})});
 }
 
-TEST_F(MediaModuleTest, RefusedOpensAndUnknownNamesChangeNothing) {
-    MediaSettings blank = Settings("\r\n--**--", 10);
+TEST_F(MediaModuleTest, RefusalsAndUnknownNamesChangeNothing) {
     MediaSettings orphanAd = Settings("Ad", 10);
     orphanAd.IsMediaAd = true;
-    Open(blank);
+    Open(Settings("\r\n--**--", 10));
     Open(orphanAd);
     Run([](MediaModule& m) { m.Open(nullptr); });
-    const std::string noName =
-        "Velmora Warning:Analytics - VLMMediaSettings is required with a valid name. Media item not opened";
-    EXPECT_EQ(capture.Count(noName), 2u);
-    EXPECT_TRUE(capture.Contains("Velmora Warning:Analytics - Media ad requires parent name, please specify a parent "
-                                 "name. Media item not opened"));
-    capture.Clear();
-    const std::vector<std::pair<std::string, std::function<void()>>> ops = {
-        {"close", [&] { Close("Ad\n"); }},        {"play", [&] { Play("Ad\n", 0); }},
-        {"complete", [&] { Complete("Ad\n", 0); }}, {"stop", [&] { Stop("Ad\n", 0); }},
-        {"click", [&] { Click("Ad\n", 0); }},     {"track", [&] { Track("Ad\n", {{"k", "v"}}); }},
-    };
-    for (const auto& [verb, op] : ops) op();
-    std::vector<std::string> expected;
-    for (const auto& entry : ops) {
-        expected.push_back("Velmora Debug:Media - Tried to " + entry.first + " media item (Ad) but it doesn't exist");
+    orphanAd.ParentName = "Par\nent--**--";
+    Run([&orphanAd](MediaModule& m) { m.OpenItem(orphanAd); });
+    EXPECT_EQ(orphanAd.ParentName, "Parent") << "written back cleaned";
+    Close("Ad");
+    const std::vector<std::pair<std::string, std::function<void(MediaModule&)>>> ops = {
+        {"close", [](MediaModule& m) { m.Close("Ad\n"); }},
+        {"play", [](MediaModule& m) { m.Play("Ad\n", 0); }},
+        {"complete", [](MediaModule& m) { m.Complete("Ad\n", 0); }},
+        {"stop", [](MediaModule& m) { m.Stop("Ad\n", 0); }},
+        {"click", [](MediaModule& m) { m.Click("Ad\n", 0); }},
+        {"track", [](MediaModule& m) { m.Track("Ad\n", {{"k", "v"}}); }}};
+    for (const auto& op : ops) Run(op.second);
+    std::vector<std::string> expected(2, "Velmora Warning:Analytics - VLMMediaSettings is required with a valid "
+                                         "name. Media item not opened");
+    expected.insert(expected.begin() + 1, "Velmora Warning:Analytics - Media ad requires parent name, please "
+                                          "specify a parent name. Media item not opened");
+    for (const auto& op : ops) {
+        expected.push_back("Velmora Debug:Media - Tried to " + op.first + " media item (Ad) but it doesn't exist");
     }
     EXPECT_EQ(capture.Lines(), expected);
     EXPECT_EQ(Hits(), Maps{});
-}
 
-TEST_F(MediaModuleTest, WritesTheCleanedParentNameBackIntoTheSettings) {
-    MediaSettings ad = Settings("Ad", 10);
-    ad.IsMediaAd = true;
-    ad.ParentName = "Par\nent--**--";
-    Run([&ad](MediaModule& m) { m.OpenItem(ad); });
-    EXPECT_EQ(ad.ParentName, "Parent");
+    ConfigSettings none;  // no analytics section: every operation only warns
+    ModuleGates closed(none);
+    MediaModule unconfigured(log, clock, [&closed] { return closed.Analytics(); }, tracker);
+    capture.Clear();
+    unconfigured.Open(std::make_shared<MediaSettings>(Settings("A", 100)));
+    unconfigured.Play("A", 0);
+    unconfigured.Track("A", {});
+    unconfigured.Close("A");
+    EXPECT_EQ(capture.Lines(), std::vector<std::string>(
+                                   4, "Velmora Warning:Analytics - Your config file is not set up to use Analytics"));
+    EXPECT_EQ(clock.Live(), 0);
 }
 
 TEST_F(MediaModuleTest, BadMilestoneTextIsLoggedByTheQueueAndTheItemStaysClosed) {
@@ -467,25 +419,6 @@ TEST_F(MediaModuleTest, BadMilestoneTextIsLoggedByTheQueueAndTheItemStaysClosed)
     Open(Settings("A", 100, "50"));
     Play("A", 0);
     EXPECT_EQ(Hits(), Maps{View("A", "100")}) << "the queue goes on";
-}
-
-class UnconfiguredMediaTest : public MediaModuleTest {
-protected:
-    UnconfiguredMediaTest() : MediaModuleTest(false) {}
-};
-
-TEST_F(UnconfiguredMediaTest, EveryOperationOnlyWarns) {
-    Open(Settings("A", 100));
-    Play("A", 0);
-    Tick(2);
-    Track("A", {{"k", "v"}});
-    Click("A", 1);
-    Stop("A", 1);
-    Complete("A", 1);
-    Close("A");
-    EXPECT_EQ(Hits(), Maps{});
-    EXPECT_EQ(capture.Lines(),
-              std::vector<std::string>(7, "Velmora Warning:Analytics - Your config file is not set up to use Analytics"));
 }
 
 }  // namespace
