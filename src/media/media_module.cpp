@@ -225,11 +225,14 @@ void MediaModule::StartMonitor(MediaItem& item) {
         if (!item.monitor->cancelled) return;
     }
     auto record = std::make_shared<MonitorRecord>(item.name);
-    // The timer only posts; all work happens on the queue under the media lock.
-    record->timer = clock_.Every(std::chrono::milliseconds(1000), [this, shared = monitorLock_, record] {
+    // The timer only posts; all work happens on the queue under the media lock. It holds its record
+    // weakly, as the record holds the timer.
+    std::weak_ptr<MonitorRecord> weak = record;
+    record->timer = clock_.Every(std::chrono::milliseconds(1000), [this, shared = monitorLock_, weak] {
         std::lock_guard lock(shared->mutex);
-        if (shared->closed || record->cancelled) return;
-        queue_.Post([this, record] { MonitorTick(record); });
+        auto live = weak.lock();
+        if (shared->closed || !live || live->cancelled) return;
+        queue_.Post([this, live] { MonitorTick(live); });
     });
     item.monitor = std::move(record);
 }
