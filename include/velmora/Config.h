@@ -14,6 +14,11 @@ public:
     static void SetDebugLogging(bool enabled);
     static std::future<VelmoraPrivacyStatus> GetPrivacyStatusAsync();
     static void SetPrivacyStatus(VelmoraPrivacyStatus status);
+
+    // The visitor identifier: Get answers at once, Set stores it in the background.
+    static std::string GetUserIdentifier();
+    static void SetUserIdentifier(const std::string& identifier);
+
     static std::string GetVersion();
 };
 

@@ -6,8 +6,11 @@
 #include "core/runtime.h"
 #include "core/settings_store.h"
 
+#include <cstdint>
+#include <filesystem>
 #include <mutex>
 #include <optional>
+#include <regex>
 #include <string>
 
 namespace velmora {
@@ -42,8 +45,63 @@ public:
     std::string LanguageTag() const;  // for "Accept-Language", read anew on each call
     bool InternetAvailable() const;
 
+    // Where the manufacturer and model files are read when the host gives none; call before first
+    // use (tests point it at a temporary directory).
+    void SetSystemInfoDirectory(std::filesystem::path directory) { systemInfoDirectory_ = std::move(directory); }
+    // A new AID built from a new random GUID, and the same rule applied to a given GUID text.
+    std::string GenerateAid() const;
+    std::string AidFromGuid(const std::string& guid) const;
+
 private:
-    // implementation-defined members
+    struct ApplicationProperties {
+        std::string title = "Unknown";
+        std::uint16_t major = 0, minor = 0, build = 0, revision = 0;
+    };
+
+    void LoadDeviceProperties();
+    const ApplicationProperties& Application();
+    std::string FetchAid();
+    std::string ComputeAid();
+
+    const HostOptions& host_;
+    const ConfigSettings& config_;
+    SettingsStore& settings_;
+    HttpClient& http_;
+    const Logger& log_;
+    std::filesystem::path systemInfoDirectory_ = "/sys/class/dmi/id";
+
+    std::once_flag deviceOnce_;
+    std::string manufacturer_, model_;
+    std::once_flag applicationOnce_;
+    ApplicationProperties application_;
+
+    // Lock order: context map first, then the single values; the application id before its parts.
+    std::mutex contextMutex_;
+    std::optional<StringMap> context_;
+    std::mutex userAgentMutex_;
+    std::optional<std::string> userAgent_;
+    std::mutex deviceNameMutex_;
+    std::optional<std::string> deviceName_;
+    std::mutex applicationIdMutex_;
+    std::optional<std::string> applicationId_;
+    std::mutex applicationNameMutex_;
+    std::optional<std::string> applicationName_;
+    std::mutex applicationVersionMutex_;
+    std::optional<std::string> applicationVersion_;
+    std::mutex applicationBuildMutex_;
+    std::optional<std::string> applicationBuild_;
+
+    std::once_flag resolutionOnce_;
+    std::string resolution_;
+    std::once_flag aidOnce_;
+    std::string aid_;
+
+    std::mutex visitorMutex_;
+    std::string visitorId_;
+
+    const std::regex guidSeparators_{"[-{}]"};
+    const std::regex highHalfSign_{"^[89A-F]"};
+    const std::regex lowHalfVariant_{"^[4-9A-F]"};
 };
 
 }  // namespace velmora

@@ -137,14 +137,6 @@ TEST_F(HttpTest, TimeOutGives408AndEmptyTextWithoutThrowing) {
     EXPECT_EQ(capture.Lines(), std::vector<std::string>(2, kTimedOut));
 }
 
-TEST_F(HttpTest, TimeOutLineOnlyWithDebugLogging) {
-    log.SetDebugEnabled(false);
-    RequestHandler request(client, server.Url("/hold"));
-    request.SetTimeout(100);
-    EXPECT_EQ(request.GetStatusCode(), 408);
-    EXPECT_TRUE(capture.Lines().empty());
-}
-
 TEST_F(HttpTest, AnyStatusIsReturnedSilentlyWithItsBody) {
     for (int status : {200, 202, 307, 404, 500, 503}) {
         RequestHandler code(client, server.Url("/status/" + std::to_string(status)));

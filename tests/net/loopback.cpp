@@ -37,6 +37,8 @@ LoopbackServer::LoopbackServer() {
     port_ = server_.bind_to_any_port("127.0.0.1");
     if (port_ <= 0) throw std::runtime_error("cannot bind the loopback server");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
+    // stop() is ignored until the server runs; without this an unused server could never stop.
+    while (!server_.is_running()) std::this_thread::yield();
 }
 
 LoopbackServer::~LoopbackServer() {

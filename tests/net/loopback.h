@@ -37,10 +37,10 @@ public:
     std::vector<Received> Requests() const;
     std::size_t Count(const std::string& path) const;
     void Release();
+    void Hold();  // for handlers: blocks until Release() or the end of the server
 
 private:
     void Dispatch(const httplib::Request& request, httplib::Response& response);
-    void Hold();
 
     httplib::Server server_;
     int port_ = -1;

@@ -1,0 +1,267 @@
+#include "core/device.h"
+
+#include <nlohmann/json.hpp>
+#include <pugixml.hpp>
+
+#include <cctype>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+namespace velmora {
+namespace {
+
+constexpr const char* kManifestFileName = "AppxManifest.xml";
+constexpr const char* kOSVersion = "Windows Phone 8.1";
+constexpr std::int32_t kAidTimeoutMilliseconds = 500;
+
+// One line of a sysfs file without its line feed; empty when the file is missing.
+std::string ReadSystemValue(const std::filesystem::path& path) {
+    std::ifstream file(path);
+    std::string value;
+    if (!file || !std::getline(file, value)) return "";
+    while (!value.empty() && std::isspace(static_cast<unsigned char>(value.back()))) value.pop_back();
+    return value;
+}
+
+// "Major.Minor.Build.Revision"; a missing or unreadable part counts as 0.
+void ParseVersion(const std::string& text, std::uint16_t* parts[4]) {
+    std::stringstream stream(text);
+    std::string piece;
+    for (int i = 0; i < 4 && std::getline(stream, piece, '.'); ++i) {
+        std::uint16_t value = 0;
+        auto [end, error] = std::from_chars(piece.data(), piece.data() + piece.size(), value);
+        *parts[i] = (error == std::errc() && end == piece.data() + piece.size()) ? value : 0;
+    }
+}
+
+}  // namespace
+
+DeviceContext::DeviceContext(const HostOptions& host, const ConfigSettings& config, SettingsStore& settings,
+                             HttpClient& http, const Logger& log)
+    : host_(host), config_(config), settings_(settings), http_(http), log_(log) {}
+
+std::unique_ptr<DeviceContext> DeviceContext::Create(Runtime& runtime) {
+    return std::make_unique<DeviceContext>(runtime.Host(), runtime.Config(), runtime.Settings(),
+                                           runtime.Get<HttpClient>(), runtime.Log());
+}
+
+void DeviceContext::LoadDeviceProperties() {
+    std::call_once(deviceOnce_, [this] {
+        manufacturer_ = !host_.deviceManufacturer.empty() ? host_.deviceManufacturer
+                                                          : ReadSystemValue(systemInfoDirectory_ / "sys_vendor");
+        model_ = !host_.deviceModel.empty() ? host_.deviceModel : ReadSystemValue(systemInfoDirectory_ / "product_name");
+    });
+}
+
+const DeviceContext::ApplicationProperties& DeviceContext::Application() {
+    std::call_once(applicationOnce_, [this] {
+        pugi::xml_document manifest;
+        const auto result = manifest.load_file((host_.packageDirectory / kManifestFileName).c_str());
+        if (!result) {
+            log_.Error("Analytics - Unable to read AppxManifest file to obtain Application name (%s)",
+                       result.description());
+            return;
+        }
+        if (pugi::xml_node identity = manifest.select_node("//Identity").node()) {
+            std::uint16_t* parts[4] = {&application_.major, &application_.minor, &application_.build,
+                                       &application_.revision};
+            ParseVersion(identity.attribute("Version").as_string(), parts);
+        }
+        pugi::xml_node name = manifest.select_node("//Properties/DisplayName").node();
+        if (!name) {
+            log_.Error("Analytics - Unable to read AppxManifest file to obtain Application name (%s)",
+                       "No DisplayName element found");
+            return;
+        }
+        application_.title = name.text().get();
+    });
+    return application_;
+}
+
+std::string DeviceContext::GetUserAgent() {
+    std::lock_guard lock(userAgentMutex_);
+    if (!userAgent_) {
+        LoadDeviceProperties();
+        std::string agent = "Mozilla/5.0 (Windows ";
+        agent += "Phone 8.1; ARM";
+        agent += "; Trident/7.0; Touch; rv:11.0";
+        if (!manufacturer_.empty()) {
+            agent += "; ";
+            agent += manufacturer_ == "Microsoft" ? "Microsoft Corporation" : manufacturer_;
+        }
+        if (!model_.empty()) {
+            agent += "; ";
+            agent += model_;
+        }
+        agent += ") like Gecko";
+        userAgent_ = std::move(agent);
+    }
+    return *userAgent_;
+}
+
+std::string DeviceContext::GetDeviceName() {
+    std::lock_guard lock(deviceNameMutex_);
+    if (!deviceName_) {
+        LoadDeviceProperties();
+        deviceName_ = (manufacturer_.empty() ? "Unknown" : manufacturer_) + " " + (model_.empty() ? "Unknown" : model_);
+    }
+    return *deviceName_;
+}
+
+std::string DeviceContext::GetApplicationName() {
+    std::lock_guard lock(applicationNameMutex_);
+    if (!applicationName_) applicationName_ = Application().title;
+    return *applicationName_;
+}
+
+std::string DeviceContext::GetApplicationVersion() {
+    std::lock_guard lock(applicationVersionMutex_);
+    if (!applicationVersion_) {
+        // The build number stays out of the version that lifecycle compares.
+        const auto& app = Application();
+        applicationVersion_ =
+            std::to_string(app.major) + "." + std::to_string(app.minor) + "." + std::to_string(app.revision);
+    }
+    return *applicationVersion_;
+}
+
+std::string DeviceContext::GetApplicationBuild() {
+    std::lock_guard lock(applicationBuildMutex_);
+    if (!applicationBuild_) applicationBuild_ = std::to_string(Application().build);
+    return *applicationBuild_;
+}
+
+std::string DeviceContext::GetApplicationId() {
+    std::lock_guard lock(applicationIdMutex_);
+    if (!applicationId_) {
+        std::string id = GetApplicationName();
+        const std::string version = GetApplicationVersion();
+        const std::string build = GetApplicationBuild();
+        if (!version.empty()) id += " " + version;
+        if (!build.empty()) id += " (" + build + ")";
+        applicationId_ = std::move(id);
+    }
+    return *applicationId_;
+}
+
+std::string DeviceContext::GetResolution() {
+    std::call_once(resolutionOnce_, [this] {
+        resolution_ = "Unknown";
+        if (!host_.windowSize) return;
+        try {
+            if (auto size = host_.windowSize()) {
+                char text[128];
+                std::snprintf(text, sizeof(text), "%.0fx%.0f", size->first, size->second);
+                resolution_ = text;
+            }
+        } catch (...) {
+            // A failing window callback is the same as having no window.
+        }
+    });
+    return resolution_;
+}
+
+std::string DeviceContext::GetOSVersion() { return kOSVersion; }
+
+std::string DeviceContext::GetCarrierName() { return ""; }
+
+StringMap DeviceContext::GetContextData() {
+    std::lock_guard lock(contextMutex_);
+    if (!context_) {
+        context_ = StringMap{{"a.DeviceName", GetDeviceName()},
+                             {"a.Resolution", GetResolution()},
+                             {"a.OSVersion", GetOSVersion()},
+                             {"a.CarrierName", GetCarrierName()},
+                             {"a.AppID", GetApplicationId()}};
+    }
+    return *context_;
+}
+
+std::string DeviceContext::GetAid() {
+    std::call_once(aidOnce_, [this] { aid_ = ComputeAid(); });
+    return aid_;
+}
+
+std::string DeviceContext::ComputeAid() {
+    try {
+        if (auto stored = LookupText(settings_, kAidKey)) return *stored;
+    } catch (const SettingsError&) {
+        // Unreadable settings: an identifier for this run is better than none.
+    }
+    std::string aid = FetchAid();
+    if (aid.empty()) aid = GenerateAid();
+    try {
+        settings_.Insert(kAidKey, aid);
+    } catch (const SettingsError& e) {
+        log_.Error("Analytics - Unable to save aid (%s)", e.what());
+    }
+    return aid;
+}
+
+std::string DeviceContext::FetchAid() {
+    const std::string url = std::string(config_.ssl ? "https://" : "http://") + config_.server + "/id";
+    try {
+        RequestHandler request(http_, url);
+        request.SetTimeout(kAidTimeoutMilliseconds);
+        const std::string body = request.GetResponseText();
+        if (body.empty() || body.front() != '{') return "";
+        const auto json = nlohmann::json::parse(body, nullptr, false);
+        if (!json.is_object()) return "";
+        const auto id = json.find("id");
+        return id != json.end() && id->is_string() ? id->get<std::string>() : "";
+    } catch (const std::exception& e) {
+        log_.Debug("Analytics - Unable to retrieve aid from server (%s)", e.what());
+        return "";
+    }
+}
+
+std::string DeviceContext::GenerateAid() const {
+    std::random_device random;
+    const std::uint32_t data1 = random();
+    const auto data2 = static_cast<unsigned short>(random());
+    const auto data3 = static_cast<unsigned short>(random());
+    unsigned char data4[8];
+    for (auto& byte : data4) byte = static_cast<unsigned char>(random());
+    char guid[40];
+    std::snprintf(guid, sizeof(guid), "{%08X-%04hX-%04hX-%02X%02X-%02X%02X%02X%02X%02X%02X}", data1, data2, data3,
+                  data4[0], data4[1], data4[2], data4[3], data4[4], data4[5], data4[6], data4[7]);
+    return AidFromGuid(guid);
+}
+
+std::string DeviceContext::AidFromGuid(const std::string& guid) const {
+    std::string digits = guid;
+    for (char& c : digits) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    digits = std::regex_replace(digits, guidSeparators_, "");
+    std::string high = digits.substr(0, 16);
+    std::string low = digits.size() > 16 ? digits.substr(16) : "";
+    // The high half must read as a positive signed 64-bit number, the low half starts with 0 to 3.
+    high = std::regex_replace(high, highHalfSign_, std::to_string(std::rand() % 8));
+    low = std::regex_replace(low, lowHalfVariant_, std::to_string(std::rand() % 4));
+    return high + "-" + low;
+}
+
+std::string DeviceContext::GetVisitorId() {
+    std::lock_guard lock(visitorMutex_);
+    try {
+        if (auto stored = LookupText(settings_, kVisitorIdKey)) return *stored;
+    } catch (const SettingsError&) {
+        // Fall back to the value of this run.
+    }
+    return visitorId_;
+}
+
+void DeviceContext::SetVisitorId(const std::string& identifier) {
+    std::lock_guard lock(visitorMutex_);
+    visitorId_ = identifier;
+    settings_.Insert(kVisitorIdKey, identifier);
+}
+
+std::string DeviceContext::LanguageTag() const { return velmora::LanguageTag(host_); }
+
+bool DeviceContext::InternetAvailable() const { return velmora::InternetAvailable(host_); }
+
+}  // namespace velmora
