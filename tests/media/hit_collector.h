@@ -25,6 +25,7 @@ public:
             std::lock_guard lock(mutex_);
             if (response.status == 200) hits_.push_back(Decode(request.target.substr(request.target.find('?') + 1)));
         });
+        server_.set_keep_alive_max_count(1);  // no idle connection keeps the server from stopping
         port_ = server_.bind_to_any_port("127.0.0.1");
         thread_ = std::thread([this] { server_.listen_after_bind(); });
         while (!server_.is_running()) std::this_thread::yield();
