@@ -1,11 +1,8 @@
 #pragma once
 
+#include <velmora/Analytics.h>
+#include <velmora/Cohorta.h>
 #include <velmora/Config.h>
 #include <velmora/Host.h>
+#include <velmora/Media.h>
 #include <velmora/Types.h>
-
-// Analytics
-#include <velmora/Analytics.h>
-
-// Audience
-#include <velmora/Cohorta.h>

@@ -1,0 +1,93 @@
+#include <velmora/Media.h>
+
+#include "analytics/values.h"
+#include "api/guard.h"
+#include "core/runtime.h"
+#include "media/media_module.h"
+
+namespace Velmora {
+
+using velmora::MediaModule;
+using velmora::Runtime;
+
+namespace {
+
+// Arguments are copied into the closure: the work runs later, on the media queue.
+template <class Work>
+void PostToMedia(Work work) {
+    velmora::Guard([&work] {
+        auto& media = Runtime::Process().Get<MediaModule>();
+        media.Queue().Post([&media, work = std::move(work)]() mutable { work(media); });
+    });
+}
+
+}  // namespace
+
+std::shared_ptr<MediaSettings> Media::SettingsWith(const std::string& name, double length,
+                                                   const std::string& playerName, const std::string& playerID) {
+    return velmora::Guard(std::shared_ptr<MediaSettings>(), [&] {
+        auto settings = std::make_shared<MediaSettings>();
+        settings->Name = name;
+        settings->Length = length;
+        settings->PlayerName = playerName;
+        settings->PlayerID = playerID;
+        return settings;
+    });
+}
+
+std::shared_ptr<MediaSettings> Media::AdSettingsWith(const std::string& name, double length,
+                                                     const std::string& playerName, const std::string& parentName,
+                                                     const std::string& parentPod, double parentPodPosition,
+                                                     const std::string& CPM) {
+    return velmora::Guard(std::shared_ptr<MediaSettings>(), [&] {
+        auto settings = std::make_shared<MediaSettings>();
+        settings->IsMediaAd = true;
+        settings->Name = name;
+        settings->Length = length;
+        settings->PlayerName = playerName;
+        settings->ParentName = parentName;
+        settings->ParentPod = parentPod;
+        settings->ParentPodPosition = parentPodPosition;
+        settings->CPM = CPM;
+        return settings;
+    });
+}
+
+void Media::Open(std::shared_ptr<MediaSettings> settings) {
+    // The item takes its own copy: the application may change or reuse its object at once.
+    velmora::Guard([&settings] {
+        auto copy = settings ? std::make_shared<MediaSettings>(*settings) : nullptr;
+        PostToMedia([copy = std::move(copy)](MediaModule& media) { media.Open(copy); });
+    });
+}
+
+void Media::Close(const std::string& name) {
+    PostToMedia([name](MediaModule& media) { media.Close(name); });
+}
+
+void Media::Play(const std::string& name, double offset) {
+    PostToMedia([name, offset](MediaModule& media) { media.Play(name, offset); });
+}
+
+void Media::Complete(const std::string& name, double offset) {
+    PostToMedia([name, offset](MediaModule& media) { media.Complete(name, offset); });
+}
+
+void Media::Stop(const std::string& name, double offset) {
+    PostToMedia([name, offset](MediaModule& media) { media.Stop(name, offset); });
+}
+
+void Media::Click(const std::string& name, double offset) {
+    PostToMedia([name, offset](MediaModule& media) { media.Click(name, offset); });
+}
+
+void Media::Track(const std::string& name, const ObjectMap& contextData) {
+    velmora::Guard([&] {
+        auto translated = velmora::TranslateContextData(contextData, Runtime::Process().Log());
+        PostToMedia([name, translated = std::move(translated)](MediaModule& media) mutable {
+            media.Track(name, std::move(translated));
+        });
+    });
+}
+
+}  // namespace Velmora
