@@ -1,0 +1,288 @@
+#include "core/http.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cctype>
+#include <mutex>
+#include <utility>
+
+namespace velmora {
+namespace {
+
+// Result codes of the table that curl failures map onto.
+constexpr std::int64_t kNameNotResolved = 0x80072EE7;
+constexpr std::int64_t kCannotConnect = 0x80072EFD;
+constexpr std::int64_t kConnectionAborted = 0x80072EFE;
+constexpr std::int64_t kConnectionReset = 0x80072EFF;
+constexpr std::int64_t kRedirectFailed = 0x80072F80;
+constexpr std::int64_t kInvalidName = 123;
+// Curl codes without a row keep their number above every 32-bit result code.
+constexpr std::int64_t kUnmappedCurlBase = std::int64_t{1} << 32;
+
+// A platform client gives up after this many hops; a redirect loop ends here.
+constexpr long kMaxRedirects = 10;
+// Easy handles kept for reuse; more than this many parallel requests is unusual.
+constexpr std::size_t kMaxIdleHandles = 8;
+
+std::int64_t MapCurlCode(CURLcode code) {
+    switch (code) {
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_RESOLVE_PROXY:
+            return kNameNotResolved;
+        case CURLE_COULDNT_CONNECT:
+            return kCannotConnect;
+        case CURLE_RECV_ERROR:
+        case CURLE_SEND_ERROR:
+            return kConnectionReset;
+        case CURLE_GOT_NOTHING:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_ABORTED_BY_CALLBACK:
+            return kConnectionAborted;
+        case CURLE_TOO_MANY_REDIRECTS:
+            return kRedirectFailed;
+        case CURLE_URL_MALFORMAT:
+            return kInvalidName;
+        default:
+            return kUnmappedCurlBase + static_cast<std::int64_t>(code);
+    }
+}
+
+void InitCurlOnce() {
+    // Trivially destructible, so safe for threads that outlive static destruction.
+    static std::once_flag once;
+    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+std::string Trim(std::string text) {
+    auto notSpace = [](unsigned char c) { return !std::isspace(c); };
+    text.erase(text.begin(), std::find_if(text.begin(), text.end(), notSpace));
+    text.erase(std::find_if(text.rbegin(), text.rend(), notSpace).base(), text.end());
+    return text;
+}
+
+struct Transfer {
+    bool wantBody = false;
+    std::string body;
+    StringMap cookies;
+};
+
+// Callbacks run inside curl: nothing may be thrown through it, so a failure ends the transfer.
+size_t OnBody(char* data, size_t size, size_t count, void* user) noexcept {
+    auto* transfer = static_cast<Transfer*>(user);
+    try {
+        if (transfer->wantBody) transfer->body.append(data, size * count);
+    } catch (...) {
+        return 0;
+    }
+    return size * count;
+}
+
+// "Set-Cookie: name=value; attributes" gives name and value; other lines are ignored.
+void ReadSetCookie(const std::string& line, StringMap& cookies) {
+    const auto colon = line.find(':');
+    if (colon == std::string::npos) return;
+    std::string name = Trim(line.substr(0, colon));
+    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+    if (name != "set-cookie") return;
+    std::string pair = line.substr(colon + 1);
+    pair = pair.substr(0, pair.find(';'));
+    const auto equals = pair.find('=');
+    if (equals == std::string::npos) return;
+    std::string cookieName = Trim(pair.substr(0, equals));
+    if (!cookieName.empty()) cookies[cookieName] = Trim(pair.substr(equals + 1));
+}
+
+// Called once per header line of every response, redirects included; a later hop's cookie wins.
+size_t OnHeader(char* data, size_t size, size_t count, void* user) noexcept {
+    try {
+        ReadSetCookie(std::string(data, size * count), static_cast<Transfer*>(user)->cookies);
+    } catch (...) {
+        return 0;
+    }
+    return size * count;
+}
+
+struct SlistDeleter {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using Slist = std::unique_ptr<curl_slist, SlistDeleter>;
+
+Slist MakeSlist(const std::vector<std::string>& lines) {
+    Slist list;
+    for (const auto& line : lines) {
+        curl_slist* appended = curl_slist_append(list.get(), line.c_str());
+        if (appended == nullptr) throw std::bad_alloc();
+        list.release();
+        list.reset(appended);
+    }
+    return list;
+}
+
+}  // namespace
+
+const char* DescribeHResult(std::int64_t code) {
+    // A 32-bit result code may arrive sign-extended.
+    if (code < 0 && code >= INT32_MIN) code = static_cast<std::uint32_t>(code);
+    switch (code) {
+        case 0x80070002: return "The system cannot find the file specified.";
+        case 0x80070057: return "The uri parameter was a null reference.";
+        case 0x8000000E: return "A method was called at an unexpected time.";
+        case 0x80000013: return "The object has been closed.";
+        case 0x80072EE7: return "The server name or address specified in the uri parameter could not be resolved.";
+        case 0x80072EEE: return "An incorrect password was presented to the server.";
+        case 0x80072EFD: return "A connection with the server specified in the uri parameter could not be established.";
+        case 0x80072EFE: return "The connection with the server was terminated abnormally.";
+        case 0x80072EFF: return "The connection with the server was reset.";
+        case 0x80072F30: return "There was a problem connecting to the server.";
+        case 0x80072F80: return "A redirection problem occurred.";
+        case 0x800C0005: return "The system cannot locate the resource specified in the uri parameter.";
+        case 0x800C0014: return "A redirection problem occurred.";
+        case 123: return "The syntax used in the uri parameter is incorrect.";  // the plain number only
+        default: return "Unknown COMException";
+    }
+}
+
+// Idle easy handles. Each keeps its own connection cache, DNS cache and TLS sessions, so a request
+// that takes the handle the previous one gave back reuses that request's connection.
+struct HttpClient::Shared {
+    Slist connectTo;
+    std::mutex mutex;
+    std::vector<CURL*> idle;
+
+    CURL* Take() {
+        {
+            std::lock_guard lock(mutex);
+            if (!idle.empty()) {
+                CURL* handle = idle.back();
+                idle.pop_back();
+                return handle;
+            }
+        }
+        CURL* handle = curl_easy_init();
+        if (handle == nullptr) throw std::bad_alloc();
+        return handle;
+    }
+
+    void Give(CURL* handle) {
+        {
+            std::lock_guard lock(mutex);
+            if (idle.size() < kMaxIdleHandles) {
+                idle.push_back(handle);
+                return;
+            }
+        }
+        curl_easy_cleanup(handle);
+    }
+};
+
+HttpClient::HttpClient(const Logger& log, std::vector<std::string> connectTo)
+    : log_(log), shared_(std::make_unique<Shared>()) {
+    InitCurlOnce();
+    shared_->connectTo = MakeSlist(connectTo);
+}
+
+HttpClient::~HttpClient() {
+    for (CURL* handle : shared_->idle) curl_easy_cleanup(handle);
+}
+
+std::unique_ptr<HttpClient> HttpClient::Create(Runtime& runtime) {
+    return std::make_unique<HttpClient>(runtime.Log(), runtime.Host().connectTo);
+}
+
+struct RequestHandler::Result {
+    bool timedOut = false;
+    std::int32_t status = 0;
+    std::string body;
+};
+
+RequestHandler::RequestHandler(HttpClient& client, std::string uri) : client_(client), uri_(std::move(uri)) {}
+
+RequestHandler::~RequestHandler() = default;
+
+void RequestHandler::SetHeader(const std::string& name, const std::string& value) {
+    // "Name:" alone would make curl drop the header; "Name;" sends it with an empty value.
+    headers_.push_back(value.empty() ? name + ";" : name + ": " + value);
+}
+
+void RequestHandler::SetCookie(const std::string& name, const std::string& value) { cookies_[name] = value; }
+
+RequestHandler::Result RequestHandler::Perform(bool wantBody) {
+    auto& shared = client_.shared();
+    Transfer transfer;
+    transfer.wantBody = wantBody;
+    Slist headers = MakeSlist(headers_);
+    std::string cookieHeader;
+    for (const auto& [name, value] : cookies_) {
+        if (!cookieHeader.empty()) cookieHeader += "; ";
+        cookieHeader += name + "=" + value;
+    }
+    char error[CURL_ERROR_SIZE] = {};
+
+    CURL* curl = shared.Take();
+    curl_easy_reset(curl);
+    curl_easy_setopt(curl, CURLOPT_URL, uri_.c_str());
+    curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kMaxRedirects);
+    curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
+    if (timeoutMilliseconds_ > 0) curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMilliseconds_));
+    if (shared.connectTo) curl_easy_setopt(curl, CURLOPT_CONNECT_TO, shared.connectTo.get());
+    if (headers) curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
+    if (!cookieHeader.empty()) curl_easy_setopt(curl, CURLOPT_COOKIE, cookieHeader.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, OnBody);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, OnHeader);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &transfer);
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
+
+    const CURLcode code = curl_easy_perform(curl);
+    long status = 0;
+    if (code == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    // The handle must not keep pointers into this frame once it is back in the pool.
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);
+    shared.Give(curl);
+
+    responseCookies_ = std::move(transfer.cookies);
+    Result result;
+    if (code == CURLE_OPERATION_TIMEDOUT) {
+        result.timedOut = true;
+        return result;
+    }
+    if (code != CURLE_OK) {
+        const std::int64_t mapped = MapCurlCode(code);
+        const char* description = DescribeHResult(mapped);
+        client_.log().Debug("Request Handler - Error processing request (%s)", description);
+        // Failures of the table carry its message; the rest carry curl's own account of them.
+        std::string message = description;
+        if (mapped >= kUnmappedCurlBase) message = error[0] != '\0' ? error : curl_easy_strerror(code);
+        throw TransportError(mapped, message);
+    }
+    result.status = static_cast<std::int32_t>(status);
+    result.body = std::move(transfer.body);
+    return result;
+}
+
+std::int32_t RequestHandler::GetStatusCode() {
+    Result result = Perform(false);
+    if (result.timedOut) {
+        client_.log().Debug("Request Handler - Request timed out");
+        return 408;
+    }
+    return result.status;
+}
+
+std::string RequestHandler::GetResponseText() {
+    Result result = Perform(true);
+    if (result.timedOut) {
+        client_.log().Debug("Request Handler - Request timed out");
+        return "";
+    }
+    return std::move(result.body);
+}
+
+}  // namespace velmora
