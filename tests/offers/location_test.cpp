@@ -29,6 +29,8 @@ struct PieceCase {
     const char *a, *b, *c;
 };
 
+void PrintTo(const PieceCase& c, std::ostream* os) { *os << c.degrees; }
+
 class CoordinateSplit : public ::testing::TestWithParam<PieceCase> {};
 
 TEST_P(CoordinateSplit, CutsThePaddedTextIntoThreePieces) {
