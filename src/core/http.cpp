@@ -269,6 +269,7 @@ RequestHandler::Result RequestHandler::Perform(bool wantBody) {
 
 std::int32_t RequestHandler::GetStatusCode() {
     Result result = Perform(false);
+    timedOut_ = result.timedOut;
     if (result.timedOut) {
         client_.log().Debug("Request Handler - Request timed out");
         return 408;
@@ -278,6 +279,7 @@ std::int32_t RequestHandler::GetStatusCode() {
 
 std::string RequestHandler::GetResponseText() {
     Result result = Perform(true);
+    timedOut_ = result.timedOut;
     if (result.timedOut) {
         client_.log().Debug("Request Handler - Request timed out");
         return "";

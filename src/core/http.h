@@ -61,6 +61,9 @@ public:
     std::int32_t GetStatusCode();
     std::string GetResponseText();
 
+    // Whether the last request ran out of time (GetStatusCode gave 408, GetResponseText "").
+    bool TimedOut() const { return timedOut_; }
+
     // Cookies set by the response ("Set-Cookie"), by name, after GetStatusCode / GetResponseText.
     const StringMap& ResponseCookies() const { return responseCookies_; }
 
@@ -74,6 +77,7 @@ private:
     std::vector<std::string> headers_;
     StringMap cookies_;
     StringMap responseCookies_;
+    bool timedOut_ = false;
 };
 
 }  // namespace velmora
