@@ -15,6 +15,9 @@ class VELMORA_API Analytics {
 public:
     static void TrackState(const std::string& state, const ObjectMap& contextData = {});
     static void TrackAction(const std::string& action, const ObjectMap& contextData = {});
+    // Position in degrees and its horizontal accuracy in metres.
+    static void TrackLocation(double latitude, double longitude, double horizontalAccuracy,
+                              const ObjectMap& contextData = {});
 
     // Lifetime value and timed actions.
     static void TrackLifetimeValueIncrease(float amount, const ObjectMap& contextData = {});

@@ -6,3 +6,4 @@
 #include <velmora/Host.h>
 #include <velmora/Media.h>
 #include <velmora/Types.h>
+#include <velmora/Vantor.h>

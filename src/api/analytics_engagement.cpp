@@ -6,6 +6,7 @@
 #include "core/device.h"
 #include "core/runtime.h"
 #include "lifecycle/lifetime_value.h"
+#include "lifecycle/location.h"
 #include "lifecycle/timed_actions.h"
 
 namespace Velmora {
@@ -21,6 +22,20 @@ bool AnalyticsAllowed(Runtime& runtime) { return runtime.Get<velmora::AnalyticsT
 void ReadDisplayOnCallingThread(Runtime& runtime) { runtime.Get<velmora::DeviceContext>().GetResolution(); }
 
 }  // namespace
+
+void Analytics::TrackLocation(double latitude, double longitude, double horizontalAccuracy,
+                              const ObjectMap& contextData) {
+    velmora::Guard([&] {
+        auto& runtime = Runtime::Process();
+        auto data = velmora::TranslateContextData(contextData, runtime.Log());
+        ReadDisplayOnCallingThread(runtime);
+        runtime.GeneralQueue().Post([&runtime, latitude, longitude, horizontalAccuracy, data = std::move(data)] {
+            if (AnalyticsAllowed(runtime)) {
+                runtime.Get<velmora::LocationTracker>().TrackLocation(latitude, longitude, horizontalAccuracy, data);
+            }
+        });
+    });
+}
 
 void Analytics::TrackLifetimeValueIncrease(float amount, const ObjectMap& contextData) {
     velmora::Guard([&] {

@@ -154,13 +154,12 @@ std::optional<StringMap> CohortaClient::Signal(const StringMap& traits) {
         RequestHandler request(http_, url);
         request.SetTimeout(kSignalTimeoutMs);
         body = request.GetResponseText();
+        if (request.TimedOut()) {
+            log_.Warning("Cohorta - Request timed out");
+            return std::nullopt;
+        }
     } catch (const std::exception& e) {
         log_.Warning("Cohorta - Unable to create URI object (%s)", e.what());
-        return std::nullopt;
-    }
-    // The request service answers a time-out with an empty text; no answer of the service is empty.
-    if (body.empty()) {
-        log_.Warning("Cohorta - Request timed out");
         return std::nullopt;
     }
 
@@ -187,7 +186,8 @@ void CohortaClient::ForwardDestination(const Json& destination) {
     try {
         RequestHandler request(http_, destination.at("c").get<std::string>());
         request.SetTimeout(kDestinationTimeoutMs);
-        if (request.GetStatusCode() == 408) log_.Warning("Cohorta - Failed to forward dest; the request timed out");
+        request.GetStatusCode();
+        if (request.TimedOut()) log_.Warning("Cohorta - Failed to forward dest; the request timed out");
     } catch (const TransportError& e) {
         log_.Warning("Cohorta - Failed to forward the dest (%s)", e.what());
     } catch (const std::exception& e) {

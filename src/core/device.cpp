@@ -40,13 +40,20 @@ void ParseVersion(const std::string& text, std::uint16_t* parts[4]) {
 
 }  // namespace
 
+DeviceContext::DeviceContext(const HostOptions& host, std::function<const ConfigSettings&()> config,
+                             std::function<SettingsStore&()> settings, HttpClient& http, const Logger& log)
+    : host_(host), config_(std::move(config)), settings_(std::move(settings)), http_(http), log_(log) {}
+
 DeviceContext::DeviceContext(const HostOptions& host, const ConfigSettings& config, SettingsStore& settings,
                              HttpClient& http, const Logger& log)
-    : host_(host), config_(config), settings_(settings), http_(http), log_(log) {}
+    : DeviceContext(
+          host, [&config]() -> const ConfigSettings& { return config; },
+          [&settings]() -> SettingsStore& { return settings; }, http, log) {}
 
 std::unique_ptr<DeviceContext> DeviceContext::Create(Runtime& runtime) {
-    return std::make_unique<DeviceContext>(runtime.Host(), runtime.Config(), runtime.Settings(),
-                                           runtime.Get<HttpClient>(), runtime.Log());
+    return std::make_unique<DeviceContext>(
+        runtime.Host(), [&runtime]() -> const ConfigSettings& { return runtime.Config(); },
+        [&runtime]() -> SettingsStore& { return runtime.Settings(); }, runtime.Get<HttpClient>(), runtime.Log());
 }
 
 void DeviceContext::LoadDeviceProperties() {
@@ -188,14 +195,14 @@ std::string DeviceContext::GetAid() {
 
 std::string DeviceContext::ComputeAid() {
     try {
-        if (auto stored = LookupText(settings_, kAidKey)) return *stored;
+        if (auto stored = LookupText(settings_(), kAidKey)) return *stored;
     } catch (const SettingsError&) {
         // Unreadable settings: an identifier for this run is better than none.
     }
     std::string aid = FetchAid();
     if (aid.empty()) aid = GenerateAid();
     try {
-        settings_.Insert(kAidKey, aid);
+        settings_().Insert(kAidKey, aid);
     } catch (const SettingsError& e) {
         log_.Error("Analytics - Unable to save aid (%s)", e.what());
     }
@@ -203,7 +210,7 @@ std::string DeviceContext::ComputeAid() {
 }
 
 std::string DeviceContext::FetchAid() {
-    const std::string url = std::string(config_.ssl ? "https://" : "http://") + config_.server + "/id";
+    const std::string url = std::string(config_().ssl ? "https://" : "http://") + config_().server + "/id";
     try {
         RequestHandler request(http_, url);
         request.SetTimeout(kAidTimeoutMilliseconds);
@@ -247,7 +254,7 @@ std::string DeviceContext::AidFromGuid(const std::string& guid) const {
 std::string DeviceContext::GetVisitorId() {
     std::lock_guard lock(visitorMutex_);
     try {
-        if (auto stored = LookupText(settings_, kVisitorIdKey)) return *stored;
+        if (auto stored = LookupText(settings_(), kVisitorIdKey)) return *stored;
     } catch (const SettingsError&) {
         // Fall back to the value of this run.
     }
@@ -257,7 +264,7 @@ std::string DeviceContext::GetVisitorId() {
 void DeviceContext::SetVisitorId(const std::string& identifier) {
     std::lock_guard lock(visitorMutex_);
     visitorId_ = identifier;
-    settings_.Insert(kVisitorIdKey, identifier);
+    settings_().Insert(kVisitorIdKey, identifier);
 }
 
 std::string DeviceContext::LanguageTag() const { return velmora::LanguageTag(host_); }

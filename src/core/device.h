@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <regex>
@@ -22,6 +23,10 @@ inline constexpr const char* kAidKey = "VELMORA_STOREDDEFAULTS_AID";
 // Each value is computed once, on first use, and then served from memory.
 class DeviceContext : public RuntimeModule {
 public:
+    // The configuration and the settings store are reached only when a value needs them, so that
+    // reading the resolution on the application's thread never loads a file.
+    DeviceContext(const HostOptions& host, std::function<const ConfigSettings&()> config,
+                  std::function<SettingsStore&()> settings, HttpClient& http, const Logger& log);
     DeviceContext(const HostOptions& host, const ConfigSettings& config, SettingsStore& settings,
                   HttpClient& http, const Logger& log);
     static std::unique_ptr<DeviceContext> Create(Runtime& runtime);
@@ -64,8 +69,8 @@ private:
     std::string ComputeAid();
 
     const HostOptions& host_;
-    const ConfigSettings& config_;
-    SettingsStore& settings_;
+    std::function<const ConfigSettings&()> config_;
+    std::function<SettingsStore&()> settings_;
     HttpClient& http_;
     const Logger& log_;
     std::filesystem::path systemInfoDirectory_ = "/sys/class/dmi/id";

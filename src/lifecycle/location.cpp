@@ -1,5 +1,8 @@
 #include "lifecycle/location.h"
 
+#include "analytics/tracker.h"
+#include "vantor/vantor.h"
+
 #include <cmath>
 #include <cstdio>
 
@@ -41,6 +44,15 @@ double DistanceMetres(double latitude1, double longitude1, double latitude2, dou
 LocationTracker::LocationTracker(const ConfigSettings& config, ActionTracker& tracker,
                                  SetOfferParameter setOfferParameter, const Logger& log)
     : config_(config), tracker_(tracker), setOfferParameter_(std::move(setOfferParameter)), log_(log) {}
+
+std::unique_ptr<LocationTracker> LocationTracker::Create(Runtime& runtime) {
+    return std::make_unique<LocationTracker>(
+        runtime.Config(), runtime.Get<AnalyticsTracker>(),
+        [&runtime](const std::string& key, const std::string& value) {
+            runtime.Get<Vantor>().SetPersistentParameter(key, value);
+        },
+        runtime.Log());
+}
 
 void LocationTracker::TrackLocation(double latitude, double longitude, double accuracy,
                                     const StringMap& contextData) {

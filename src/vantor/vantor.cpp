@@ -1,6 +1,8 @@
 #include "vantor/vantor.h"
 
 #include "analytics/values.h"
+#include "lifecycle/lifecycle.h"
+#include "lifecycle/lifetime_value.h"
 #include "core/escape.h"
 
 #include <curl/curl.h>
@@ -46,6 +48,14 @@ Vantor::Vantor(const ConfigSettings& config, ModuleGates& gates, SettingsStore& 
       log_(log),
       sources_(std::move(sources)),
       queue_("Vantor", log) {}
+
+std::unique_ptr<Vantor> Vantor::Create(Runtime& runtime) {
+    // The lifecycle and lifetime-value modules are reached only when a load needs them.
+    Sources sources{[&runtime] { return runtime.Get<Lifecycle>().GetLifecycleContextData(); },
+                    [&runtime] { return runtime.Get<LifetimeValue>().GetLifetimeValue(); }};
+    return std::make_unique<Vantor>(runtime.Config(), runtime.Gates(), runtime.Settings(), runtime.Get<HttpClient>(),
+                                    runtime.GetClock(), runtime.Log(), std::move(sources));
+}
 
 std::future<std::string> Vantor::LoadRequest(OfferRequest request) {
     return queue_.Submit([this, request = std::move(request)] { return Load(request); });
