@@ -1,20 +1,22 @@
 #!/usr/bin/env bash
 # The demo application end to end against the collector's --json output: every kind of hit the
 # demo makes arrives, decoded, with its key values.
+#   run.sh COLLECTOR_PROGRAM DEMO_PROGRAM
 set -euo pipefail
-build_dir="$1"
+collector_program="$1"
+demo_program="$2"
 work="$(mktemp -d)"
 collector_pid=""
 cleanup() { [ -n "$collector_pid" ] && kill "$collector_pid" 2>/dev/null; wait 2>/dev/null; rm -rf "$work"; }
 trap cleanup EXIT
 
-"$build_dir/tools/collector/velmora-collector" --port 0 --json >"$work/out" 2>"$work/err" &
+"$collector_program" --port 0 --json >"$work/out" 2>"$work/err" &
 collector_pid=$!
 for _ in $(seq 200); do [ -s "$work/out" ] && break; sleep 0.05; done
 address="$(head -n 1 "$work/out" | sed -n 's/^velmora-collector listening on http:\/\///p')"
 [ -n "$address" ] || { echo "collector did not start"; cat "$work/err"; exit 1; }
 
-"$build_dir/examples/demo/velmora-demo" --collector "$address" --local-dir "$work/data" >"$work/demo" 2>&1 \
+"$demo_program" --collector "$address" --local-dir "$work/data" >"$work/demo" 2>&1 \
   || { echo "demo failed:"; cat "$work/demo"; exit 1; }
 grep -qx "demo: every hit delivered" "$work/demo"
 grep -qx "demo: offer content: Offer content from velmora-collector" "$work/demo"

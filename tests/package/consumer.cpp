@@ -1,12 +1,34 @@
-// Prints the privacy status the library resolves for the config file in VELMORA_PACKAGE_DIR.
+// A program built against the installed package, as an application would be.
+//   consumer privacy              prints the privacy status resolved for VELMORA_PACKAGE_DIR's config
+//   consumer aid                  prints the tracking identifier
+//   consumer track PREFIX COUNT   tracks COUNT actions PREFIX1.., flushes and prints what is still queued
+// The collection server's host is routed with $VELMORA_CONNECT_TO.
 #include <velmora/Velmora.h>
 
 #include <chrono>
 #include <iostream>
+#include <string>
 
-int main() {
+int main(int argc, char** argv) {
+    const std::string mode = argc > 1 ? argv[1] : "privacy";
     Velmora::Config::SetDebugLogging(true);
-    auto status = Velmora::Config::GetPrivacyStatusAsync().get();
-    std::cout << "privacy " << static_cast<int>(status) << " version " << Velmora::Config::GetVersion() << std::endl;
-    return Velmora::Host::Flush(std::chrono::seconds(5)) ? 0 : 1;
+    if (mode == "privacy") {
+        auto status = Velmora::Config::GetPrivacyStatusAsync().get();
+        std::cout << "privacy " << static_cast<int>(status) << " version " << Velmora::Config::GetVersion()
+                  << std::endl;
+        return Velmora::Host::Flush(std::chrono::seconds(5)) ? 0 : 1;
+    }
+    if (mode == "aid") {
+        std::cout << "aid " << Velmora::Analytics::GetTrackingIdentifierAsync().get() << std::endl;
+        return 0;
+    }
+    if (mode == "track" && argc == 4) {
+        const int count = std::stoi(argv[3]);
+        for (int i = 1; i <= count; ++i) Velmora::Analytics::TrackAction(argv[2] + std::to_string(i), {{"n", i}});
+        const bool delivered = Velmora::Host::Flush(std::chrono::seconds(3));
+        std::cout << "queued " << Velmora::Analytics::GetQueueSize() << (delivered ? " delivered" : "") << std::endl;
+        return 0;
+    }
+    std::cerr << "usage: consumer [privacy | aid | track PREFIX COUNT]\n";
+    return 2;
 }
