@@ -2,9 +2,41 @@
 
 #include "support/test_support.h"
 
+#include <hit_decoder.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <set>
 #include <stdexcept>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace velmora::test {
+namespace {
+
+// A TCP socket bound to a free port on 127.0.0.1.
+int BoundSocket(int& port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) throw std::runtime_error("socket");
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        ::close(fd);
+        throw std::runtime_error("bind");
+    }
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+}  // namespace
+
+ReceivedHit DecodeHit(const std::string& target) {
+    auto hit = collector::DecodeHit(target);
+    return {target, hit.variables, hit.contextData};
+}
 
 std::string LoopbackServer::Request::Header(const std::string& name) const {
     auto it = headers.find(name);
@@ -14,13 +46,24 @@ std::string LoopbackServer::Request::Header(const std::string& name) const {
 LoopbackServer::LoopbackServer() {
     server_.Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
         Handler handler;
+        int scripted = 0;
         {
             std::lock_guard lock(mutex_);
             requests_.push_back({request.target, request.path, request.headers, request.remote_port});
+            if (!script_.empty()) {
+                scripted = script_.front();
+                script_.pop_front();
+            }
             handler = handler_;
         }
-        if (handler) handler(request, response);
+        if (scripted != 0) {
+            response.status = scripted;
+        } else if (handler) {
+            handler(request, response);
+        }
     });
+    // An idle kept-alive connection must not hold the server open for long when it stops.
+    server_.set_keep_alive_timeout(1);
     port_ = server_.bind_to_any_port("127.0.0.1");
     if (port_ <= 0) throw std::runtime_error("cannot bind a loopback port");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
@@ -28,6 +71,7 @@ LoopbackServer::LoopbackServer() {
 }
 
 LoopbackServer::~LoopbackServer() {
+    Release();
     server_.stop();
     if (thread_.joinable()) thread_.join();
 }
@@ -37,8 +81,22 @@ void LoopbackServer::OnGet(Handler handler) {
     handler_ = std::move(handler);
 }
 
-std::string LoopbackServer::Url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
+void LoopbackServer::Script(std::vector<int> statuses) {
+    std::lock_guard lock(mutex_);
+    script_.assign(statuses.begin(), statuses.end());
+}
+
+void LoopbackServer::Hold() {
+    std::unique_lock lock(mutex_);
+    released_.wait(lock, [this] { return release_; });
+}
+
+void LoopbackServer::Release() {
+    {
+        std::lock_guard lock(mutex_);
+        release_ = true;
+    }
+    released_.notify_all();
 }
 
 std::vector<LoopbackServer::Request> LoopbackServer::Requests() const {
@@ -46,13 +104,73 @@ std::vector<LoopbackServer::Request> LoopbackServer::Requests() const {
     return requests_;
 }
 
+std::vector<std::string> LoopbackServer::Targets() const {
+    std::vector<std::string> targets;
+    for (const auto& request : Requests()) targets.push_back(request.target);
+    return targets;
+}
+
+std::vector<ReceivedHit> LoopbackServer::Hits() const {
+    std::vector<ReceivedHit> hits;
+    for (const auto& request : Requests()) {
+        if (request.path.rfind("/b/ss/", 0) == 0) hits.push_back(DecodeHit(request.target));
+    }
+    return hits;
+}
+
 std::size_t LoopbackServer::Count() const {
     std::lock_guard lock(mutex_);
     return requests_.size();
 }
 
+std::size_t LoopbackServer::Connections() const {
+    std::lock_guard lock(mutex_);
+    std::set<int> ports;
+    for (const auto& request : requests_) ports.insert(request.remotePort);
+    return ports.size();
+}
+
 bool LoopbackServer::WaitForRequests(std::size_t count, std::chrono::milliseconds limit) const {
     return WaitUntil([&] { return Count() >= count; }, limit);
 }
+
+BrokenServer::BrokenServer(Mode mode) : mode_(mode) {
+    listener_ = BoundSocket(port_);
+    if (::listen(listener_, 8) != 0) {
+        ::close(listener_);
+        throw std::runtime_error("listen");
+    }
+    thread_ = std::thread([this] { Serve(); });
+}
+
+BrokenServer::~BrokenServer() {
+    ::shutdown(listener_, SHUT_RDWR);  // wakes the blocked accept
+    thread_.join();
+    ::close(listener_);
+}
+
+void BrokenServer::Serve() {
+    for (;;) {
+        int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (connection < 0) return;
+        // Wait for the whole request head, so the failure hits the client while it reads.
+        std::string head;
+        char buffer[1024];
+        while (head.find("\r\n\r\n") == std::string::npos) {
+            ssize_t n = ::recv(connection, buffer, sizeof(buffer), 0);
+            if (n <= 0) break;
+            head.append(buffer, static_cast<std::size_t>(n));
+        }
+        if (mode_ == Mode::kReset) {
+            linger hard{1, 0};
+            ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
+        }
+        ::close(connection);
+    }
+}
+
+ClosedPort::ClosedPort() { socket_ = BoundSocket(port_); }
+
+ClosedPort::~ClosedPort() { ::close(socket_); }
 
 }  // namespace velmora::test

@@ -3,7 +3,10 @@
 #include <httplib.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -11,8 +14,16 @@
 
 namespace velmora::test {
 
-// A real HTTP server on 127.0.0.1 and a free port that records every request it receives and
-// answers through a handler the test can change at any time.
+// A hit as a collection server sees it: its variables and its context data, decoded.
+struct ReceivedHit {
+    std::string target;
+    std::map<std::string, std::string> variables, context;
+};
+// Decodes a hit's request target ("/b/ss/.../s123?AQB=1&ndh=1...&AQE=1").
+ReceivedHit DecodeHit(const std::string& target);
+
+// A real HTTP server on 127.0.0.1 and a free port. It records every request, answers scripted
+// statuses first (see Script), then through the handler the test set (default: 200, empty body).
 class LoopbackServer {
 public:
     struct Request {
@@ -27,11 +38,21 @@ public:
     LoopbackServer();
     ~LoopbackServer();
 
-    void OnGet(Handler handler);  // default: 200 with an empty body
+    void OnGet(Handler handler);
+    void Script(std::vector<int> statuses);  // answers for the next requests, in order
+    // For handlers: blocks until Release() or the end of the server.
+    void Hold();
+    void Release();
+
     int Port() const { return port_; }
-    std::string Url(const std::string& path = "") const;
+    std::string Address() const { return "127.0.0.1:" + std::to_string(port_); }
+    std::string Url(const std::string& path = "") const { return "http://" + Address() + path; }
+
     std::vector<Request> Requests() const;
+    std::vector<std::string> Targets() const;
+    std::vector<ReceivedHit> Hits() const;  // the requests under /b/ss/, decoded
     std::size_t Count() const;
+    std::size_t Connections() const;  // distinct client ports seen
     bool WaitForRequests(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
 
 private:
@@ -39,8 +60,40 @@ private:
     std::thread thread_;
     int port_ = -1;
     mutable std::mutex mutex_;
+    std::condition_variable released_;
+    bool release_ = false;
     Handler handler_;
+    std::deque<int> script_;
     std::vector<Request> requests_;
+};
+
+// Accepts connections on 127.0.0.1, reads the request head and then, instead of answering, resets
+// the connection (RST) or closes it (FIN).
+class BrokenServer {
+public:
+    enum class Mode { kReset, kClose };
+    explicit BrokenServer(Mode mode);
+    ~BrokenServer();
+    int Port() const { return port_; }
+
+private:
+    void Serve();
+    const Mode mode_;
+    int listener_ = -1;
+    int port_ = -1;
+    std::thread thread_;
+};
+
+// A port on 127.0.0.1 that is bound but never listens, so every connection attempt is refused.
+class ClosedPort {
+public:
+    ClosedPort();
+    ~ClosedPort();
+    int Port() const { return port_; }
+
+private:
+    int socket_ = -1;
+    int port_ = -1;
 };
 
 }  // namespace velmora::test
