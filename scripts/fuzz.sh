@@ -7,18 +7,20 @@ seconds="${FUZZ_SECONDS:-30}"
 
 bash scripts/build.sh fuzz
 mkdir -p build/fuzz/findings
-status=0
-for target in build/fuzz/fuzz/fuzz_*; do
+# One target per core at a time.
+run_target() {
+  local target="$1" name seeds corpus
   name="$(basename "$target")"
   seeds="fuzz/corpus/${name#fuzz_}"
   corpus="build/fuzz/corpus/$name"
   mkdir -p "$corpus"
-  echo "==> $name for ${seconds}s"
-  if ! "$target" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 -print_final_stats=0 \
+  if "$target" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 -print_final_stats=0 \
        -artifact_prefix="build/fuzz/findings/$name-" "$corpus" "$seeds" >"build/fuzz/$name.log" 2>&1; then
-    echo "$name found a problem:"; tail -40 "build/fuzz/$name.log"; status=1
+    echo "==> $name: $(grep -E '^Done' "build/fuzz/$name.log" | tail -1)"
   else
-    grep -E "^Done|#[0-9]+.*DONE" "build/fuzz/$name.log" | tail -1 || true
+    echo "==> $name found a problem:"; tail -40 "build/fuzz/$name.log"; return 1
   fi
-done
-exit $status
+}
+export -f run_target
+export seconds
+ls build/fuzz/fuzz/fuzz_* | xargs -P "$(nproc)" -I{} bash -c 'run_target "$@"' _ {}
