@@ -1,87 +1,60 @@
+#include "core/device.h"
 #include "support/test_support.h"
 
 #include <velmora/Velmora.h>
 
 #include <gtest/gtest.h>
 
+namespace velmora {
 namespace {
 
-using velmora::test::LogCapture;
-using velmora::test::TempDir;
+using Velmora::Config;
+using Velmora::VelmoraPrivacyStatus;
 
-// Each test runs in its own process, so the process-wide runtime starts fresh in each.
-class ConfigApi : public ::testing::Test {
-protected:
+// Each test runs in its own process, so the process-wide runtime starts fresh in each. The test
+// runtime only lends its directories and log, and makes a later run's runtime with Restart().
+struct ConfigApi : ::testing::Test {
     void Start(const std::string& config) {
-        if (!config.empty()) package.Write("VelmoraConfig.json", config);
-        Velmora::HostOptions options;
-        options.packageDirectory = package.path();
-        options.localDirectory = local.path();
-        options.logSink = log.Sink();
-        ASSERT_TRUE(Velmora::Host::Configure(options));
+        t.runtime.reset();
+        t.package.Write("VelmoraConfig.json", config);
+        ASSERT_TRUE(Velmora::Host::Configure(t.Options({})));
     }
-    TempDir package, local;
-    LogCapture log;
+    test::TestRuntime t;
 };
 
-TEST_F(ConfigApi, VersionNeedsNoConfiguration) {
-    EXPECT_EQ(Velmora::Config::GetVersion(), "4.0.0");
-    EXPECT_TRUE(Velmora::Host::Configure({})) << "asking for the version must not start the library";
-}
-
-TEST_F(ConfigApi, DebugSwitchTakesEffectInPostingOrder) {
-    Start(R"({"version":"1"})");
-    Velmora::Config::SetDebugLogging(true);
-    auto status = Velmora::Config::GetPrivacyStatusAsync();  // loads the configuration after the switch
-    EXPECT_EQ(static_cast<int>(status.get()), 0) << "no analytics section: no status";
-    EXPECT_TRUE(Velmora::Config::GetDebugLogging());
-    EXPECT_TRUE(log.Contains("Velmora Debug:Config - Analytics not configured"));
-    EXPECT_TRUE(log.Contains("Velmora Debug:Config - Cohorta not configured"));
-}
-
-TEST_F(ConfigApi, OptOutThenReadGivesOptOutAndIsStored) {
-    Start(R"({"analytics":{"privacyDefault":"optedin"}})");
-    Velmora::Config::SetPrivacyStatus(Velmora::VelmoraPrivacyStatus::OptOut);
-    EXPECT_EQ(Velmora::Config::GetPrivacyStatusAsync().get(), Velmora::VelmoraPrivacyStatus::OptOut);
-    EXPECT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
-
-    // A later process (here: a runtime on the same directory) starts opted out.
-    velmora::Runtime next(
-        [&] {
-            Velmora::HostOptions options;
-            options.packageDirectory = package.path();
-            options.localDirectory = local.path();
-            options.logSink = log.Sink();
-            return options;
-        }());
-    EXPECT_EQ(next.Config().Privacy(), velmora::kPrivacyOptOut);
-}
-
-TEST_F(ConfigApi, ConfigureIsRefusedOnceStarted) {
-    Start(R"({"version":"1"})");
-    Velmora::Config::SetDebugLogging(true);
-    ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
+TEST_F(ConfigApi, VersionNeedsNoConfigurationAndDebugLinesFollowTheSwitch) {
+    EXPECT_EQ(Config::GetVersion(), "4.0.0");
+    Start(R"({"version":"1"})");  // asking for the version did not start the library
+    Config::SetDebugLogging(true);
+    EXPECT_EQ(static_cast<int>(Config::GetPrivacyStatusAsync().get()), 0) << "no analytics section: no status";
+    EXPECT_TRUE(Config::GetDebugLogging());
+    EXPECT_TRUE(t.log.Contains("Velmora Debug:Config - Analytics not configured"));
     EXPECT_FALSE(Velmora::Host::Configure({}));
-    EXPECT_TRUE(
-        log.Contains("Velmora Warning:Config - Host options were ignored because the library has already started"));
+    EXPECT_TRUE(t.log.Contains("Velmora Warning:Config - Host options were ignored because the library has already started"));
 }
 
-TEST_F(ConfigApi, InvalidStatusIsKeptInMemoryButNotStored) {
-    Start(R"({"analytics":{"privacyDefault":"optunknown","offlineEnabled":true}})");
-    Velmora::Config::SetDebugLogging(true);
-    Velmora::Config::SetPrivacyStatus(static_cast<Velmora::VelmoraPrivacyStatus>(7));
-    EXPECT_EQ(static_cast<int>(Velmora::Config::GetPrivacyStatusAsync().get()), 7);
-    EXPECT_TRUE(log.Contains("Velmora Warning:Analytics - Invalid privacy status was ignored (7)"));
-    Velmora::Config::SetPrivacyStatus(Velmora::VelmoraPrivacyStatus::OptIn);
-    EXPECT_EQ(Velmora::Config::GetPrivacyStatusAsync().get(), Velmora::VelmoraPrivacyStatus::OptIn);
+TEST_F(ConfigApi, PrivacyStatusKeepsAnInvalidValueInMemoryOnlyAndStoresTheRest) {
+    Start(R"({"analytics":{"privacyDefault":"optedin"}})");
+    Config::SetDebugLogging(true);
+    Config::SetPrivacyStatus(VelmoraPrivacyStatus::OptOut);
+    EXPECT_EQ(Config::GetPrivacyStatusAsync().get(), VelmoraPrivacyStatus::OptOut);
+    Config::SetPrivacyStatus(VelmoraPrivacyStatus::Unknown);  // refused without offline tracking
+    Config::SetPrivacyStatus(static_cast<VelmoraPrivacyStatus>(7));
+    EXPECT_EQ(static_cast<int>(Config::GetPrivacyStatusAsync().get()), 7);
+    ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
+    EXPECT_EQ(t.Restart()->Config().Privacy(), kPrivacyOptOut);
+    EXPECT_TRUE(t.log.Contains("Velmora Warning:Analytics - Cannot set privacy status to unknown when offline tracking is disabled."));
+    EXPECT_TRUE(t.log.Contains("Velmora Warning:Analytics - Invalid privacy status was ignored (7)"));
 }
 
-TEST(RuntimeLifetime, DestroyingARuntimeRunsPostedWorkAndJoins) {
-    velmora::test::TestRuntime t(R"({"version":"1"})");
-    std::atomic<int> ran{0};
-    for (int i = 0; i < 100; ++i) t.runtime->GeneralQueue().Post([&] { ++ran; });
-    t.runtime.reset();
-    EXPECT_EQ(ran.load(), 100);
+TEST_F(ConfigApi, UserIdentifierIsSetInTheBackgroundAndStored) {
+    Start("{}");
+    EXPECT_EQ(Config::GetUserIdentifier(), "");
+    Config::SetUserIdentifier("user-42");
+    ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
+    EXPECT_EQ(Config::GetUserIdentifier(), "user-42");
+    EXPECT_EQ(LookupText(t.Restart()->Settings(), kVisitorIdKey), "user-42");
 }
 
 }  // namespace
+}  // namespace velmora

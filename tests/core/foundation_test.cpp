@@ -1,0 +1,185 @@
+#include "core/config.h"
+#include "core/file_store.h"
+#include "core/serial_queue.h"
+#include "support/test_support.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <set>
+#include <sstream>
+#include <sys/resource.h>
+#include <thread>
+
+namespace velmora {
+namespace {
+
+using ::testing::HasSubstr;
+using test::LogCapture;
+using test::TempDir;
+
+// The loaded record in one line, so that each file's expectation fits in a table row.
+std::string Describe(const ConfigSettings& c) {
+    std::ostringstream text;
+    text << c.version << " p" << c.Privacy() << " lt" << c.lifecycleTimeout << " " << c.charset << " vt" << c.vantorTimeout;
+    for (const auto& p : c.pointsOfInterest) text << " " << p.name << "@" << p.latitude << "," << p.longitude << "/" << p.radius;
+    return text.str();
+}
+
+struct ConfigCase {
+    const char *name, *file;  // file nullptr: none at all
+    std::int32_t stored;      // privacy status in the settings; 0: none
+    const char *expected, *line;  // Describe() of the result; a line that must be logged, the only error allowed
+};
+
+void PrintTo(const ConfigCase& c, std::ostream* os) { *os << c.name; }
+
+class ConfigLoading : public ::testing::TestWithParam<ConfigCase> {};
+
+TEST_P(ConfigLoading, FollowsTheFileAndTheStoredStatus) {
+    const auto& c = GetParam();
+    TempDir package, local;
+    LogCapture capture;
+    Logger log(capture.Sink());
+    log.SetDebugEnabled(true);
+    if (c.file != nullptr) package.Write("VelmoraConfig.json", c.file);
+    SettingsStore settings(local.path(), log);
+    if (c.stored != 0) settings.Insert(kPrivacyStatusKey, c.stored);
+    EXPECT_EQ(Describe(*LoadConfig(package.path(), settings, log)), c.expected);
+    const std::string line = c.line ? c.line : "";
+    EXPECT_TRUE(line.empty() || capture.Contains(line)) << line;
+    for (const auto& l : capture.Lines()) EXPECT_TRUE(l.rfind("Velmora Error:", 0) != 0 || l == line) << l;
+}
+
+constexpr const char* kDefaults = "1.0 p1 lt300 UTF-8 vt0";
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, ConfigLoading,
+    ::testing::Values(
+        ConfigCase{"NoFile", nullptr, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to find local VelmoraConfig.json file"},
+        ConfigCase{"Malformed", "{\"analytics\": {", 0, " p0 lt0  vt0",
+                   "Velmora Error:Config - Unable to parse local config file (empty or malformed json)"},
+        ConfigCase{"OnlyVersion", "\xEF\xBB\xBF{\"version\":\"2.0\"}", 0, "2.0 p0 lt0  vt0", "Velmora Debug:Config - Vantor not configured"},
+        ConfigCase{"WrongTypes", R"({"version":3,"analytics":{"lifecycleTimeout":"30","charset":5,"privacyDefault":2},
+                                    "vantor":{"timeout":"9"}})", 0, "1.0 p1 lt300 UTF-8 vt2", nullptr},
+        ConfigCase{"Truncation", R"({"analytics":{"lifecycleTimeout":12.9},"vantor":{"timeout":-3.7}})", 0, "1.0 p1 lt12 UTF-8 vt-3", nullptr},
+        ConfigCase{"Clamped", R"({"analytics":{"lifecycleTimeout":1e40}})", 0, "1.0 p1 lt2147483647 UTF-8 vt0", nullptr},
+        ConfigCase{"OptedOut", R"({"analytics":{"privacyDefault":"optedout"}})", 0, "1.0 p2 lt300 UTF-8 vt0", nullptr},
+        ConfigCase{"OtherCaseIsOptIn", R"({"analytics":{"privacyDefault":"OptedOut"}})", 0, kDefaults, nullptr},
+        ConfigCase{"UnknownWithoutOffline", R"({"analytics":{"privacyDefault":"optunknown"}})", 0, kDefaults,
+                   "Velmora Warning:Analytics - Default privacy status cannot be Unknown when offline tracking is "
+                   "disabled, overriding to OptIn"},
+        ConfigCase{"UnknownWithOffline", R"({"analytics":{"privacyDefault":"optunknown","offlineEnabled":true}})", 0,
+                   "1.0 p3 lt300 UTF-8 vt0", nullptr},
+        ConfigCase{"StoredStatusWins", R"({"analytics":{"privacyDefault":"optedin"}})", 2, "1.0 p2 lt300 UTF-8 vt0", nullptr},
+        ConfigCase{"StoredOutOfRangeKept", R"({"analytics":{}})", 7, "1.0 p7 lt300 UTF-8 vt0", nullptr},
+        ConfigCase{"OnlyWellFormedPoints", R"({"analytics":{"poi":[["a",40.7,-111.9,150],["b",1,2],[3,1,2,3],
+                                              ["c",1,2,3,4],["d",1.5,2.5,0],"x"]}})", 0,
+                   "1.0 p1 lt300 UTF-8 vt0 a@40.7,-111.9/150 d@1.5,2.5/0", nullptr}),
+    [](const auto& p) { return std::string(p.param.name); });
+
+TEST(SettingsStore, EveryTypeSurvivesARestartAndAnInsertMayChangeTheType) {
+    test::TestRuntime t;
+    const std::map<std::string, SettingValue> values{
+        {"int", std::int32_t{-42}}, {"flag", true}, {"text", std::string("1426000000")}, {"empty", std::string()},
+        {"map", StringMap{{"segment", "gold"}, {"x y", "ü & ="}}}, {"changed", std::string("one")}};
+    t.runtime->Settings().Insert("changed", std::int32_t{1});
+    for (const auto& [key, value] : values) t.runtime->Settings().Insert(key, value);
+    t.runtime->Settings().Insert("gone", false);
+    t.runtime->Settings().Remove("gone");
+    t.runtime.reset();
+    auto next = t.Restart();
+    for (const auto& [key, value] : values) EXPECT_EQ(next->Settings().Lookup(key), value) << key;
+    EXPECT_FALSE(next->Settings().HasKey("gone"));
+}
+
+TEST(SettingsStore, UnopenableDirectoryFallsBackToMemoryWithOneLineNamingIt) {
+    TempDir dir;
+    LogCapture capture;
+    Logger log(capture.Sink());
+    SettingsStore store(dir / "missing" / "deeper", log);
+    EXPECT_THAT(capture.Lines(), ::testing::ElementsAre(HasSubstr((dir / "missing" / "deeper").string())));
+    store.Insert("k", true);
+    EXPECT_EQ(LookupBool(store, "k"), true);
+}
+
+TEST(FileStore, WritesReplaceTheDocumentWholeOrNotAtAll) {
+    TempDir dir;
+    FileStore files(dir.path());
+    EXPECT_EQ(files.Read("f.json"), "") << "a missing file is created empty";
+    files.WriteAtomic("f.json", std::string(100000, 'a'));
+    files.WriteAtomic("f.json", "old");
+    // A file-size limit makes write() fail as a full disk would, for root as well.
+    struct rlimit saved {};
+    ::getrlimit(RLIMIT_FSIZE, &saved);
+    auto previous = std::signal(SIGXFSZ, SIG_IGN);
+    const struct rlimit small {4096, saved.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    EXPECT_THROW(files.WriteAtomic("f.json", std::string(100000, 'n')), std::runtime_error);
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, previous);
+    EXPECT_EQ(files.Read("f.json"), "old");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1) << "no temporary file stays";
+}
+
+TEST(Logger, GatesDebugAndWarningButNeverErrorsAndHandsOverWholeLines) {
+    std::vector<std::string> calls;
+    Logger log([&](std::string_view line) { calls.emplace_back(line); });
+    for (bool debug : {false, true}) {
+        log.SetDebugEnabled(debug);
+        log.Debug("Config - Analytics not configured");
+        log.Warning("Analytics - Invalid privacy status was ignored (%d)", 7);
+        log.Error("A - %s and %ld", "x", 5L);
+    }
+    log.Error("%s", std::string(20000, 'x').c_str());
+    EXPECT_EQ(calls, (std::vector<std::string>{"Velmora Error:A - x and 5\n", "Velmora Debug:Config - Analytics not configured\n",
+                                               "Velmora Warning:Analytics - Invalid privacy status was ignored (7)\n",
+                                               "Velmora Error:A - x and 5\n",
+                                               "Velmora Error:" + std::string(Logger::kMaxMessage - 1, 'x') + "\n"}));
+    std::string wide;
+    while (wide.size() < 20000) wide += "\xC3\xBC";
+    log.Error("x%s", wide.c_str());
+    EXPECT_EQ(calls.back().substr(calls.back().size() - 3), "\xC3\xBC\n") << "a truncated line ends on a whole character";
+    EXPECT_EQ(FormatMapForLog({{"b", "2"}, {"a", "1"}}), "\n    a = 1\n    b = 2");
+    Logger broken([](std::string_view) { throw std::runtime_error("sink down"); });
+    EXPECT_NO_THROW(broken.Error("Config - anything"));
+}
+
+TEST(SerialQueue, KeepsEachThreadsOrderAndRunsOnItsOwnThread) {
+    Logger log;
+    std::vector<std::pair<int, int>> seen;  // touched only on the queue's thread
+    std::set<std::thread::id> runners;
+    {
+        SerialQueue queue("Test", log);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < 500; ++i) queue.Post([&, t, i] { seen.emplace_back(t, i), runners.insert(std::this_thread::get_id()); });
+            });
+        }
+        for (auto& thread : threads) thread.join();
+    }  // shutdown runs everything that was posted
+    ASSERT_EQ(seen.size(), 2000u);
+    EXPECT_EQ(runners.size(), 1u);
+    std::vector<int> next(4, 0);
+    for (auto [t, i] : seen) EXPECT_EQ(i, next[t]++) << "thread " << t;
+}
+
+TEST(SerialQueue, ThrowingClosuresAreLoggedAndLatePostsDropped) {
+    test::LogCapture capture;
+    Logger log(capture.Sink());
+    SerialQueue queue("Media", log);
+    queue.Post([] { throw std::invalid_argument("invalid stoi argument"); });
+    EXPECT_EQ(queue.Submit([]() -> int { throw std::out_of_range("out of range"); }).get(), 0);
+    EXPECT_EQ(queue.Submit([] { return 42; }).get(), 42);
+    queue.Shutdown();
+    EXPECT_EQ(queue.Submit([] { return 5; }).get(), 0);
+    EXPECT_EQ(capture.Lines(), (std::vector<std::string>{
+                                   "Velmora Error:Media - Unexpected error in background work (invalid stoi argument)",
+                                   "Velmora Error:Media - Unexpected error in background work (out of range)",
+                                   "Velmora Error:Media - Work posted after shutdown was dropped"}));
+}
+
+}  // namespace
+}  // namespace velmora

@@ -1,0 +1,236 @@
+#include "core/device.h"
+#include "core/http.h"
+#include "support/loopback_server.h"
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+#include <thread>
+
+// The system's cpp-httplib is not built with ThreadSanitizer, so the synchronisation inside it is
+// invisible and the memory calls it makes between its worker threads look like races. Only calls
+// made from inside that library are ignored; our handlers running on its threads are still checked.
+extern "C" const char* __tsan_default_suppressions() { return "called_from_lib:libcpp-httplib.so\n"; }
+
+namespace velmora {
+namespace {
+
+using test::BrokenServer;
+
+const std::regex kAidForm("^[0-7][0-9A-F]{15}-[0-3][0-9A-F]{15}$");
+const std::string kRefused = "A connection with the server specified in the uri parameter could not be established.";
+
+// A client and a device context on temporary directories; the loopback server is also the tracking server of "/id".
+struct NetTest : ::testing::Test {
+    NetTest() {
+        log.SetDebugEnabled(true);
+        host.packageDirectory = package.path();
+        config.server = server.Address();
+        // /hold answers only after the client gave up, /loop redirects to itself, /moved sets a cookie and
+        // redirects; anything else echoes the Cookie header and sets each query parameter as a cookie.
+        server.OnGet([this](const httplib::Request& request, httplib::Response& response) {
+            if (request.path == "/hold") return server.Hold();
+            if (request.path == "/loop") return response.set_redirect("/loop");
+            if (request.path == "/moved") {
+                response.headers.emplace("Set-Cookie", "hop=first");
+                return response.set_redirect("/cookies?final=yes");
+            }
+            for (const auto& [name, value] : request.params) response.headers.emplace("Set-Cookie", name + "=" + value);
+            response.set_content(request.get_header_value("Cookie"), "text/plain");
+        });
+    }
+    std::unique_ptr<RequestHandler> Request(const std::string& url, std::int32_t timeout = 5000) {
+        auto request = std::make_unique<RequestHandler>(http, url);
+        request->SetTimeout(timeout);
+        return request;
+    }
+    DeviceContext& Context() {
+        if (!context) {
+            context = std::make_unique<DeviceContext>(host, config, settings, http, log);
+            context->SetSystemInfoDirectory(dmi.path());
+        }
+        return *context;
+    }
+    test::LoopbackServer server;  // outlives the client, so the client closes its connections first
+    test::TempDir package, local, dmi;
+    test::LogCapture capture;
+    Logger log{capture.Sink()};
+    HttpClient http{log, {}};
+    HostOptions host;
+    ConfigSettings config;
+    SettingsStore settings{local.path(), log};
+    std::unique_ptr<DeviceContext> context;
+};
+
+TEST_F(NetTest, TransportFailuresLogTheTableMessageAndThrow) {
+    test::ClosedPort closed;
+    BrokenServer reset(BrokenServer::Mode::kReset), early(BrokenServer::Mode::kClose);
+    auto local = [](int port) { return "http://127.0.0.1:" + std::to_string(port) + "/"; };
+    const std::tuple<std::string, std::int64_t, std::string> cases[] = {  // url, code (0: no row), message
+        {"http://velmora-test.invalid/id", 0x80072EE7,
+         "The server name or address specified in the uri parameter could not be resolved."},
+        {local(closed.Port()), 0x80072EFD, "A connection with the server specified in the uri parameter could not be established."},
+        {local(reset.Port()), 0x80072EFF, "The connection with the server was reset."},
+        {local(early.Port()), 0x80072EFE, "The connection with the server was terminated abnormally."},
+        {server.Url("/loop"), 0x80072F80, "A redirection problem occurred."},
+        {"http://exa mple.com/id", 123, "The syntax used in the uri parameter is incorrect."},
+        {"ftp://127.0.0.1/file", 0, "Unknown COMException"}};
+    for (const auto& [url, code, message] : cases) {
+        for (bool body : {false, true}) {
+            SCOPED_TRACE(url);
+            try {
+                if (body) Request(url)->GetResponseText(); else Request(url)->GetStatusCode();
+                ADD_FAILURE() << "no exception";
+            } catch (const TransportError& e) {
+                EXPECT_STREQ(DescribeHResult(e.Code()), message.c_str());
+                EXPECT_STRNE(e.what(), "") << "curl's own text when the table has no row";
+                EXPECT_TRUE(code == 0 || (e.Code() == code && e.what() == message)) << e.Code() << " " << e.what();
+            }
+        }
+        EXPECT_EQ(capture.Lines(), std::vector<std::string>(2, "Velmora Debug:Request Handler - Error processing request (" + message + ")"));
+        capture.Clear();
+    }
+    EXPECT_EQ(server.Count(), 2u * 11u) << "a request and ten redirects, twice";
+    EXPECT_STREQ(DescribeHResult(0x8007007B), "Unknown COMException") << "the Win32 form of 123 has no row";
+    EXPECT_STREQ(DescribeHResult(static_cast<std::int32_t>(0x80072EFF)), "The connection with the server was reset.");
+}
+
+TEST_F(NetTest, StatusesComeBackSilentlyOverOneConnectionAndATimeOutGives408AndEmptyText) {
+    server.Script({404, 500, 202});
+    for (int status : {404, 500, 202}) EXPECT_EQ(Request(server.Url("/"))->GetStatusCode(), status);
+    EXPECT_EQ(server.Connections(), 1u) << "consecutive requests reuse their connection";
+    EXPECT_TRUE(capture.Lines().empty());
+    EXPECT_EQ(Request(server.Url("/hold"), 200)->GetStatusCode(), 408);
+    EXPECT_EQ(Request(server.Url("/hold"), 200)->GetResponseText(), "");
+    EXPECT_EQ(capture.Lines(), std::vector<std::string>(2, "Velmora Debug:Request Handler - Request timed out"));
+}
+
+TEST_F(NetTest, CookiesAndHeadersGoOutVerbatimAndResponseCookiesComeBackFromEveryHop) {
+    auto request = Request(server.Url("/cookies?mboxPC=pc-2&mboxSession=s-2"));
+    request->SetCookie("mboxPC", "pc-1");
+    request->SetCookie("mboxSession", "s-1");
+    request->SetHeader("X-Unchecked", "a,,b;; (c) \"d");
+    EXPECT_EQ(request->GetResponseText(), "mboxPC=pc-1; mboxSession=s-1");
+    EXPECT_EQ(request->ResponseCookies(), (StringMap{{"mboxPC", "pc-2"}, {"mboxSession", "s-2"}}));
+    EXPECT_EQ(server.Requests()[0].Header("X-Unchecked"), "a,,b;; (c) \"d");
+    EXPECT_EQ(Request(server.Url("/cookies"))->GetResponseText(), "") << "no cookie sticks to the pooled connection";
+    auto moved = Request(server.Url("/moved"));
+    EXPECT_EQ(moved->GetStatusCode(), 200);
+    EXPECT_EQ(moved->ResponseCookies(), (StringMap{{"final", "yes"}, {"hop", "first"}}));
+}
+
+TEST_F(NetTest, UserAgentAndDeviceNameUseWhatIsKnownOfMakerAndModel) {
+    const std::vector<std::string> cases[] = {  // host maker, host model, system vendor, system product, agent part, name
+        {"Microsoft", "Model 930", "", "", "; Microsoft Corporation; Model 930", "Microsoft Model 930"},
+        {"Microsoft Mobile", "RM-1", "", "", "; Microsoft Mobile; RM-1", "Microsoft Mobile RM-1"},
+        {"Contoso", "", "", "", "; Contoso", "Contoso Unknown"}, {"", "Lumia", "", "", "; Lumia", "Unknown Lumia"},
+        {"", "", "", "", "", "Unknown Unknown"},
+        {"", "", "LENOVO\n", "ThinkPad X1\n", "; LENOVO; ThinkPad X1", "LENOVO ThinkPad X1"},
+        {"Microsoft", "", "Dell Inc.\n", "XPS 13\n", "; Microsoft Corporation; XPS 13", "Microsoft XPS 13"}};
+    for (const auto& c : cases) {
+        host.deviceManufacturer = c[0];
+        host.deviceModel = c[1];
+        for (const char* file : {"sys_vendor", "product_name"}) std::filesystem::remove(dmi / file);
+        if (!c[2].empty()) dmi.Write("sys_vendor", c[2]);
+        if (!c[3].empty()) dmi.Write("product_name", c[3]);
+        context.reset();
+        EXPECT_EQ(Context().GetUserAgent(), "Mozilla/5.0 (Windows Phone 8.1; ARM; Trident/7.0; Touch; rv:11.0" + c[4] + ") like Gecko");
+        EXPECT_EQ(Context().GetContextData()["a.DeviceName"], c[5]);
+    }
+}
+
+TEST_F(NetTest, ApplicationComesFromTheManifestReadOnce) {
+    const auto manifest = [](const std::string& version, const std::string& name) {
+        return "<?xml version=\"1.0\"?><Package xmlns=\"http://schemas.microsoft.com/appx/2010/manifest\"><Identity Name=\"app\" "
+               "Version=\"" + version + "\"/><Properties><DisplayName>" + name + "</DisplayName></Properties></Package>";
+    };
+    const std::vector<std::string> cases[] = {  // manifest (empty: none), name|version|build|id, reason of the error line
+        {manifest("2.1.5.3", "Größe &amp; Co"), "Größe & Co|2.1.3|5|Größe & Co 2.1.3 (5)", ""},
+        {"", "Unknown|0.0.0|0|Unknown 0.0.0 (0)", "File was not found"},
+        {"<Package><Identity Version=\"3.0.1.2\"><Properties>", "Unknown|0.0.0|0|Unknown 0.0.0 (0)", "Start-end tags mismatch"},
+        {"<Package><Identity Version=\"3.0.1.2\"/><Properties/></Package>", "Unknown|3.0.2|1|Unknown 3.0.2 (1)",
+         "No DisplayName element found"}};
+    for (const auto& c : cases) {
+        std::filesystem::remove(package / "AppxManifest.xml");
+        if (!c[0].empty()) package.Write("AppxManifest.xml", c[0]);
+        capture.Clear();
+        context.reset();
+        auto& d = Context();
+        EXPECT_EQ(d.GetApplicationName() + "|" + d.GetApplicationVersion() + "|" + d.GetApplicationBuild() + "|" + d.GetApplicationId(), c[1]);
+        const std::string error = "Velmora Error:Analytics - Unable to read AppxManifest file to obtain Application name (" + c[2] + ")";
+        EXPECT_EQ(capture.Lines(), c[2].empty() ? std::vector<std::string>{} : std::vector<std::string>{error});
+    }
+}
+
+TEST_F(NetTest, ConcurrentFirstUsesComputeEachValueOnce) {
+    // No manifest, so each read of it would log one more error line; the window is first unknown, later known.
+    std::atomic<int> windowCalls{0};
+    host.windowSize = [&] { return ++windowCalls == 1 ? std::nullopt : std::optional(std::pair(480.0, 800.0)); };
+    auto& d = Context();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {  // half take the map's lock first, half the single values' locks
+        threads.emplace_back([&d, t] { t % 2 ? d.GetApplicationVersion() + d.GetApplicationId() + d.GetAid() : d.GetContextData()["a.AppID"] + d.GetAid(); });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(std::make_tuple(capture.Lines().size(), windowCalls.load(), server.Count()), std::make_tuple(1u, 1, 1u));
+    EXPECT_EQ(d.GetContextData(), (StringMap{{"a.AppID", "Unknown 0.0.0 (0)"}, {"a.CarrierName", ""}, {"a.DeviceName", "Unknown Unknown"},
+                                             {"a.OSVersion", "Windows Phone 8.1"}, {"a.Resolution", "Unknown"}}));
+}
+
+TEST_F(NetTest, AidIsFetchedStoredAndReusedByTheNextRuntime) {
+    server.OnGet([](const httplib::Request&, httplib::Response& response) {
+        response.set_content("{\"id\":\"3F2504E04F8911D3-09A0300C04FF0A1B\",\"other\":1}", "application/json");
+    });
+    test::TestRuntime t("{\"analytics\":{\"rsids\":\"rs\",\"server\":\"" + server.Address() + "\",\"ssl\":false}}");
+    EXPECT_EQ(t.runtime->Get<DeviceContext>().GetAid(), "3F2504E04F8911D3-09A0300C04FF0A1B");
+    t.runtime.reset();
+    EXPECT_EQ(t.Restart()->Get<DeviceContext>().GetAid(), "3F2504E04F8911D3-09A0300C04FF0A1B");
+    EXPECT_EQ(server.Targets(), std::vector<std::string>{"/id"});
+}
+
+TEST_F(NetTest, AnUnusableAnswerGivesAGeneratedAidThatIsStored) {
+    test::ClosedPort closed;
+    const std::pair<std::string, std::vector<std::string>> cases[] = {  // "/id" body ("hold": too late), lines
+        {"id=123", {}}, {"{\"id\":42}", {}},
+        {"hold", {"Velmora Debug:Request Handler - Request timed out"}},
+        {"closed", {"Velmora Debug:Request Handler - Error processing request (" + kRefused + ")",
+                    "Velmora Debug:Analytics - Unable to retrieve aid from server (" + kRefused + ")"}}};
+    for (const auto& [body, lines] : cases) {
+        server.OnGet([&, body = body](const httplib::Request&, httplib::Response& response) {
+            if (body == "hold") server.Hold();
+            response.set_content(body, "application/json");
+        });
+        if (body == "closed") config.server = "127.0.0.1:" + std::to_string(closed.Port());
+        settings.Remove(kAidKey);
+        capture.Clear();
+        context.reset();
+        const std::string aid = Context().GetAid();
+        EXPECT_TRUE(std::regex_match(aid, kAidForm)) << aid;
+        EXPECT_EQ(LookupText(settings, kAidKey), aid);
+        EXPECT_EQ(capture.Lines(), lines) << body;
+    }
+}
+
+TEST_F(NetTest, GeneratedAidsFollowTheHalvesRule) {
+    std::set<std::string> seen;
+    std::set<char> highFirst, lowFirst;
+    for (int i = 0; i < 4000; ++i) {
+        const std::string aid = Context().GenerateAid();
+        ASSERT_TRUE(std::regex_match(aid, kAidForm)) << aid;
+        seen.insert(aid);
+        highFirst.insert(aid[0]);
+        lowFirst.insert(aid[17]);
+    }
+    EXPECT_EQ(seen.size(), 4000u);
+    EXPECT_EQ(highFirst.size(), 8u) << "every digit 0 to 7 leads some high half";
+    EXPECT_EQ(lowFirst.size(), 4u) << "every digit 0 to 3 leads some low half";
+    // Allowed leads stay; others are replaced by an allowed one.
+    EXPECT_EQ(Context().AidFromGuid("{0A1B2C3D-4E5F-6071-2293-A4B5C6D7E8F9}"), "0A1B2C3D4E5F6071-2293A4B5C6D7E8F9");
+    EXPECT_TRUE(std::regex_match(Context().AidFromGuid("{f0000000-0000-0000-c000-0000000000ab}"),
+                                 std::regex("^[0-7]000000000000000-[0-3]0000000000000AB$")));
+}
+
+}  // namespace
+}  // namespace velmora

@@ -1,0 +1,138 @@
+#include "core/device.h"
+#include "lifecycle/location.h"
+#include "support/loopback_server.h"
+#include "support/test_support.h"
+#include "vantor/vantor.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace velmora {
+namespace {
+
+const std::string kHost = std::string("acme") + kVantorHostSuffix;
+const std::string kPrefix = "/m2/acme/ubox/raw?mboxContentType=text%2Fplain%3Bcharset%3Dutf-8&t=1426000000";
+
+class Offers : public ::testing::Test {
+protected:
+    Offers() {
+        log.SetDebugEnabled(true);
+        config.vantorClientCode = "acme";
+        config.vantorTimeout = 1;
+    }
+    // A module on the local directory's settings, as each run of the application makes it.
+    std::unique_ptr<Vantor> Make() {
+        store = std::make_unique<SettingsStore>(local.path(), log);
+        return std::make_unique<Vantor>(config, gates, *store, http, clock, log,
+                                        Vantor::Sources{[this] { return lifecycle; }, [this] { return ltv; }});
+    }
+    test::LoopbackServer server;
+    test::TempDir local;
+    test::LogCapture capture;
+    Logger log{capture.Sink()};
+    ConfigSettings config;
+    ModuleGates gates{config};
+    ManualClock clock{1'426'000'000'000};
+    HttpClient http{log, {kHost + ":80:" + server.Address()}};
+    std::unique_ptr<SettingsStore> store;
+    StringMap lifecycle;
+    float ltv = 0;
+};
+
+TEST_F(Offers, IdentifiersOfAnAnswerGoBackAsUrlPartsAndCookiesInTheNextRunUntilCleared) {
+    server.OnGet([](const httplib::Request&, httplib::Response& response) {
+        response.headers.emplace("Set-Cookie", "mboxPC=pc-1; Path=/");
+        response.headers.emplace("Set-Cookie", "mboxSession=s-9; Path=/");
+        response.set_content("<offer/>", "text/plain");
+    });
+    auto vantor = Make();
+    EXPECT_EQ(vantor->LoadRequest({"home", "fallback", {}}).get(), "<offer/>");
+    EXPECT_EQ(vantor->GetPcId() + " " + vantor->GetSessionId(), "pc-1 s-9");
+    vantor.reset();
+    vantor = Make();
+    vantor->LoadRequest({"home", "fallback", {}}).get();
+    vantor->ClearCookies();
+    ASSERT_TRUE(vantor->Flush(std::chrono::seconds(10)));
+    EXPECT_FALSE(store->HasKey(kPcIdKey) || store->HasKey(kSessionIdKey) || !vantor->GetPcId().empty());
+    vantor->LoadRequest({"home", "fallback", {}}).get();
+    const auto requests = server.Requests();
+    ASSERT_EQ(requests.size(), 3u);
+    EXPECT_EQ(requests[0].Header("Host"), kHost);
+    for (std::size_t i : {0, 2}) EXPECT_EQ(requests[i].target + requests[i].Header("Cookie"), kPrefix + "&mboxDefault=none&mbox=home&a.ltv.amount=0");
+    EXPECT_EQ(requests[1].target, kPrefix + "&mboxXDomain=disabled&mboxSession=s-9&mboxPC=pc-1&mboxDefault=none&mbox=home&a.ltv.amount=0");
+    EXPECT_EQ(requests[1].Header("Cookie"), "mboxPC=pc-1; mboxSession=s-9");
+    EXPECT_TRUE(capture.Contains("Velmora Debug:Vantor - LocationRequest (home) Result: <offer/>"));
+}
+
+TEST_F(Offers, ParametersComeInGroupsInKeyOrderEscapedAndEmptyOnesDropped) {
+    auto vantor = Make();
+    lifecycle = {{"a.Launches", "3"}, {"a.empty", ""}};
+    ltv = 12.5f;
+    vantor->SetPersistentParameter("a.loc.poi", "Main St");
+    vantor->SetPersistentParameter("", "ignored");
+    vantor->LoadRequest({"cart & more", "d", {{"x y", "1"}, {"a", ""}, {"", "v"}, {"b", "ü"}}}).get();
+    EXPECT_EQ(server.Targets(), std::vector<std::string>{kPrefix + "&mboxDefault=none&mbox=cart%20%26%20more&b=%C3%BC&x%20y=1"
+                                                         "&a.Launches=3&a.loc.poi=Main%20St&a.ltv.amount=12.5"});
+}
+
+TEST_F(Offers, FailuresGiveTheDefaultContentWithTheirLine) {
+    auto vantor = Make();
+    server.Script({500});
+    EXPECT_EQ(vantor->LoadRequest({"error", "dflt", {}}).get(), "dflt");
+    EXPECT_EQ(vantor->LoadRequest({"empty", "dflt", {}}).get(), "dflt");
+    EXPECT_TRUE(capture.Contains("Velmora Debug:Vantor - LocationRequest (empty) response was empty"));
+    server.OnGet([this](const httplib::Request&, httplib::Response&) { server.Hold(); });
+    EXPECT_EQ(vantor->LoadRequest({"slow", "dflt", {}}).get(), "dflt");
+    EXPECT_TRUE(capture.Contains("Velmora Warning:Vantor - Request timed out"));
+    EXPECT_EQ(vantor->LoadRequest({"", "named-default", {}}).get(), "named-default");
+    EXPECT_TRUE(capture.Contains("Velmora Warning:Vantor - VantorLocationRequest parameter must have a location name"));
+    config.vantorClientCode = "bad host";
+    EXPECT_EQ(vantor->LoadRequest({"home", "dflt", {}}).get(), "dflt");
+    EXPECT_EQ(capture.Lines().back().rfind("Velmora Warning:Vantor - Unable to create URI object (", 0), 0u);
+    EXPECT_EQ(server.Count(), 3u) << "an empty name or a bad URL makes no request";
+    ConfigSettings none;
+    ModuleGates closed{none};
+    EXPECT_EQ(Vantor(none, closed, *store, http, clock, log, {}).LoadRequest({"home", "dflt", {}}).get(), "") << "not configured";
+    EXPECT_TRUE(capture.Contains("Velmora Warning:Vantor - Your config file is not set up to use Vantor"));
+}
+
+TEST_F(Offers, LocationHitsCarryThePiecesAndTheFirstPointInRangeAndSoDoesTheNextOfferRequest) {
+    HostOptions options;
+    options.connectTo = {kHost + ":80:" + server.Address()};
+    // "near" comes after "wide" and is nearer; "zero" (radius 0) and the unnamed point sit on the position.
+    test::TestRuntime t(R"({"analytics":{"rsids":"rs","server":")" + server.Address() + R"(","poi":[)"
+                        R"(["zero",40.7127837,-74.0059413,0],["",40.7127837,-74.0059413,1000],["wide",40.72,-74.0059413,5000],)"
+                        R"(["near",40.7127837,-74.0059413,100]]},"vantor":{"clientCode":"acme"}})", options);
+    t.runtime->Log().SetDebugEnabled(true);
+    t.runtime->Settings().Insert(kAidKey, std::string("0000000000000000-0000000000000000"));
+    auto& location = t.runtime->Get<LocationTracker>();
+    auto& vantor = t.runtime->Get<Vantor>();
+    location.TrackLocation(90.000001, 0, 1, {});
+    location.TrackLocation(40.7127837, -74.0059413, 12.6, {{"shop", "1"}});
+    vantor.LoadRequest({"home", "", {}}).get();
+    location.TrackLocation(90.0, 5.5, 0, {});
+    location.TrackLocation(std::nan(""), -180.0, std::nan(""), {});  // NaN passes the bounds
+    vantor.LoadRequest({"home", "", {}}).get();
+    ASSERT_TRUE(server.WaitForRequests(5));
+    EXPECT_TRUE(t.log.Contains("Velmora Warning:Analytics - TrackLocation failed, latitude value provided (90.000001) is out "
+                               "of bounds (-90.000000 to 90.000000)"));
+    std::vector<std::string> sent;
+    for (const auto& hit : server.Hits()) {
+        sent.emplace_back();
+        for (const auto& [key, value] : hit.context) sent.back() += key.rfind("aloc", 0) == 0 || key == "shop" ? key + "=" + value + " " : "";
+    }
+    EXPECT_EQ(sent, (std::vector<std::string>{
+        "alocacc=13 alocdist=802 aloclata=040.7 aloclatb=12 aloclatc=78 aloclona=-074.0 aloclonb=05 aloclonc=94 alocpoi=wide shop=1 ",
+        "aloclata=090.0 aloclatb=00 aloclatc=00 aloclona=005.5 aloclonb=00 aloclonc=00 ",
+        // "% 011.6f" pads "nan" with blanks, and the first piece loses its leading one.
+        "aloclata=" + std::string(5, ' ') + " aloclatb=   aloclatc=na aloclona=-180.0 aloclonb=00 aloclonc=00 "}));
+    std::vector<std::string> offers;
+    for (const auto& target : server.Targets()) {
+        if (target.rfind("/m2/", 0) == 0) offers.push_back(target.substr(target.find("&mbox=")));
+    }
+    EXPECT_EQ(offers, (std::vector<std::string>{"&mbox=home&a.loc.dist=802&a.loc.poi=wide&a.ltv.amount=0", "&mbox=home&a.ltv.amount=0"}));
+}
+
+}  // namespace
+}  // namespace velmora
