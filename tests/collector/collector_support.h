@@ -1,24 +1,22 @@
 #pragma once
 
 #include "collector.h"
+#include "support/test_support.h"
 
 #include <httplib.h>
 
 #include <memory>
-#include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace velmora::collector::test {
 
-// A collector serving on a free loopback port for the life of the object, with what it prints
-// kept line by line.
+// A collector serving on a free loopback port for the life of the object. What it prints is kept
+// one write per entry: a JSON line or a hit block in `out`, a rejected request's line in `err`.
 class RunningCollector {
 public:
     explicit RunningCollector(CollectorOptions options = {}) {
         options.port = 0;
-        collector_ = std::make_unique<Collector>(options, Output{Sink(out_), Sink(err_)});
+        collector_ = std::make_unique<Collector>(options, Output{out.Sink(), err.Sink()});
         collector_->Bind();
         thread_ = std::thread([this] { collector_->Serve(); });
     }
@@ -30,7 +28,6 @@ public:
     }
 
     Collector& collector() { return *collector_; }
-    int port() const { return collector_->Port(); }
 
     // A client that sends targets exactly as given, escapes included.
     std::unique_ptr<httplib::Client> Client() const {
@@ -40,34 +37,9 @@ public:
         return client;
     }
 
-    std::vector<std::string> OutLines() const { return Lines(out_); }
-    std::vector<std::string> ErrLines() const { return Lines(err_); }
+    velmora::test::LogCapture out, err;  // declared first: they outlive the collector's threads
 
 private:
-    struct Captured {
-        mutable std::mutex mutex;
-        std::string text;
-    };
-
-    static std::function<void(std::string_view)> Sink(Captured& captured) {
-        return [&captured](std::string_view text) {
-            std::lock_guard lock(captured.mutex);
-            captured.text.append(text);
-        };
-    }
-
-    static std::vector<std::string> Lines(const Captured& captured) {
-        std::lock_guard lock(captured.mutex);
-        std::vector<std::string> lines;
-        std::size_t start = 0;
-        for (std::size_t end; (end = captured.text.find('\n', start)) != std::string::npos; start = end + 1) {
-            lines.push_back(captured.text.substr(start, end - start));
-        }
-        return lines;
-    }
-
-    Captured out_;
-    Captured err_;
     std::unique_ptr<Collector> collector_;
     std::thread thread_;
 };
