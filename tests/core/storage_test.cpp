@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <csignal>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace velmora {
@@ -110,6 +111,31 @@ TEST(FileStore, UnwritableDirectoryThrowsWithThePath) {
     } catch (const std::runtime_error& e) {
         EXPECT_NE(std::string(e.what()).find((dir / "blocker").string()), std::string::npos) << e.what();
     }
+}
+
+TEST(FileStore, ReadingAFileRemovesTheTemporariesOfProcessesThatAreGone) {
+    // The pid of a process that has ended: a child that exits at once, reaped.
+    const pid_t gone = ::fork();
+    if (gone == 0) ::_exit(0);
+    ASSERT_GT(gone, 0);
+    ::waitpid(gone, nullptr, 0);
+
+    TempDir dir;
+    FileStore files(dir.path());
+    files.WriteAtomic("f.json", "kept");
+    const struct {
+        std::string name;
+        bool removed;
+    } cases[] = {
+        {"f.json.tmp" + std::to_string(gone) + "-3", true},        // killed while saving
+        {"f.json.tmp" + std::to_string(::getpid()) + "-9", false},  // this process: may be saving now
+        {"f.json.tmp1-0", false},                                   // a process that still runs
+        {"g.json.tmp" + std::to_string(gone) + "-3", false},        // another file's: its owner clears it
+        {"f.json.tmpx", false},                                     // not a name the store makes
+    };
+    for (const auto& c : cases) dir.Write(c.name, "partial");
+    EXPECT_EQ(files.Read("f.json"), "kept");
+    for (const auto& c : cases) EXPECT_EQ(std::filesystem::exists(dir / c.name), !c.removed) << c.name;
 }
 
 }  // namespace
