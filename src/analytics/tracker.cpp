@@ -13,9 +13,11 @@ constexpr const char* kEventKey = "pe";
 constexpr const char* kLinkEvent = "lnk_o";
 constexpr const char* kActionNameKey = "pev2";
 
+// T() rather than T{}: clang refuses a braced void.
 template <class T>
 T Await(std::future<T> future) {
-    return future.valid() ? future.get() : T{};
+    if (!future.valid()) return T();
+    return future.get();
 }
 
 }  // namespace

@@ -23,15 +23,9 @@ bool ParsesAsUrl(const std::string& url) {
     return ok;
 }
 
-// What one answer of the service asks for; read whole before anything is changed, so a malformed
-// answer leaves the stored state as it was.
-struct SignalAnswer {
-    std::vector<Json> destinations;
-    std::optional<std::string> userId;
-    StringMap profile;
-};
+}  // namespace
 
-SignalAnswer ParseAnswer(const std::string& body) {
+SignalAnswer ParseSignalAnswer(const std::string& body) {
     const Json root = Json::parse(body);
     if (!root.is_object()) throw std::runtime_error("the answer is not a JSON object");
     SignalAnswer answer;
@@ -49,8 +43,6 @@ SignalAnswer ParseAnswer(const std::string& body) {
     }
     return answer;
 }
-
-}  // namespace
 
 CohortaClient::CohortaClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings,
                              HttpClient& http, const Logger& log)
@@ -165,7 +157,7 @@ std::optional<StringMap> CohortaClient::Signal(const StringMap& traits) {
 
     SignalAnswer answer;
     try {
-        answer = ParseAnswer(body);
+        answer = ParseSignalAnswer(body);
     } catch (const std::exception& e) {
         log_.Warning("Cohorta - Unexpected error parsing result (%s)", e.what());
         return std::nullopt;

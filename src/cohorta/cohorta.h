@@ -14,11 +14,23 @@
 #include <optional>
 #include <regex>
 #include <string>
+#include <vector>
 
 namespace velmora {
 
 inline constexpr const char* kCohortaUserIdKey = "CHTUserId";
 inline constexpr const char* kCohortaProfileKey = "CHTUserProfile";
+
+// What one answer of the audience service asks for; read whole before anything is changed, so a
+// malformed answer leaves the stored state as it was.
+struct SignalAnswer {
+    std::vector<nlohmann::json> destinations;
+    std::optional<std::string> userId;
+    StringMap profile;
+};
+
+// Throws when the body is not a JSON object or a member the module reads has the wrong type.
+SignalAnswer ParseSignalAnswer(const std::string& body);
 
 // Audience signals: sends traits to the audience service, keeps the user id and segment profile it
 // answers with (in local settings, so they outlive the process) and calls each destination URL the

@@ -40,6 +40,14 @@ void ParseVersion(const std::string& text, std::uint16_t* parts[4]) {
 
 }  // namespace
 
+std::string AidFromAnswer(const std::string& body) {
+    if (body.empty() || body.front() != '{') return "";
+    const auto json = nlohmann::json::parse(body, nullptr, false);
+    if (!json.is_object()) return "";
+    const auto id = json.find("id");
+    return id != json.end() && id->is_string() ? id->get<std::string>() : "";
+}
+
 DeviceContext::DeviceContext(const HostOptions& host, std::function<const ConfigSettings&()> config,
                              std::function<SettingsStore&()> settings, HttpClient& http, const Logger& log)
     : host_(host), config_(std::move(config)), settings_(std::move(settings)), http_(http), log_(log) {}
@@ -214,12 +222,7 @@ std::string DeviceContext::FetchAid() {
     try {
         RequestHandler request(http_, url);
         request.SetTimeout(kAidTimeoutMilliseconds);
-        const std::string body = request.GetResponseText();
-        if (body.empty() || body.front() != '{') return "";
-        const auto json = nlohmann::json::parse(body, nullptr, false);
-        if (!json.is_object()) return "";
-        const auto id = json.find("id");
-        return id != json.end() && id->is_string() ? id->get<std::string>() : "";
+        return AidFromAnswer(request.GetResponseText());
     } catch (const std::exception& e) {
         log_.Debug("Analytics - Unable to retrieve aid from server (%s)", e.what());
         return "";

@@ -19,6 +19,10 @@ namespace velmora {
 inline constexpr const char* kVisitorIdKey = "VLMO_Tallyscope_StoredDefaults_VisitorID";
 inline constexpr const char* kAidKey = "VELMORA_STOREDDEFAULTS_AID";
 
+// The identifier in the tracking server's "/id" answer: the "id" string of a body that begins with
+// "{" and parses as a JSON object; empty for any other body.
+std::string AidFromAnswer(const std::string& body);
+
 // Which device and application this is, and the installation's anonymous identifier (AID).
 // Each value is computed once, on first use, and then served from memory.
 class DeviceContext : public RuntimeModule {

@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
@@ -25,6 +27,23 @@ private:
     int fd_;
 };
 
+constexpr const char* kTemporaryMarker = ".tmp";  // "<name>.tmp<pid>-<n>"
+
+// A process killed while it saved leaves its temporary file behind. The owner reads its file once,
+// at start, and then clears what processes that no longer run left; a temporary file of a process
+// that still runs (another instance of the application) may be about to be renamed and stays.
+void RemoveAbandonedTemporaries(const std::filesystem::path& directory, const std::string& name) {
+    const std::string prefix = name + kTemporaryMarker;
+    std::error_code error;
+    for (std::filesystem::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) {
+        const std::string file = it->path().filename().string();
+        if (file.compare(0, prefix.size(), prefix) != 0) continue;
+        const long pid = std::strtol(file.c_str() + prefix.size(), nullptr, 10);
+        if (pid <= 0 || pid == ::getpid()) continue;
+        if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) ::unlink(it->path().c_str());
+    }
+}
+
 }  // namespace
 
 FileStore::FileStore(std::filesystem::path directory) : directory_(std::move(directory)) {}
@@ -36,8 +55,10 @@ std::string FileStore::Read(const std::string& name) {
         if (errno != ENOENT) Fail("Cannot open", path, errno);
         Descriptor created(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
         if (created.get() < 0) Fail("Cannot create", path, errno);
+        RemoveAbandonedTemporaries(directory_, name);
         return {};
     }
+    RemoveAbandonedTemporaries(directory_, name);
     std::string text;
     char buffer[65536];
     for (;;) {
@@ -56,7 +77,7 @@ void FileStore::WriteAtomic(const std::string& name, std::string_view text) {
     static std::atomic<unsigned> counter{0};
     const auto path = directory_ / name;
     auto temp = path;
-    temp += ".tmp" + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1));
+    temp += kTemporaryMarker + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1));
     Descriptor fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (fd.get() < 0) Fail("Cannot create", temp, errno);
     auto discard = [&](const char* what) {

@@ -14,7 +14,8 @@ public:
     explicit FileStore(std::filesystem::path directory);
     virtual ~FileStore() = default;
 
-    // The whole text of `name`; a missing file is created empty and reads as "".
+    // The whole text of `name`; a missing file is created empty and reads as "". Temporary files of
+    // `name` that killed processes left behind are removed.
     virtual std::string Read(const std::string& name);
     virtual void WriteAtomic(const std::string& name, std::string_view text);
 

@@ -18,6 +18,52 @@ bool Blank(const std::string& text) { return text.find_first_not_of(" \t\r\n") =
 
 }  // namespace
 
+void ParseTimedActionsFile(const std::string& text, TimedActionMap& actions,
+                           const std::function<void(const std::string& name, const std::string& reason)>& skipped) {
+    if (Blank(text)) return;  // a first start: the file was just created empty
+    const Json root = Json::parse(text);
+    if (!root.is_object()) throw std::runtime_error("the document is not a JSON object");
+    auto list = root.find("Actions");
+    if (list == root.end() || !list->is_array()) throw std::runtime_error("the document has no \"Actions\" array");
+    for (const auto& element : *list) {
+        std::string name;
+        try {
+            if (!element.is_object()) {
+                throw std::runtime_error(std::string("expected an object, found ") + element.type_name());
+            }
+            TimedActionRecord action;
+            if (auto it = element.find("name"); it != element.end()) name = it->get<std::string>();
+            if (auto it = element.find("start"); it != element.end()) action.start = TruncateToInt32(it->get<double>());
+            if (auto it = element.find("adjusted"); it != element.end()) {
+                action.adjusted = TruncateToInt32(it->get<double>());
+            }
+            if (auto it = element.find("data"); it != element.end()) {
+                if (!it->is_object()) throw std::runtime_error(std::string("\"data\" is a ") + it->type_name());
+                for (const auto& [key, value] : it->items()) action.data[key] = value.get<std::string>();
+            }
+            actions[name] = std::move(action);
+        } catch (const std::exception& e) {
+            skipped(name, e.what());
+        }
+    }
+}
+
+std::string TimedActionsFileText(const TimedActionMap& actions) {
+    OrderedJson list = OrderedJson::array();
+    for (const auto& [name, action] : actions) {
+        OrderedJson element = OrderedJson::object();
+        element["name"] = name;
+        element["start"] = action.start;
+        element["adjusted"] = action.adjusted;
+        element["data"] = OrderedJson::object();
+        for (const auto& [key, value] : action.data) element["data"][key] = value;
+        list.push_back(std::move(element));
+    }
+    OrderedJson root = OrderedJson::object();
+    root["Actions"] = std::move(list);
+    return root.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
+}
+
 TimedActionStore::TimedActionStore(FileStore& files, ActionTracker& tracker, const Clock& clock, const Logger& log)
     : files_(files), tracker_(tracker), clock_(clock), log_(log), queue_("Analytics", log) {
     // First on the queue, so every operation sees the actions of earlier runs.
@@ -58,7 +104,7 @@ void TimedActionStore::DoStart(const std::string& name, StringMap data) {
     }
     const std::int32_t now = clock_.NowSeconds();
     // Starting a running name restarts it: its old data and times are discarded.
-    actions_[name] = TimedAction{std::move(data), now, now};
+    actions_[name] = TimedActionRecord{std::move(data), now, now};
     Save();
 }
 
@@ -106,56 +152,21 @@ void TimedActionStore::DoShift(std::int32_t seconds) {
 }
 
 void TimedActionStore::Load() {
-    Json root;
+    TimedActionMap loaded;
     try {
-        const std::string text = files_.Read(kFileName);
-        if (Blank(text)) return;  // a first start: the file was just created empty
-        root = Json::parse(text);
-        if (!root.is_object()) throw std::runtime_error("the document is not a JSON object");
-        auto it = root.find("Actions");
-        if (it == root.end() || !it->is_array()) throw std::runtime_error("the document has no \"Actions\" array");
+        ParseTimedActionsFile(files_.Read(kFileName), loaded, [this](const std::string& name, const std::string& reason) {
+            log_.Error("Analytics - unable to parse timed action (\"%s\" - %s)", name.c_str(), reason.c_str());
+        });
     } catch (const std::exception& e) {
         log_.Error("Analytics - Unable to load timed actions (%s).", e.what());
         return;
     }
-    for (const auto& element : root["Actions"]) {
-        std::string name;
-        try {
-            if (!element.is_object()) {
-                throw std::runtime_error(std::string("expected an object, found ") + element.type_name());
-            }
-            TimedAction action;
-            if (auto it = element.find("name"); it != element.end()) name = it->get<std::string>();
-            if (auto it = element.find("start"); it != element.end()) action.start = TruncateToInt32(it->get<double>());
-            if (auto it = element.find("adjusted"); it != element.end()) {
-                action.adjusted = TruncateToInt32(it->get<double>());
-            }
-            if (auto it = element.find("data"); it != element.end()) {
-                if (!it->is_object()) throw std::runtime_error(std::string("\"data\" is a ") + it->type_name());
-                for (const auto& [key, value] : it->items()) action.data[key] = value.get<std::string>();
-            }
-            actions_[name] = std::move(action);
-        } catch (const std::exception& e) {
-            log_.Error("Analytics - unable to parse timed action (\"%s\" - %s)", name.c_str(), e.what());
-        }
-    }
+    actions_ = std::move(loaded);
 }
 
 void TimedActionStore::Save() {
     try {
-        OrderedJson list = OrderedJson::array();
-        for (const auto& [name, action] : actions_) {
-            OrderedJson element = OrderedJson::object();
-            element["name"] = name;
-            element["start"] = action.start;
-            element["adjusted"] = action.adjusted;
-            element["data"] = OrderedJson::object();
-            for (const auto& [key, value] : action.data) element["data"][key] = value;
-            list.push_back(std::move(element));
-        }
-        OrderedJson root = OrderedJson::object();
-        root["Actions"] = std::move(list);
-        files_.WriteAtomic(kFileName, root.dump(-1, ' ', false, OrderedJson::error_handler_t::replace));
+        files_.WriteAtomic(kFileName, TimedActionsFileText(actions_));
     } catch (const std::exception& e) {
         log_.Error("Analytics - Unable to save timed actions file (%s).", e.what());
     }

@@ -8,12 +8,29 @@
 #include "core/serial_queue.h"
 
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <map>
 #include <memory>
 #include <string>
 
 namespace velmora {
+
+// One running timed action as the store and its file keep it.
+struct TimedActionRecord {
+    StringMap data;
+    std::int32_t start = 0;
+    std::int32_t adjusted = 0;
+};
+using TimedActionMap = std::map<std::string, TimedActionRecord>;
+
+// Reads the timed-actions file's text into `actions`. A blank text holds no actions. Throws when the
+// text as a whole is unusable; an element that cannot be read is handed to `skipped` (the name read
+// so far and the reason) and left out, the others are kept.
+void ParseTimedActionsFile(const std::string& text, TimedActionMap& actions,
+                           const std::function<void(const std::string& name, const std::string& reason)>& skipped);
+// The file's text for `actions`, in name order.
+std::string TimedActionsFileText(const TimedActionMap& actions);
 
 // Actions the application times by name. Running actions live in "VelmoraTimedActions.json" so
 // that they survive the process; ending one sends an action hit with the total time and the time
@@ -40,12 +57,6 @@ public:
     void Shift(std::int32_t seconds);
 
 private:
-    struct TimedAction {
-        StringMap data;
-        std::int32_t start = 0;
-        std::int32_t adjusted = 0;
-    };
-
     void Load();
     void Save();
     void DoStart(const std::string& name, StringMap data);
@@ -57,7 +68,7 @@ private:
     ActionTracker& tracker_;
     const Clock& clock_;
     const Logger& log_;
-    std::map<std::string, TimedAction> actions_;  // touched on queue_ only
+    TimedActionMap actions_;  // touched on queue_ only
     SerialQueue queue_;
 };
 

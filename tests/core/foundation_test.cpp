@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <thread>
 
 namespace velmora {
@@ -179,6 +180,28 @@ TEST(SerialQueue, ThrowingClosuresAreLoggedAndLatePostsDropped) {
                                    "Velmora Error:Media - Unexpected error in background work (invalid stoi argument)",
                                    "Velmora Error:Media - Unexpected error in background work (out of range)",
                                    "Velmora Error:Media - Work posted after shutdown was dropped"}));
+}
+
+TEST(FileStore, ReadingAFileRemovesTheTemporariesOfProcessesThatAreGone) {
+    const pid_t gone = ::fork();  // a process that has ended, reaped
+    if (gone == 0) ::_exit(0);
+    ASSERT_GT(gone, 0);
+    ::waitpid(gone, nullptr, 0);
+    TempDir dir;
+    FileStore files(dir.path());
+    files.WriteAtomic("f.json", "kept");
+    const struct {
+        std::string name;
+        bool removed;
+    } cases[] = {
+        {"f.json.tmp" + std::to_string(gone) + "-3", true},        // killed while saving
+        {"f.json.tmp" + std::to_string(::getpid()) + "-9", false},  // this process: may be saving now
+        {"f.json.tmp1-0", false},                                   // a process that still runs
+        {"g.json.tmp" + std::to_string(gone) + "-3", false},        // another file's: its owner clears it
+    };
+    for (const auto& c : cases) dir.Write(c.name, "partial");
+    EXPECT_EQ(files.Read("f.json"), "kept");
+    for (const auto& c : cases) EXPECT_EQ(std::filesystem::exists(dir / c.name), !c.removed) << c.name;
 }
 
 }  // namespace
