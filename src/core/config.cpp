@@ -11,18 +11,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-// JSON numbers become 32-bit integers by truncation toward zero, clamped to the type's range.
-std::int32_t ToInt32(double value) {
-    if (std::isnan(value)) return 0;
-    if (value >= static_cast<double>(std::numeric_limits<std::int32_t>::max())) {
-        return std::numeric_limits<std::int32_t>::max();
-    }
-    if (value <= static_cast<double>(std::numeric_limits<std::int32_t>::min())) {
-        return std::numeric_limits<std::int32_t>::min();
-    }
-    return static_cast<std::int32_t>(value);
-}
-
 void ReadString(const Json& section, const char* key, std::string& field, const char* fallback) {
     auto it = section.find(key);
     field = (it != section.end() && it->is_string()) ? it->get<std::string>() : fallback;
@@ -30,7 +18,7 @@ void ReadString(const Json& section, const char* key, std::string& field, const 
 
 void ReadNumber(const Json& section, const char* key, std::int32_t& field, std::int32_t fallback) {
     auto it = section.find(key);
-    field = (it != section.end() && it->is_number()) ? ToInt32(it->get<double>()) : fallback;
+    field = (it != section.end() && it->is_number()) ? TruncateToInt32(it->get<double>()) : fallback;
 }
 
 void ReadBool(const Json& section, const char* key, bool& field, bool fallback) {
@@ -85,6 +73,17 @@ std::string StripByteOrderMark(std::string text) {
 }
 
 }  // namespace
+
+std::int32_t TruncateToInt32(double value) {
+    if (std::isnan(value)) return 0;
+    if (value >= static_cast<double>(std::numeric_limits<std::int32_t>::max())) {
+        return std::numeric_limits<std::int32_t>::max();
+    }
+    if (value <= static_cast<double>(std::numeric_limits<std::int32_t>::min())) {
+        return std::numeric_limits<std::int32_t>::min();
+    }
+    return static_cast<std::int32_t>(value);
+}
 
 std::int32_t PrivacyStatusFromString(const std::string& text) {
     if (text == "optedin") return kPrivacyOptIn;

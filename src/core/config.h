@@ -13,6 +13,9 @@
 
 namespace velmora {
 
+// A number read from a document or a stored text, truncated toward zero into the 32-bit range.
+std::int32_t TruncateToInt32(double value);
+
 enum PrivacyStatus : std::int32_t { kPrivacyOptIn = 1, kPrivacyOptOut = 2, kPrivacyUnknown = 3 };
 
 struct PointOfInterest {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/config.h"
+
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -15,18 +17,6 @@ inline std::int32_t AddSeconds(std::int32_t a, std::int32_t b) {
 
 inline std::int32_t SubtractSeconds(std::int32_t later, std::int32_t earlier) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(later) - static_cast<std::uint32_t>(earlier));
-}
-
-// A number read from a document or a stored text, truncated toward zero into the 32-bit range.
-inline std::int32_t TruncateToInt32(double value) {
-    if (std::isnan(value)) return 0;
-    if (value >= static_cast<double>(std::numeric_limits<std::int32_t>::max())) {
-        return std::numeric_limits<std::int32_t>::max();
-    }
-    if (value <= static_cast<double>(std::numeric_limits<std::int32_t>::min())) {
-        return std::numeric_limits<std::int32_t>::min();
-    }
-    return static_cast<std::int32_t>(value);
 }
 
 }  // namespace velmora
