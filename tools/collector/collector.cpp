@@ -1,5 +1,7 @@
 #include "collector.h"
 
+#include <optional>
+
 #include "hit_decoder.h"
 #include "page.h"
 #include "render.h"
@@ -167,13 +169,9 @@ void Collector::OnId(const httplib::Request& request, httplib::Response& respons
 }
 
 void Collector::OnOffer(const httplib::Request& request, httplib::Response& response) {
-    QueryPairs parameters;
-    try {
-        parameters = ParseQuery(QueryOf(request.target));
-    } catch (const MalformedRequest& e) {
-        Reject(request, response, 400, e.what());
-        return;
-    }
+    auto query = QueryOrReject(request, response);
+    if (!query) return;
+    const QueryPairs& parameters = *query;
     StringMap cookies = ParseCookies(request.get_header_value("Cookie"));
     auto cookie = [&](const char* name, const std::string& fallback) {
         auto found = cookies.find(name);
@@ -200,13 +198,9 @@ void Collector::OnOffer(const httplib::Request& request, httplib::Response& resp
 }
 
 void Collector::OnAudience(const httplib::Request& request, httplib::Response& response) {
-    QueryPairs parameters;
-    try {
-        parameters = ParseQuery(QueryOf(request.target));
-    } catch (const MalformedRequest& e) {
-        Reject(request, response, 400, e.what());
-        return;
-    }
+    auto query = QueryOrReject(request, response);
+    if (!query) return;
+    const QueryPairs& parameters = *query;
     json segments = json::array();
     StringMap traits;
     for (const auto& [key, value] : parameters) {
@@ -245,6 +239,15 @@ void Collector::OnHitsJson(const httplib::Request& request, httplib::Response& r
     json answer{{"received", hits_.TotalReceived()}, {"kept", hits_.Size()}, {"hits", std::move(list)}};
     response.set_header("Cache-Control", "no-store");
     response.set_content(answer.dump(-1, ' ', false, json::error_handler_t::replace), "application/json");
+}
+
+std::optional<QueryPairs> Collector::QueryOrReject(const httplib::Request& request, httplib::Response& response) {
+    try {
+        return ParseQuery(QueryOf(request.target));
+    } catch (const MalformedRequest& e) {
+        Reject(request, response, 400, e.what());
+        return std::nullopt;
+    }
 }
 
 void Collector::Reject(const httplib::Request& request, httplib::Response& response, int status,

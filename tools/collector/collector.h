@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -48,6 +49,8 @@ private:
     void OnOffer(const httplib::Request& request, httplib::Response& response);
     void OnAudience(const httplib::Request& request, httplib::Response& response);
     void OnHitsJson(const httplib::Request& request, httplib::Response& response);
+    // The request's query, or nothing after answering 400 for a malformed one.
+    std::optional<QueryPairs> QueryOrReject(const httplib::Request& request, httplib::Response& response);
     void Reject(const httplib::Request& request, httplib::Response& response, int status,
                 const std::string& reason);
     void Print(const std::string& text);
