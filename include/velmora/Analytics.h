@@ -29,6 +29,7 @@ public:
     static std::future<std::string> GetTrackingIdentifierAsync();
     static void ClearQueue();
     // Waits until the calls made before it have reached the queue; the number of hits waiting.
+    // From a host callback (a library thread) it does not wait and counts the queue as it stands.
     static std::uint32_t GetQueueSize();
 };
 

@@ -3,6 +3,7 @@
 #include "analytics/hit_builder.h"
 #include "core/device.h"
 #include "core/http.h"
+#include "core/library_thread.h"
 
 #include <algorithm>
 #include <limits>
@@ -357,6 +358,7 @@ void HitQueue::RequestSave() {
 // ---------------------------------------------------------------- the sender
 
 void HitQueue::SenderLoop() {
+    MarkLibraryThread();
     std::unique_lock lock(senderMutex_);
     for (;;) {
         senderCv_.wait(lock, [this] { return runRequested_ || stopping_; });

@@ -2,6 +2,7 @@
 
 #include "analytics/hit_queue.h"
 #include "core/device.h"
+#include "core/library_thread.h"
 
 namespace velmora {
 namespace {
@@ -121,9 +122,12 @@ std::future<std::string> AnalyticsTracker::TrackingIdentifierAsync() {
 }
 
 std::uint32_t AnalyticsTracker::QueueSize() {
-    // Each hop waits outside the queue it waits for, so no queue ever blocks on another.
-    if (!general_.OnQueueThread()) Await(general_.Submit([] {}));
-    if (!queue_.OnQueueThread()) Await(queue_.Submit([] {}));
+    // From a host callback on one of the library's threads, waiting could close a cycle of
+    // queues waiting for each other: that caller gets the count as it stands.
+    if (OnLibraryThread()) return static_cast<std::uint32_t>(hits_.Size());
+    // Each hop waits outside the queue it waits for.
+    Await(general_.Submit([] {}));
+    Await(queue_.Submit([] {}));
     return static_cast<std::uint32_t>(Await(hits_.SizeAfterPendingWork()));
 }
 

@@ -1,5 +1,7 @@
 #include "core/clock.h"
 
+#include "core/library_thread.h"
+
 #include <algorithm>
 
 namespace velmora {
@@ -60,6 +62,7 @@ std::shared_ptr<Timer> SystemClock::Every(std::chrono::milliseconds period, std:
 }
 
 void SystemClock::RunTimers() {
+    MarkLibraryThread();
     std::unique_lock lock(mutex_);
     while (!stopping_) {
         // Drop cancelled timers first so that an idle clock really sleeps.

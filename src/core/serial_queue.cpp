@@ -1,5 +1,7 @@
 #include "core/serial_queue.h"
 
+#include "core/library_thread.h"
+
 namespace velmora {
 
 SerialQueue::SerialQueue(std::string logPrefix, const Logger& log) : prefix_(std::move(logPrefix)), log_(log) {}
@@ -46,6 +48,7 @@ void SerialQueue::Shutdown() {
 }
 
 void SerialQueue::Run() {
+    MarkLibraryThread();
     std::unique_lock lock(mutex_);
     for (;;) {
         cv_.wait(lock, [this] { return stopping_ || !items_.empty(); });

@@ -1,6 +1,8 @@
 #include "analytics_test.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <future>
 #include <thread>
 
 namespace velmora::test {
@@ -102,6 +104,31 @@ TEST_F(AnalyticsTest, CallsFromSeveralThreadsKeepEachThreadsOrder) {
     std::vector<int> next(kThreads, 0);
     for (const auto& page : Pages(FileHits())) EXPECT_EQ(std::stoi(page.substr(2)), next.at(std::stoi(page))++) << page;
     EXPECT_EQ(next, std::vector<int>(kThreads, kEach));
+}
+
+// A host callback may ask for the queue size on any library thread; two of them asking at once from
+// the general and the analytics queue must not wait for each other.
+TEST_F(AnalyticsTest, QueueSizeAskedFromTwoQueueThreadsAtOnceAnswers) {
+    Start(AnalyticsConfig(server.Address(), true, 0, "optunknown"));
+    Track(Names(2));
+    ASSERT_EQ(QueueSize(), 2u);  // there, the count as it stands is the whole count
+    std::promise<void> bothIn;
+    std::shared_future<void> both = bothIn.get_future().share();
+    std::atomic<int> arrived{0};
+    auto ask = [&] {
+        if (++arrived == 2) bothIn.set_value();
+        both.wait_for(kWait);
+        return QueueSize();
+    };
+    auto fromGeneral = env->runtime->GeneralQueue().Submit(ask);
+    auto fromAnalytics = tracker().Queue().Submit(ask);
+    if (fromGeneral.wait_for(kWait) != std::future_status::ready ||
+        fromAnalytics.wait_for(kWait) != std::future_status::ready) {
+        std::fputs("the two queue threads wait for each other\n", stderr);
+        std::abort();  // their threads can never be joined
+    }
+    EXPECT_EQ(fromGeneral.get(), 2u);
+    EXPECT_EQ(fromAnalytics.get(), 2u);
 }
 
 TEST_F(AnalyticsTest, FiveHitsWaitEvenForTheNextRuntimeAndTheSixthSendsAllSixInOrder) {
