@@ -3,6 +3,7 @@
 #include "analytics/hit_queue.h"
 #include "analytics/tracker.h"
 #include "core/device.h"
+#include "support/fault_server.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 

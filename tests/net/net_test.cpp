@@ -1,5 +1,6 @@
 #include "core/device.h"
 #include "core/http.h"
+#include "support/fault_server.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
@@ -17,7 +18,7 @@ extern "C" const char* __tsan_default_suppressions() { return "called_from_lib:l
 namespace velmora {
 namespace {
 
-using test::BrokenServer;
+using test::FaultServer;
 
 const std::regex kAidForm("^[0-7][0-9A-F]{15}-[0-3][0-9A-F]{15}$");
 const std::string kRefused = "A connection with the server specified in the uri parameter could not be established.";
@@ -66,7 +67,7 @@ struct NetTest : ::testing::Test {
 
 TEST_F(NetTest, TransportFailuresLogTheTableMessageAndThrow) {
     test::ClosedPort closed;
-    BrokenServer reset(BrokenServer::Mode::kReset), early(BrokenServer::Mode::kClose);
+    FaultServer reset({FaultServer::Kind::kReset}), early({FaultServer::Kind::kClose});
     auto local = [](int port) { return "http://127.0.0.1:" + std::to_string(port) + "/"; };
     const std::tuple<std::string, std::int64_t, std::string> cases[] = {  // url, code (0: no row), message
         {"http://velmora-test.invalid/id", 0x80072EE7,

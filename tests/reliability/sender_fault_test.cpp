@@ -5,7 +5,7 @@
 #include "analytics/hit_queue.h"
 #include "core/device.h"
 #include "core/http.h"
-#include "fault_server.h"
+#include "support/fault_server.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>

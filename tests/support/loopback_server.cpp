@@ -134,41 +134,6 @@ bool LoopbackServer::WaitForRequests(std::size_t count, std::chrono::millisecond
     return WaitUntil([&] { return Count() >= count; }, limit);
 }
 
-BrokenServer::BrokenServer(Mode mode) : mode_(mode) {
-    listener_ = BoundSocket(port_);
-    if (::listen(listener_, 8) != 0) {
-        ::close(listener_);
-        throw std::runtime_error("listen");
-    }
-    thread_ = std::thread([this] { Serve(); });
-}
-
-BrokenServer::~BrokenServer() {
-    ::shutdown(listener_, SHUT_RDWR);  // wakes the blocked accept
-    thread_.join();
-    ::close(listener_);
-}
-
-void BrokenServer::Serve() {
-    for (;;) {
-        int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (connection < 0) return;
-        // Wait for the whole request head, so the failure hits the client while it reads.
-        std::string head;
-        char buffer[1024];
-        while (head.find("\r\n\r\n") == std::string::npos) {
-            ssize_t n = ::recv(connection, buffer, sizeof(buffer), 0);
-            if (n <= 0) break;
-            head.append(buffer, static_cast<std::size_t>(n));
-        }
-        if (mode_ == Mode::kReset) {
-            linger hard{1, 0};
-            ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
-        }
-        ::close(connection);
-    }
-}
-
 ClosedPort::ClosedPort() { socket_ = BoundSocket(port_); }
 
 ClosedPort::~ClosedPort() { ::close(socket_); }

@@ -67,23 +67,6 @@ private:
     std::vector<Request> requests_;
 };
 
-// Accepts connections on 127.0.0.1, reads the request head and then, instead of answering, resets
-// the connection (RST) or closes it (FIN).
-class BrokenServer {
-public:
-    enum class Mode { kReset, kClose };
-    explicit BrokenServer(Mode mode);
-    ~BrokenServer();
-    int Port() const { return port_; }
-
-private:
-    void Serve();
-    const Mode mode_;
-    int listener_ = -1;
-    int port_ = -1;
-    std::thread thread_;
-};
-
 // A port on 127.0.0.1 that is bound but never listens, so every connection attempt is refused.
 class ClosedPort {
 public:

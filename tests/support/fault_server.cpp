@@ -1,4 +1,4 @@
-#include "fault_server.h"
+#include "support/fault_server.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -15,7 +15,9 @@ constexpr int kPollMillis = 20;  // how often waits look at the stop flag
 
 }  // namespace
 
-FaultServer::FaultServer() {
+FaultServer::FaultServer() : FaultServer(Answer{}) {}
+
+FaultServer::FaultServer(Answer otherwise) : otherwise_(otherwise) {
     listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -82,7 +84,7 @@ void FaultServer::Handle(int connection) {
     }
     const auto first = request.find(' ');
     const auto second = request.find(' ', first + 1);
-    Exchange exchange;
+    Exchange exchange{"", otherwise_};
     if (first != std::string::npos && second != std::string::npos) {
         exchange.target = request.substr(first + 1, second - first - 1);
     }
@@ -102,6 +104,9 @@ void FaultServer::Handle(int connection) {
             status = 0;
             break;
         }
+        case Kind::kClose:
+            status = 0;
+            break;
         case Kind::kSilence:
             // Holds the connection until the client gives up and closes it.
             while (!stopping_) {

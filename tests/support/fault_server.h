@@ -12,12 +12,12 @@
 namespace velmora::test {
 
 // A loopback HTTP server that misbehaves on purpose. Each request takes the next scripted answer
-// (200 once the script is used up): a status, a connection reset before any answer, silence until
-// the client gives up, or a 200 after a delay. Each connection serves one request, so that the
+// (`otherwise` once the script is used up): a status, a connection reset or closed before any
+// answer, silence until the client gives up, or a 200 after a delay. Each connection serves one request, so that the
 // next request gets its own answer. Plain sockets: a reset and silence are beyond an HTTP library.
 class FaultServer {
 public:
-    enum class Kind { kStatus, kReset, kSilence, kSlow };
+    enum class Kind { kStatus, kReset, kClose, kSilence, kSlow };
     struct Answer {
         Kind kind = Kind::kStatus;
         int status = 200;
@@ -29,8 +29,10 @@ public:
     };
 
     FaultServer();
+    explicit FaultServer(Answer otherwise);
     ~FaultServer();
 
+    int Port() const { return port_; }
     std::string Server() const { return "127.0.0.1:" + std::to_string(port_); }
     void Script(std::vector<Answer> answers);
     std::vector<Exchange> Exchanges() const;
@@ -43,6 +45,7 @@ private:
     // Sleeps unless the server stops first; false when it stopped.
     bool Pause(std::chrono::milliseconds duration);
 
+    const Answer otherwise_;
     int listener_ = -1;
     int port_ = 0;
     std::atomic<bool> stopping_{false};
