@@ -5,12 +5,12 @@
 // This case uses the process-wide runtime: it runs in a process of its own.
 #include "analytics/hit_queue.h"
 #include "lifecycle/timed_actions.h"
+#include "support/loopback_server.h"
 #include "support/test_support.h"
 
 #include <velmora/Velmora.h>
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -118,50 +118,20 @@ std::vector<Operation> EveryFourthRound() {
     };
 }
 
-// The collection, offer and audience services on one loopback port. It records every request
-// target and lets idle connections go after a second, so that it stops at once although the
-// process-wide runtime keeps its connections.
-class Services {
-public:
-    Services() {
-        server_.set_keep_alive_timeout(1);
-        server_.Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
-            {
-                std::lock_guard lock(mutex_);
-                targets_.push_back(request.target);
-            }
-            if (request.path == "/event") {
-                response.set_content(R"({"uuid":"u-1","dests":[],"stuff":[{"cn":"segment","cv":"gold"}]})",
-                                     "application/json");
-            } else if (request.path == "/id") {
-                response.set_content(R"({"id":"0123456789ABCDEF-0123456789ABCDEF"})", "application/json");
-            } else if (request.path.rfind("/m2/", 0) == 0) {
-                response.set_header("Set-Cookie", "mboxPC=pc-1");
-                response.set_content("<offer/>", "text/plain");
-            }
-        });
-        port_ = server_.bind_to_any_port("127.0.0.1");
-        if (port_ <= 0) throw std::runtime_error("cannot bind a loopback port");
-        thread_ = std::thread([this] { server_.listen_after_bind(); });
-        if (!WaitUntil([this] { return server_.is_running(); })) throw std::runtime_error("server did not start");
-    }
-    ~Services() {
-        server_.stop();
-        thread_.join();
-    }
-    std::string Host() const { return "127.0.0.1:" + std::to_string(port_); }
-    std::vector<std::string> Targets() const {
-        std::lock_guard lock(mutex_);
-        return targets_;
-    }
-
-private:
-    httplib::Server server_;
-    int port_ = -1;
-    std::thread thread_;
-    mutable std::mutex mutex_;
-    std::vector<std::string> targets_;
-};
+// The collection, offer and audience services on one loopback port.
+void AnswerAsEveryService(LoopbackServer& server) {
+    server.OnGet([](const httplib::Request& request, httplib::Response& response) {
+        if (request.path == "/event") {
+            response.set_content(R"({"uuid":"u-1","dests":[],"stuff":[{"cn":"segment","cv":"gold"}]})",
+                                 "application/json");
+        } else if (request.path == "/id") {
+            response.set_content(R"({"id":"0123456789ABCDEF-0123456789ABCDEF"})", "application/json");
+        } else if (request.path.rfind("/m2/", 0) == 0) {
+            response.set_header("Set-Cookie", "mboxPC=pc-1");
+            response.set_content("<offer/>", "text/plain");
+        }
+    });
+}
 
 // The value of a query key in a hit's context group; -1 when absent.
 std::int64_t Number(const std::string& target, const std::string& key) {
@@ -171,9 +141,10 @@ std::int64_t Number(const std::string& target, const std::string& key) {
 }
 
 TEST(Concurrency, EveryPublicOperationFromEightThreadsKeepsEachThreadsOrder) {
-    Services services;
+    LoopbackServer services;
+    AnswerAsEveryService(services);
     TempDir package, local;
-    const std::string host = services.Host();
+    const std::string host = services.Address();
     package.Write("VelmoraConfig.json",
                   R"({"analytics":{"rsids":"rs","server":")" + host +
                       R"(","offlineEnabled":true,"batchLimit":0,"poi":[["Here",40.7,-74.0,50000]]},)"
