@@ -10,21 +10,6 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-// Counts the sleeps that start on the manual clock, so that a test can advance it once per sleep.
-struct CountingClock final : Clock {
-    explicit CountingClock(std::shared_ptr<ManualClock> clock) : manual(std::move(clock)) {}
-    std::int64_t NowMillis() const override { return manual->NowMillis(); }
-    bool SleepFor(std::chrono::milliseconds duration, Waker& waker) override {
-        ++sleeps;
-        return manual->SleepFor(duration, waker);
-    }
-    std::shared_ptr<Timer> Every(std::chrono::milliseconds period, std::function<void()> tick) override {
-        return manual->Every(period, std::move(tick));
-    }
-    std::shared_ptr<ManualClock> manual;
-    std::atomic<int> sleeps{0};
-};
-
 Strings Pages(std::vector<ReceivedHit> hits) {
     Strings pages;
     for (auto& hit : hits) pages.push_back(hit.variables["pageName"]);
@@ -43,13 +28,12 @@ protected:
     void Start(const std::string& config) {
         options_.internetAvailable = [this] { return online.load(); };
         env = std::make_unique<TestRuntime>(config, options_);
-        clock = std::make_shared<CountingClock>(env->clock);
         Restart();
         env->runtime->Settings().Insert(kAidKey, std::string("AID"));  // no identifier request
     }
     void Restart() {  // a new runtime on the same directories, as the next process
         env->runtime.reset();
-        env->runtime = std::make_unique<Runtime>(env->Options(options_), clock);
+        env->runtime = std::make_unique<Runtime>(env->Options(options_), env->clock);
         env->runtime->Log().SetDebugEnabled(true);
     }
     AnalyticsTracker& tracker() { return env->runtime->Get<AnalyticsTracker>(); }
@@ -73,7 +57,6 @@ protected:
     LoopbackServer server;
     std::atomic<bool> online{true};
     std::unique_ptr<TestRuntime> env;
-    std::shared_ptr<CountingClock> clock;
 
 private:
     HostOptions options_;
@@ -166,29 +149,6 @@ TEST_F(AnalyticsTest, OutOfOrderTimestampsAreMovedAfterTheLastSentOne) {
     EXPECT_TRUE(env->log.Contains("Velmora Debug:Analytics - Sending hit (" + server.Url(hits[2].target) + ")"));
 }
 
-TEST_F(AnalyticsTest, AServerErrorPutsTheHitBackForThirtyOneSecondWaits) {
-    Start(AnalyticsConfig(server.Address(), true, 0));
-    server.Script({500});
-    Track({"First"});
-    ASSERT_TRUE(server.WaitForRequests(1));
-    ASSERT_TRUE(env->clock->AwaitSleepers(1));
-    EXPECT_TRUE(env->log.Contains(
-        "Velmora Debug:Analytics - Recoverable network error (500), imposing internal cooldown (30 seconds)"));
-    Track({"Second"});  // queues behind the one that waits
-    for (int second = 1; second <= HitQueue::kCooldownSeconds; ++second) {
-        // One second at a time, and nothing is resent before the thirtieth has passed.
-        ASSERT_TRUE(WaitUntil([&] { return clock->sleeps.load() == second; })) << second;
-        ASSERT_TRUE(env->clock->AwaitSleepers(1)) << second;
-        EXPECT_EQ(server.Count(), 1u) << second;
-        env->clock->Advance(std::chrono::seconds(1));
-    }
-    ASSERT_TRUE(server.WaitForRequests(3));
-    EXPECT_TRUE(queue().Flush(kWait));
-    EXPECT_EQ(server.Targets()[1], server.Targets()[0]);
-    EXPECT_EQ(Pages(server.Hits()), (Strings{"First", "First", "Second"}));
-    EXPECT_EQ(clock->sleeps.load(), HitQueue::kCooldownSeconds);
-}
-
 TEST_F(AnalyticsTest, WithoutOfflineTrackingFailedAndStaleHitsAreDropped) {
     // The first hit's answer, how long it waits for a connection, and what the server gets.
     for (const auto& [status, offline, received] : std::vector<std::tuple<int, int, Strings>>{
@@ -211,7 +171,7 @@ TEST_F(AnalyticsTest, WithoutOfflineTrackingFailedAndStaleHitsAreDropped) {
 
 TEST_F(AnalyticsTest, ATransportFailureKeepsTheHitEvenWithoutOfflineTracking) {
     ClosedPort refused;
-    BrokenServer reset(BrokenServer::Mode::kReset), closed(BrokenServer::Mode::kClose);
+    FaultServer reset({FaultServer::Kind::kReset}), closed({FaultServer::Kind::kClose});
     for (int port : {refused.Port(), reset.Port(), closed.Port()}) {
         Start(AnalyticsConfig("127.0.0.1:" + std::to_string(port), false, 0));
         Track({"S1"});
