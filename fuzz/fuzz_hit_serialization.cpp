@@ -4,6 +4,7 @@
 #include "analytics/hit_builder.h"
 #include "analytics/hit_queue.h"
 #include "analytics/values.h"
+#include "numbers.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -28,8 +29,8 @@ Object ConsumeObject(FuzzedDataProvider& input) {
         case 5: return input.ConsumeIntegral<std::uint16_t>();
         case 6: return input.ConsumeIntegral<std::uint32_t>();
         case 7: return input.ConsumeIntegral<std::uint64_t>();
-        case 8: return input.ConsumeFloatingPoint<float>();
-        case 9: return input.ConsumeFloatingPoint<double>();
+        case 8: return ConsumeAnyFloat<float>(input);
+        case 9: return ConsumeAnyFloat<double>(input);
         case 10: return input.ConsumeBool();
         default: return Velmora::DateTime(std::chrono::seconds(input.ConsumeIntegral<std::int32_t>()));
     }

@@ -1,6 +1,7 @@
 // Media milestone lists and the playback state built on them: any settings text and any sequence
 // of events give ordered lists (or the conversion error), well-formed segments and no crash.
 #include "media/media_item.h"
+#include "numbers.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -30,7 +31,7 @@ bool SegmentWellFormed(const std::string& segment) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzedDataProvider input(data, size);
-    const double settingsLength = input.ConsumeFloatingPoint<double>();
+    const double settingsLength = ConsumeAnyFloat<double>(input);
     const std::string milestones = input.ConsumeRandomLengthString(64);
     const std::string offsets = input.ConsumeRandomLengthString(64);
 
@@ -61,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                                velmora::kMediaClick};
     for (int event = 0; event < 32 && input.remaining_bytes() > 0; ++event) {
         const std::int32_t type = input.PickValueInArray(kEvents);
-        const double offset = input.ConsumeBool() ? -1 : input.ConsumeFloatingPoint<double>();
+        const double offset = input.ConsumeBool() ? -1 : ConsumeAnyFloat<double>(input);
         const auto step = input.ConsumeIntegralInRange<std::int32_t>(0, 4000);
         now = now > std::numeric_limits<std::int32_t>::max() - step ? now : now + step;
         velmora::NewSnapshot(item, now);
