@@ -1,22 +1,22 @@
 #!/usr/bin/env bash
-# Runs each exit program in fresh directories and fails when one hangs (more than 10 s of wall
-# time), crashes, ends with another status than 0, or prints a sanitizer report.
-#   run_exit_programs.sh <directory of the programs>
+# Runs the exit program in each of its modes, in fresh directories, and fails when one hangs (more
+# than 10 s of wall time), crashes, ends with another status than 0, or prints a sanitizer report.
+#   run_exit_programs.sh <exit program>
 set -uo pipefail
-bin="$1"
+program_file="$1"
 limit=10
 status=0
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 
 run() {
-  local program="$1" config="$2"
-  local package="$work/$program/package" local_dir="$work/$program/local"
+  local mode="$1" config="$2"
+  local package="$work/$mode/package" local_dir="$work/$mode/local"
   mkdir -p "$package" "$local_dir"
   [ -n "$config" ] && printf '%s' "$config" >"$package/VelmoraConfig.json"
   local start end rc
   start=$(date +%s%N)
-  timeout -s KILL "$limit" "$bin/velmora_$program" "$package" "$local_dir" >"$work/$program.out" 2>"$work/$program.err"
+  timeout -s KILL "$limit" "$program_file" "$mode" "$package" "$local_dir" >"$work/$mode.out" 2>"$work/$mode.err"
   rc=$?
   end=$(date +%s%N)
   local ms=$(( (end - start) / 1000000 ))
@@ -25,13 +25,13 @@ run() {
     verdict="hung (killed after ${limit}s)"
   elif [ "$rc" -ne 0 ]; then
     verdict="ended with status $rc"
-  elif grep -qE "Sanitizer|runtime error:|==[0-9]+==ERROR" "$work/$program.err"; then
+  elif grep -qE "Sanitizer|runtime error:|==[0-9]+==ERROR" "$work/$mode.err"; then
     verdict="sanitizer report"
   fi
-  echo "$program: $verdict in ${ms} ms"
+  echo "$mode: $verdict in ${ms} ms"
   if [ "$verdict" != "ok" ]; then
     status=1
-    tail -40 "$work/$program.err"
+    tail -40 "$work/$mode.err"
   fi
 }
 
@@ -39,7 +39,7 @@ run() {
 closed='{"analytics":{"rsids":"rs","server":"127.0.0.1:9","offlineEnabled":true,"batchLimit":0}}'
 full='{"analytics":{"rsids":"rs","server":"127.0.0.1:9","offlineEnabled":true,"batchLimit":0,"poi":[["Home",40.7,-74.0,5000]]},"vantor":{"clientCode":"acme","timeout":1},"cohorta":{"server":"127.0.0.1:9"}}'
 
-run exit_on_return "$closed"
-run exit_in_cooldown ""
-run exit_fully_loaded "$full"
+run return "$closed"
+run cooldown "$closed"
+run loaded "$full"
 exit $status
