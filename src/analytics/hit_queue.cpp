@@ -289,11 +289,6 @@ std::size_t HitQueue::Size() const {
 }
 
 std::future<std::size_t> HitQueue::SizeAfterPendingWork() {
-    if (work_.OnQueueThread()) {
-        std::promise<std::size_t> now;
-        now.set_value(Size());
-        return now.get_future();
-    }
     return work_.Submit([this] { return Size(); });
 }
 

@@ -76,7 +76,7 @@ public:
     void StartSender() override;
 
     std::size_t Size() const;  // now
-    // The size once the work posted before has run (at once when called on the work queue).
+    // The size once the work posted before has run; library threads ask Size() instead.
     std::future<std::size_t> SizeAfterPendingWork();
 
 private:
