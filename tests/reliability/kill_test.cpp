@@ -6,6 +6,7 @@
 #include "child_process.h"
 #include "core/runtime.h"
 #include "lifecycle/timed_actions.h"
+#include "support/loopback_server.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>
@@ -48,19 +49,11 @@ struct KillCase {
 };
 void PrintTo(const KillCase& kind, std::ostream* out) { *out << kind.mode; }
 
-std::string Variable(const std::string& hit, const std::string& name) {
-    const std::string key = "&" + name + "=";
-    auto at = hit.find(key);
-    if (at == std::string::npos) return "";
-    at += key.size();
-    return hit.substr(at, hit.find('&', at) - at);
-}
-
 std::vector<std::string> ReadHits(const TempDir& local) {
     std::vector<QueuedHit> hits;
     ParseQueueFile(local.Read(HitQueue::kFileName), hits);
     std::vector<std::string> names;
-    for (const auto& hit : hits) names.push_back(Variable(hit.hit, "pageName"));
+    for (const auto& hit : hits) names.push_back(DecodeHit("/b/ss/rs/0/v/" + hit.hit).variables["pageName"]);
     return names;
 }
 

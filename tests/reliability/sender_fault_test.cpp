@@ -74,7 +74,7 @@ protected:
     SenderUnderFaults() : log(capture.Sink()) {
         log.SetDebugEnabled(true);
         config.rsids = "rs";
-        config.server = server.Server();
+        config.server = server.Address();
         config.offlineEnabled = GetParam();
         config.privacyStatus = kPrivacyOptIn;
         host.languageTag = "en-US";

@@ -1,8 +1,8 @@
 #include "support/fault_server.h"
 
-#include <arpa/inet.h>
+#include "support/loopback_server.h"
+
 #include <cerrno>
-#include <netinet/in.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -18,16 +18,11 @@ constexpr int kPollMillis = 20;  // how often waits look at the stop flag
 FaultServer::FaultServer() : FaultServer(Answer{}) {}
 
 FaultServer::FaultServer(Answer otherwise) : otherwise_(otherwise) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listener_, 16) != 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    listener_ = BoundSocket(port_);
+    if (::listen(listener_, 16) != 0) {
+        ::close(listener_);
         throw std::runtime_error("cannot listen on a loopback port");
     }
-    port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { Serve(); });
 }
 

@@ -33,7 +33,7 @@ public:
     ~FaultServer();
 
     int Port() const { return port_; }
-    std::string Server() const { return "127.0.0.1:" + std::to_string(port_); }
+    std::string Address() const { return "127.0.0.1:" + std::to_string(port_); }
     void Script(std::vector<Answer> answers);
     std::vector<Exchange> Exchanges() const;
     // Waits (in real time) until `count` requests have been answered.

@@ -12,8 +12,6 @@
 #include <unistd.h>
 
 namespace velmora::test {
-namespace {
-
 // A TCP socket bound to a free port on 127.0.0.1.
 int BoundSocket(int& port) {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -30,8 +28,6 @@ int BoundSocket(int& port) {
     port = ntohs(address.sin_port);
     return fd;
 }
-
-}  // namespace
 
 ReceivedHit DecodeHit(const std::string& target) {
     auto hit = collector::DecodeHit(target);

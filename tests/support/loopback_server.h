@@ -67,6 +67,9 @@ private:
     std::vector<Request> requests_;
 };
 
+// A TCP socket bound to a free port on 127.0.0.1, not yet listening; sets `port`.
+int BoundSocket(int& port);
+
 // A port on 127.0.0.1 that is bound but never listens, so every connection attempt is refused.
 class ClosedPort {
 public:
