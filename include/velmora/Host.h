@@ -21,10 +21,13 @@ struct HostOptions {
     std::string deviceManufacturer, deviceModel;  // empty: read from the system
     std::string languageTag;                  // empty: from the locale
     std::function<std::optional<std::pair<double, double>>()> windowSize;  // width, height
-    std::function<bool()> internetAvailable;  // empty: always connected
+    std::function<bool()> internetAvailable;  // empty: the kernel's view (a route off the host)
     std::function<void(std::string_view line)> logSink;  // empty: standard error
     std::vector<std::string> connectTo;       // curl CONNECT_TO entries "HOST:PORT:ADDR:PORT";
                                               // default from $VELMORA_CONNECT_TO (comma-separated)
+    std::string applicationName;              // with applicationVersion: no manifest needed
+    std::string applicationVersion;           // "Major.Minor.Build.Revision"
+    std::string osVersion;                    // empty: the platform text
 };
 
 class VELMORA_API Host {
@@ -34,6 +37,9 @@ public:
     // Waits until every queue has run what was posted before the call and the sender is idle;
     // true when no hit is left queued.
     static bool Flush(std::chrono::milliseconds timeout);
+    // Delivers what it can within the time-out, saves, stops the library's threads; later calls are
+    // ignored. True when no hit is left queued.
+    static bool Shutdown(std::chrono::milliseconds timeout);
 };
 
 }  // namespace Velmora
