@@ -205,6 +205,11 @@ std::unique_ptr<HitQueue> HitQueue::Create(Runtime& runtime) {
 // ---------------------------------------------------------------- changes, on the work queue
 
 void HitQueue::Load() {
+    try {
+        baseUrlBytes_ = BaseUrl(config_).size();
+    } catch (const std::exception&) {
+        baseUrlBytes_ = 0;  // the sender reports an unusable base URL itself
+    }
     std::vector<QueuedHit> loaded;
     try {
         ParseQueueFile(files_.Read(kFileName), loaded);
@@ -233,6 +238,12 @@ void HitQueue::QueueHit(std::string hit, std::int32_t timestamp) {
 
 void HitQueue::Append(std::string hit, std::int32_t timestamp) {
     pendingChanges_.fetch_sub(1);
+    if (baseUrlBytes_ + hit.size() > kMaxUrlBytes) {
+        const std::string reason = "the request URL would be " + std::to_string(baseUrlBytes_ + hit.size()) +
+                                   " bytes, more than the " + std::to_string(kMaxUrlBytes) + " a server accepts";
+        log_.Error("Analytics - Unable to queue hit (%s)", reason.c_str());
+        return;
+    }
     try {
         QueuedHit queued;
         queued.json = std::make_shared<const std::string>(QueueFileMember(hit, timestamp));
@@ -466,6 +477,10 @@ bool HitQueue::Send(QueuedHit& hit) {
         log_.Error("Analytics - Unable to send hit (%s)", e.what());
         return false;
     }
+    if (url.size() > kMaxUrlBytes) {  // queued by an older version
+        log_.Debug("Analytics - Invalid hit (removed)");
+        return false;
+    }
     log_.Debug("Analytics - Sending hit (%s)", url.c_str());
     try {
         const std::int32_t status = request->GetStatusCode();
@@ -477,7 +492,11 @@ bool HitQueue::Send(QueuedHit& hit) {
         log_.Debug("Analytics - Recoverable network error (%d), imposing internal cooldown (%d seconds)", status,
                    kCooldownSeconds);
         return true;
-    } catch (const TransportError&) {
+    } catch (const TransportError& e) {
+        if (e.Refused()) {
+            log_.Debug("Analytics - Invalid hit (removed)");
+            return false;
+        }
         log_.Debug("Analytics - Unable to send hit, attempting to recover");
         return true;
     } catch (const std::exception&) {
@@ -486,40 +505,55 @@ bool HitQueue::Send(QueuedHit& hit) {
     }
 }
 
-bool HitQueue::Interrupted() const { return stopping_ || flushWaiters_.load() > 0; }
-
 bool HitQueue::Cooldown() {
-    for (int second = 0; second < kCooldownSeconds; ++second) {
-        waker_.Reset();
-        if (Interrupted()) return false;
-        clock_.SleepFor(std::chrono::seconds(1), waker_);
+    {
+        std::lock_guard lock(senderMutex_);
+        coolingDown_ = true;
     }
-    return !Interrupted();
+    idleCv_.notify_all();
+    bool finished = true;
+    for (int second = 0; second < kCooldownSeconds && finished; ++second) {
+        waker_.Reset();
+        finished = !stopping_ && clock_.SleepFor(std::chrono::seconds(1), waker_) && !stopping_;
+    }
+    std::lock_guard lock(senderMutex_);
+    coolingDown_ = false;
+    return finished;
 }
 
 // ---------------------------------------------------------------- flush and shutdown
 
 bool HitQueue::Flush(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    if (work_.OnQueueThread() || !work_.Drain(timeout)) return false;
-    flushWaiters_.fetch_add(1);
-    waker_.Wake();
+    if (work_.OnQueueThread()) return false;
+    // Hits left by an earlier run go out now when the status and the connection allow it.
+    auto started = work_.Submit([this] { ApplyStartRule(); });
+    if (started.wait_until(deadline) != std::future_status::ready) return false;
     bool idle;
     {
         std::unique_lock lock(senderMutex_);
-        idle = idleCv_.wait_until(lock, deadline, [this] { return !running_ && !runRequested_; });
+        idle = idleCv_.wait_until(lock, deadline, [this] { return (!running_ || coolingDown_) && !runRequested_; });
     }
-    flushWaiters_.fetch_sub(1);
     return idle && Size() == 0;
 }
 
-void HitQueue::Shutdown() {
+void HitQueue::BeginShutdown() {
     {
         std::lock_guard lock(senderMutex_);
         stopping_ = true;
+        runRequested_ = false;
     }
     senderCv_.notify_all();
     waker_.Wake();
+}
+
+bool HitQueue::WaitUntilIdle(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock lock(senderMutex_);
+    return idleCv_.wait_until(lock, deadline, [this] { return !running_; });
+}
+
+void HitQueue::Shutdown() {
+    BeginShutdown();
     work_.Shutdown();  // runs the changes that were posted; they no longer start the sender
     if (sender_.joinable() && sender_.get_id() != std::this_thread::get_id()) sender_.join();
     SaveNow();

@@ -50,13 +50,16 @@ std::string QueueFileMember(const std::string& hit, std::int32_t timestamp);
 //
 // The sender is one thread that sleeps until it is started, then sends the hits one at a time in
 // order until the queue is empty, the privacy status is not opt-in or there is no connection.
-// Retry cooldowns are waits on the injected clock that Flush and Shutdown cut short.
+// Retry cooldowns are waits on the injected clock that only the end of sending cuts short.
 class HitQueue : public RuntimeModule, public HitQueueControl {
 public:
     static constexpr const char* kFileName = "VelmoraDataCache.json";
     static constexpr int kCooldownSeconds = 30;
     static constexpr std::int32_t kRequestTimeoutMillis = 5000;
     static constexpr std::chrono::milliseconds kSaveInterval{100};
+    // Longest request URL (base URL and hit) that is queued. Common servers refuse longer request
+    // lines, and a hit that can never be delivered must not hold up the ones behind it.
+    static constexpr std::size_t kMaxUrlBytes = 64 * 1024;
 
     HitQueue(const Logger& log, Clock& clock, const ConfigSettings& config, FileStore& files, const HostOptions& host,
              HttpClient& http, DeviceContext& device);
@@ -64,9 +67,13 @@ public:
     static std::unique_ptr<HitQueue> Create(Runtime& runtime);
 
     int Stage() const override { return kStageHitQueue; }
-    // True when the work posted before the call has run, the sender is idle and no hit is queued.
-    // A sender waiting out a cooldown gives up its run instead of keeping the caller waiting.
+    // Applies the start rule after the work posted before the call, then waits until the sender is
+    // idle or waiting out a cooldown (which keeps its schedule). True when no hit is left queued.
     bool Flush(std::chrono::milliseconds timeout) override;
+    // No new send starts; a cooldown ends. The hit in flight still gets its answer.
+    void BeginShutdown() override;
+    // True when no send is in flight by `deadline`.
+    bool WaitUntilIdle(std::chrono::steady_clock::time_point deadline) override;
     void Shutdown() override;
 
     // Appends the hit on the work queue, saves and starts the sender when the start rule allows.
@@ -76,6 +83,7 @@ public:
     void StartSender() override;
 
     std::size_t Size() const;  // now
+    std::size_t QueuedHits() const override { return Size(); }
     // The size once the work posted before has run; library threads ask Size() instead.
     std::future<std::size_t> SizeAfterPendingWork();
 
@@ -96,7 +104,6 @@ private:
     void PutBack(QueuedHit hit, std::uint64_t clearGeneration);
     void Removed();  // the sender dropped or delivered the hit in flight
     bool Cooldown();
-    bool Interrupted() const;
     // The outcome of one attempt: whether to put the hit back and wait out a cooldown.
     bool Send(QueuedHit& hit);
 
@@ -131,11 +138,12 @@ private:
     bool runRequested_ = false;
     bool running_ = false;
     std::thread sender_;
+    bool coolingDown_ = false;
     std::atomic<bool> stopping_{false};
-    std::atomic<int> flushWaiters_{0};
     Waker waker_;
     std::int32_t lastSentTimestamp_ = 0;      // sender thread only
     std::optional<std::string> baseUrl_;      // sender thread only, built on first send
+    std::size_t baseUrlBytes_ = 0;            // work queue only, set by Load
     std::uint64_t senderChanges_ = 0;         // sender thread only: `changes_` after its last change
 
     SerialQueue work_;  // last: it is the first to stop

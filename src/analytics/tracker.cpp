@@ -55,20 +55,16 @@ bool AnalyticsTracker::PassesGate() {
 }
 
 void AnalyticsTracker::GatedTrackState(std::string state, StringMap contextData) {
-    general_.Post([this, state = std::move(state), contextData = std::move(contextData)]() mutable {
-        if (!PassesGate()) return;
-        queue_.Post([this, state = std::move(state), contextData = std::move(contextData)]() mutable {
-            BuildState(state, std::move(contextData));
-        });
+    if (!PassesGate()) return;
+    queue_.Post([this, state = std::move(state), contextData = std::move(contextData)]() mutable {
+        BuildState(state, std::move(contextData));
     });
 }
 
 void AnalyticsTracker::GatedTrackAction(std::string action, StringMap contextData) {
-    general_.Post([this, action = std::move(action), contextData = std::move(contextData)]() mutable {
-        if (!PassesGate()) return;
-        queue_.Post([this, action = std::move(action), contextData = std::move(contextData)]() mutable {
-            BuildAction(action, std::move(contextData));
-        });
+    if (!PassesGate()) return;
+    queue_.Post([this, action = std::move(action), contextData = std::move(contextData)]() mutable {
+        BuildAction(action, std::move(contextData));
     });
 }
 

@@ -33,7 +33,8 @@ public:
     bool Flush(std::chrono::milliseconds timeout) override { return queue_.Drain(timeout); }
     void Shutdown() override { queue_.Shutdown(); }
 
-    // The application's calls: gate on the general queue, then build on the analytics queue.
+    // The application's calls, run on the general queue: the gate, then building on the analytics
+    // queue.
     void GatedTrackState(std::string state, StringMap contextData);
     void GatedTrackAction(std::string action, StringMap contextData);
 

@@ -5,7 +5,7 @@
 #include "analytics/values.h"
 #include "api/guard.h"
 #include "core/device.h"
-#include "core/runtime.h"
+#include "core/library_thread.h"
 
 namespace Velmora {
 
@@ -20,38 +20,44 @@ void ReadDisplayInformation(Runtime& runtime) { runtime.Get<velmora::DeviceConte
 }  // namespace
 
 void Analytics::TrackState(const std::string& state, const ObjectMap& contextData) {
-    velmora::Guard([&] {
-        auto& runtime = Runtime::Process();
+    velmora::Call([&](Runtime& runtime) {
         auto translated = velmora::TranslateContextData(contextData, runtime.Log());
         ReadDisplayInformation(runtime);
-        runtime.Get<AnalyticsTracker>().GatedTrackState(state, std::move(translated));
+        runtime.GeneralQueue().Post([&runtime, state, translated = std::move(translated)]() mutable {
+            runtime.Get<AnalyticsTracker>().GatedTrackState(state, std::move(translated));
+        });
     });
 }
 
 void Analytics::TrackAction(const std::string& action, const ObjectMap& contextData) {
-    velmora::Guard([&] {
-        auto& runtime = Runtime::Process();
+    velmora::Call([&](Runtime& runtime) {
         auto translated = velmora::TranslateContextData(contextData, runtime.Log());
         ReadDisplayInformation(runtime);
-        runtime.Get<AnalyticsTracker>().GatedTrackAction(action, std::move(translated));
+        runtime.GeneralQueue().Post([&runtime, action, translated = std::move(translated)]() mutable {
+            runtime.Get<AnalyticsTracker>().GatedTrackAction(action, std::move(translated));
+        });
     });
 }
 
 std::future<std::string> Analytics::GetTrackingIdentifierAsync() {
-    return velmora::GuardFuture<std::string>(
-        [] { return Runtime::Process().Get<AnalyticsTracker>().TrackingIdentifierAsync(); });
-}
-
-void Analytics::ClearQueue() {
-    velmora::Guard([] {
-        auto& runtime = Runtime::Process();
-        auto& hits = runtime.Get<velmora::HitQueue>();
-        runtime.GeneralQueue().Post([&hits] { hits.ClearQueue(); });
+    return velmora::PostForResult<std::string>("", [](Runtime& runtime, auto completion) {
+        auto& tracker = runtime.Get<AnalyticsTracker>();
+        velmora::CompleteAfter(tracker.Queue(), tracker.TrackingIdentifierAsync(), completion);
     });
 }
 
+void Analytics::ClearQueue() {
+    velmora::Post([](Runtime& runtime) { runtime.Get<velmora::HitQueue>().ClearQueue(); });
+}
+
 std::uint32_t Analytics::GetQueueSize() {
-    return velmora::Guard(std::uint32_t{0}, [] { return Runtime::Process().Get<AnalyticsTracker>().QueueSize(); });
+    return velmora::Call(std::uint32_t{0}, [](Runtime& runtime) {
+        // The tracker (and with it the configuration) is made on the general queue, never here; a
+        // host callback already on a library thread must not wait for that queue.
+        if (velmora::OnLibraryThread()) return runtime.Get<AnalyticsTracker>().QueueSize();
+        auto tracker = runtime.GeneralQueue().Submit([&runtime] { return &runtime.Get<AnalyticsTracker>(); }).get();
+        return tracker != nullptr ? tracker->QueueSize() : 0;
+    });
 }
 
 }  // namespace Velmora

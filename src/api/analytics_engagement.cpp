@@ -4,7 +4,6 @@
 #include "analytics/values.h"
 #include "api/guard.h"
 #include "core/device.h"
-#include "core/runtime.h"
 #include "lifecycle/lifetime_value.h"
 #include "lifecycle/location.h"
 #include "lifecycle/timed_actions.h"
@@ -21,70 +20,57 @@ bool AnalyticsAllowed(Runtime& runtime) { return runtime.Get<velmora::AnalyticsT
 // caller's thread, before the work is posted.
 void ReadDisplayOnCallingThread(Runtime& runtime) { runtime.Get<velmora::DeviceContext>().GetResolution(); }
 
+// Converts the context data and reads the display on the caller's thread, then runs `work` with
+// the converted data on the general queue behind the analytics gate.
+template <class Work>
+void PostTracking(const ObjectMap& contextData, bool readDisplay, Work work) {
+    velmora::Call([&](Runtime& runtime) {
+        auto data = velmora::TranslateContextData(contextData, runtime.Log());
+        if (readDisplay) ReadDisplayOnCallingThread(runtime);
+        runtime.GeneralQueue().Post([&runtime, data = std::move(data), work = std::move(work)]() mutable {
+            if (AnalyticsAllowed(runtime)) work(runtime, std::move(data));
+        });
+    });
+}
+
 }  // namespace
 
 void Analytics::TrackLocation(double latitude, double longitude, double horizontalAccuracy,
                               const ObjectMap& contextData) {
-    velmora::Guard([&] {
-        auto& runtime = Runtime::Process();
-        auto data = velmora::TranslateContextData(contextData, runtime.Log());
-        ReadDisplayOnCallingThread(runtime);
-        runtime.GeneralQueue().Post([&runtime, latitude, longitude, horizontalAccuracy, data = std::move(data)] {
-            if (AnalyticsAllowed(runtime)) {
-                runtime.Get<velmora::LocationTracker>().TrackLocation(latitude, longitude, horizontalAccuracy, data);
-            }
-        });
+    PostTracking(contextData, true, [=](Runtime& runtime, velmora::StringMap data) {
+        runtime.Get<velmora::LocationTracker>().TrackLocation(latitude, longitude, horizontalAccuracy, data);
     });
 }
 
 void Analytics::TrackLifetimeValueIncrease(float amount, const ObjectMap& contextData) {
-    velmora::Guard([&] {
-        auto& runtime = Runtime::Process();
-        auto data = velmora::TranslateContextData(contextData, runtime.Log());
-        ReadDisplayOnCallingThread(runtime);
-        runtime.GeneralQueue().Post([&runtime, amount, data = std::move(data)]() mutable {
-            if (AnalyticsAllowed(runtime)) runtime.Get<velmora::LifetimeValue>().Increase(amount, std::move(data));
-        });
+    PostTracking(contextData, true, [amount](Runtime& runtime, velmora::StringMap data) {
+        runtime.Get<velmora::LifetimeValue>().Increase(amount, std::move(data));
     });
 }
 
 void Analytics::TrackTimedActionStart(const std::string& action, const ObjectMap& contextData) {
-    velmora::Guard([&] {
-        auto& runtime = Runtime::Process();
-        auto data = velmora::TranslateContextData(contextData, runtime.Log());
-        runtime.GeneralQueue().Post([&runtime, action, data = std::move(data)]() mutable {
-            if (AnalyticsAllowed(runtime)) runtime.Get<velmora::TimedActionStore>().Start(action, std::move(data));
-        });
+    PostTracking(contextData, false, [action](Runtime& runtime, velmora::StringMap data) {
+        runtime.Get<velmora::TimedActionStore>().Start(action, std::move(data));
     });
 }
 
 void Analytics::TrackTimedActionUpdate(const std::string& action, const ObjectMap& contextData) {
-    velmora::Guard([&] {
-        auto& runtime = Runtime::Process();
-        auto data = velmora::TranslateContextData(contextData, runtime.Log());
-        runtime.GeneralQueue().Post([&runtime, action, data = std::move(data)]() mutable {
-            if (AnalyticsAllowed(runtime)) runtime.Get<velmora::TimedActionStore>().Update(action, std::move(data));
-        });
+    PostTracking(contextData, false, [action](Runtime& runtime, velmora::StringMap data) {
+        runtime.Get<velmora::TimedActionStore>().Update(action, std::move(data));
     });
 }
 
 void Analytics::TrackTimedActionEnd(const std::string& action) {
-    velmora::Guard([&] {
-        auto& runtime = Runtime::Process();
-        ReadDisplayOnCallingThread(runtime);
-        runtime.GeneralQueue().Post([&runtime, action] {
-            if (AnalyticsAllowed(runtime)) runtime.Get<velmora::TimedActionStore>().End(action);
-        });
+    PostTracking({}, true, [action](Runtime& runtime, velmora::StringMap) {
+        runtime.Get<velmora::TimedActionStore>().End(action);
     });
 }
 
 std::future<bool> Analytics::TrackingTimedActionExistsAsync(const std::string& action) {
-    return velmora::GuardFuture<bool>([&] {
-        auto& runtime = Runtime::Process();
-        // Through the general queue, so that the answer sees the starts and ends called before it.
-        // The store's queue never waits for the general queue, so waiting here cannot deadlock.
-        return runtime.GeneralQueue().Submit(
-            [&runtime, action] { return runtime.Get<velmora::TimedActionStore>().Exists(action).get(); });
+    // Through the general queue, so that the answer sees the starts and ends called before it.
+    return velmora::PostForResult<bool>(false, [action](Runtime& runtime, auto completion) {
+        auto& store = runtime.Get<velmora::TimedActionStore>();
+        velmora::CompleteAfter(store.Queue(), store.Exists(action), completion);
     });
 }
 

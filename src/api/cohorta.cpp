@@ -3,7 +3,6 @@
 #include "analytics/values.h"
 #include "api/guard.h"
 #include "cohorta/cohorta.h"
-#include "core/runtime.h"
 
 namespace Velmora {
 
@@ -11,27 +10,38 @@ using velmora::CohortaClient;
 using velmora::Runtime;
 
 std::optional<StringMap> Cohorta::GetVisitorProfile() {
-    return velmora::Guard(std::optional<StringMap>(),
-                          [] { return Runtime::Process().Get<CohortaClient>().GetVisitorProfile(); });
+    return velmora::Call(std::optional<StringMap>(),
+                         [](Runtime& runtime) { return CohortaClient::GetVisitorProfile(runtime.Settings()); });
 }
 
+// The identifiers live in the module; before it exists none has been set in this run.
 std::string Cohorta::GetDpuuid() {
-    return velmora::Guard(std::string(), [] { return Runtime::Process().Get<CohortaClient>().GetDpuuid(); });
+    return velmora::Call(std::string(), [](Runtime& runtime) {
+        auto* client = runtime.IfCreated<CohortaClient>();
+        return client != nullptr ? client->GetDpuuid() : std::string();
+    });
 }
 
 std::string Cohorta::GetDpid() {
-    return velmora::Guard(std::string(), [] { return Runtime::Process().Get<CohortaClient>().GetDpid(); });
+    return velmora::Call(std::string(), [](Runtime& runtime) {
+        auto* client = runtime.IfCreated<CohortaClient>();
+        return client != nullptr ? client->GetDpid() : std::string();
+    });
 }
 
 void Cohorta::SetDpidAndDpuuid(const std::string& dpid, const std::string& dpuuid) {
-    velmora::Guard([&] { Runtime::Process().Get<CohortaClient>().SetDpidAndDpuuid(dpid, dpuuid); });
+    velmora::Post([dpid, dpuuid](Runtime& runtime) { runtime.Get<CohortaClient>().SetDpidAndDpuuid(dpid, dpuuid); });
 }
 
 std::future<std::optional<StringMap>> Cohorta::SubmitSignal(const ObjectMap& traits) {
-    return velmora::GuardFuture<std::optional<StringMap>>([&] {
-        auto& runtime = Runtime::Process();
-        return runtime.Get<CohortaClient>().SubmitSignal(velmora::TranslateContextData(traits, runtime.Log()));
-    });
+    std::optional<velmora::StringMap> translated;
+    velmora::Call([&](Runtime& runtime) { translated = velmora::TranslateContextData(traits, runtime.Log()); });
+    if (!translated) return velmora::ReadyFuture<std::optional<StringMap>>(std::nullopt);
+    return velmora::PostForResult<std::optional<StringMap>>(
+        std::nullopt, [traits = std::move(*translated)](Runtime& runtime, auto completion) mutable {
+            auto& client = runtime.Get<CohortaClient>();
+            velmora::CompleteAfter(client.Queue(), client.SubmitSignal(std::move(traits)), completion);
+        });
 }
 
 }  // namespace Velmora

@@ -1,7 +1,6 @@
 #include <velmora/Config.h>
 
 #include "api/guard.h"
-#include "core/runtime.h"
 #include "core/version.h"
 
 // Analytics: the privacy setter reaches the hit queue.
@@ -12,31 +11,24 @@ namespace Velmora {
 using velmora::Runtime;
 
 bool Config::GetDebugLogging() {
-    return velmora::Guard(false, [] { return Runtime::Process().Log().DebugEnabled(); });
+    return velmora::Call(false, [](Runtime& runtime) { return runtime.Log().DebugEnabled(); });
 }
 
 void Config::SetDebugLogging(bool enabled) {
-    velmora::Guard([enabled] {
-        auto& runtime = Runtime::Process();
-        runtime.GeneralQueue().Post([&runtime, enabled] { runtime.Log().SetDebugEnabled(enabled); });
-    });
+    velmora::Post([enabled](Runtime& runtime) { runtime.Log().SetDebugEnabled(enabled); });
 }
 
 std::future<VelmoraPrivacyStatus> Config::GetPrivacyStatusAsync() {
-    return velmora::GuardFuture<VelmoraPrivacyStatus>([] {
-        auto& runtime = Runtime::Process();
-        return runtime.GeneralQueue().Submit(
-            [&runtime] { return static_cast<VelmoraPrivacyStatus>(runtime.Config().Privacy()); });
+    return velmora::PostForResult(VelmoraPrivacyStatus{}, [](Runtime& runtime, auto completion) {
+        completion->Set(static_cast<VelmoraPrivacyStatus>(runtime.Config().Privacy()));
     });
 }
 
 void Config::SetPrivacyStatus(VelmoraPrivacyStatus status) {
-    velmora::Guard([status] {
-        auto& runtime = Runtime::Process();
+    velmora::Post([status](Runtime& runtime) {
         // The hit queue must exist so that an opt-out also empties hits queued by earlier runs.
         runtime.Get<velmora::HitQueue>();
-        runtime.GeneralQueue().Post(
-            [&runtime, status] { runtime.SetPrivacyStatus(static_cast<std::int32_t>(status)); });
+        runtime.SetPrivacyStatus(static_cast<std::int32_t>(status));
     });
 }
 

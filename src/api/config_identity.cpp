@@ -2,23 +2,23 @@
 
 #include "api/guard.h"
 #include "core/device.h"
-#include "core/runtime.h"
 
 namespace Velmora {
 
 using velmora::DeviceContext;
 using velmora::Runtime;
 
+// Reads only the stored value: the device context, which reaches the network for other values,
+// is not made on the application's thread.
 std::string Config::GetUserIdentifier() {
-    return velmora::Guard(std::string(), [] { return Runtime::Process().Get<DeviceContext>().GetVisitorId(); });
+    return velmora::Call(std::string(), [](Runtime& runtime) {
+        if (auto* device = runtime.IfCreated<DeviceContext>()) return device->GetVisitorId();
+        return velmora::LookupText(runtime.Settings(), velmora::kVisitorIdKey).value_or("");
+    });
 }
 
 void Config::SetUserIdentifier(const std::string& identifier) {
-    velmora::Guard([&identifier] {
-        auto& runtime = Runtime::Process();
-        runtime.GeneralQueue().Post(
-            [&runtime, identifier] { runtime.Get<DeviceContext>().SetVisitorId(identifier); });
-    });
+    velmora::Post([identifier](Runtime& runtime) { runtime.Get<DeviceContext>().SetVisitorId(identifier); });
 }
 
 }  // namespace Velmora

@@ -2,7 +2,6 @@
 
 #include "api/guard.h"
 #include "core/device.h"
-#include "core/runtime.h"
 #include "lifecycle/lifecycle.h"
 #include "lifecycle/lifetime_value.h"
 
@@ -11,8 +10,7 @@ namespace Velmora {
 using velmora::Runtime;
 
 void Config::CollectLifecycleData() {
-    velmora::Guard([] {
-        auto& runtime = Runtime::Process();
+    velmora::Call([](Runtime& runtime) {
         runtime.GeneralQueue().Post([&runtime] { runtime.Get<velmora::Lifecycle>().Start(); });
         // Needs the application's window, which only the calling thread can reach.
         runtime.Get<velmora::DeviceContext>().GetResolution();
@@ -20,14 +18,11 @@ void Config::CollectLifecycleData() {
 }
 
 void Config::PauseCollectingLifecycleData() {
-    velmora::Guard([] {
-        auto& runtime = Runtime::Process();
-        runtime.GeneralQueue().Post([&runtime] { runtime.Get<velmora::Lifecycle>().Pause(); });
-    });
+    velmora::Post([](Runtime& runtime) { runtime.Get<velmora::Lifecycle>().Pause(); });
 }
 
 double Config::GetLifetimeValue() {
-    return velmora::Guard(0.0, [] { return Runtime::Process().Get<velmora::LifetimeValue>().GetLifetimeValueAsDouble(); });
+    return velmora::Call(0.0, [](Runtime& runtime) { return velmora::StoredLifetimeValue(runtime.Settings()); });
 }
 
 }  // namespace Velmora

@@ -1,6 +1,6 @@
 #include "api/guard.h"
 
-#include "core/runtime.h"
+#include <cstdio>
 
 namespace velmora {
 
@@ -10,6 +10,13 @@ void ReportEscapedError(const char* what) noexcept {
     } catch (...) {
         std::fprintf(stderr, "Velmora Error:Config - Unexpected error (%s)\n", what);
     }
+}
+
+Runtime* OpenRuntime() {
+    Runtime& runtime = Runtime::Process();
+    if (!runtime.Closed()) return &runtime;
+    if (runtime.FirstIgnoredCall()) runtime.Log().Warning("Config - Call ignored: the library has been shut down");
+    return nullptr;
 }
 
 }  // namespace velmora

@@ -1,7 +1,6 @@
 #include <velmora/Host.h>
 
 #include "api/guard.h"
-#include "core/runtime.h"
 
 namespace Velmora {
 
@@ -10,7 +9,11 @@ bool Host::Configure(HostOptions options) {
 }
 
 bool Host::Flush(std::chrono::milliseconds timeout) {
-    return velmora::Guard(false, [&] { return velmora::Runtime::Process().Flush(timeout); });
+    return velmora::Call(false, [&](velmora::Runtime& runtime) { return runtime.Flush(timeout); });
+}
+
+bool Host::Shutdown(std::chrono::milliseconds timeout) {
+    return velmora::Call(false, [&](velmora::Runtime& runtime) { return runtime.Shutdown(timeout, /*deliver=*/true); });
 }
 
 }  // namespace Velmora

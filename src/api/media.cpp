@@ -2,7 +2,6 @@
 
 #include "analytics/values.h"
 #include "api/guard.h"
-#include "core/runtime.h"
 #include "media/media_module.h"
 
 namespace Velmora {
@@ -12,11 +11,12 @@ using velmora::Runtime;
 
 namespace {
 
-// Arguments are copied into the closure: the work runs later, on the media queue.
+// Arguments are copied into the closure: the work runs later, on the media queue, reached through
+// the general queue so that the module and its configuration are made there.
 template <class Work>
 void PostToMedia(Work work) {
-    velmora::Guard([&work] {
-        auto& media = Runtime::Process().Get<MediaModule>();
+    velmora::Post([work = std::move(work)](Runtime& runtime) mutable {
+        auto& media = runtime.Get<MediaModule>();
         media.Queue().Post([&media, work = std::move(work)]() mutable { work(media); });
     });
 }
@@ -82,8 +82,8 @@ void Media::Click(const std::string& name, double offset) {
 }
 
 void Media::Track(const std::string& name, const ObjectMap& contextData) {
-    velmora::Guard([&] {
-        auto translated = velmora::TranslateContextData(contextData, Runtime::Process().Log());
+    velmora::Call([&](Runtime& runtime) {
+        auto translated = velmora::TranslateContextData(contextData, runtime.Log());
         PostToMedia([name, translated = std::move(translated)](MediaModule& media) mutable {
             media.Track(name, std::move(translated));
         });

@@ -2,7 +2,6 @@
 
 #include "analytics/values.h"
 #include "api/guard.h"
-#include "core/runtime.h"
 #include "vantor/vantor.h"
 
 namespace Velmora {
@@ -20,18 +19,22 @@ std::string Vantor::SessionKey() { return "mboxSession"; }
 std::string Vantor::HostKey() { return "mboxHost"; }
 
 std::future<std::string> Vantor::LoadRequest(std::shared_ptr<VantorLocationRequest> request) {
-    return velmora::GuardFuture<std::string>([&] {
-        auto& runtime = Runtime::Process();
+    std::optional<velmora::OfferRequest> offer;
+    velmora::Call([&](Runtime& runtime) {
         if (!request) {
             runtime.Log().Debug("Vantor - Attempted to Load a null request, returning empty string");
-            std::promise<std::string> empty;
-            empty.set_value("");
-            return empty.get_future();
+            return;
         }
-        velmora::OfferRequest offer{request->Name, request->DefaultContent,
-                                    velmora::TranslateContextData(request->Parameters, runtime.Log())};
-        return runtime.Get<velmora::Vantor>().LoadRequest(std::move(offer));
+        offer = velmora::OfferRequest{request->Name, request->DefaultContent,
+                                      velmora::TranslateContextData(request->Parameters, runtime.Log())};
     });
+    if (!offer) return velmora::ReadyFuture<std::string>(request ? request->DefaultContent : "");
+    std::string fallback = offer->defaultContent;
+    return velmora::PostForResult<std::string>(
+        std::move(fallback), [offer = std::move(*offer)](Runtime& runtime, auto completion) mutable {
+            auto& vantor = runtime.Get<velmora::Vantor>();
+            velmora::CompleteAfter(vantor.Queue(), vantor.LoadRequest(std::move(offer)), completion);
+        });
 }
 
 std::shared_ptr<VantorLocationRequest> Vantor::CreateRequest(const std::string& name,
@@ -57,15 +60,22 @@ std::shared_ptr<VantorLocationRequest> Vantor::CreateOrderConfirmRequest(const s
 }
 
 void Vantor::ClearCookies() {
-    velmora::Guard([] { Runtime::Process().Get<velmora::Vantor>().ClearCookies(); });
+    velmora::Post([](Runtime& runtime) { runtime.Get<velmora::Vantor>().ClearCookies(); });
 }
 
+// The identifiers are read from storage by the first load; before the module exists there is none.
 std::string Vantor::GetPcId() {
-    return velmora::Guard(std::string(), [] { return Runtime::Process().Get<velmora::Vantor>().GetPcId(); });
+    return velmora::Call(std::string(), [](Runtime& runtime) {
+        auto* vantor = runtime.IfCreated<velmora::Vantor>();
+        return vantor != nullptr ? vantor->GetPcId() : std::string();
+    });
 }
 
 std::string Vantor::GetSessionId() {
-    return velmora::Guard(std::string(), [] { return Runtime::Process().Get<velmora::Vantor>().GetSessionId(); });
+    return velmora::Call(std::string(), [](Runtime& runtime) {
+        auto* vantor = runtime.IfCreated<velmora::Vantor>();
+        return vantor != nullptr ? vantor->GetSessionId() : std::string();
+    });
 }
 
 }  // namespace Velmora

@@ -55,8 +55,8 @@ std::unique_ptr<CohortaClient> CohortaClient::Create(Runtime& runtime) {
                                            runtime.Get<HttpClient>(), runtime.Log());
 }
 
-std::optional<StringMap> CohortaClient::GetVisitorProfile() {
-    auto stored = settings_.Lookup(kCohortaProfileKey);
+std::optional<StringMap> CohortaClient::GetVisitorProfile(SettingsStore& settings) {
+    auto stored = settings.Lookup(kCohortaProfileKey);
     if (stored && std::holds_alternative<StringMap>(*stored)) return std::get<StringMap>(*stored);
     return std::nullopt;
 }

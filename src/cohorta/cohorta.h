@@ -50,13 +50,15 @@ public:
     bool Flush(std::chrono::milliseconds timeout) override { return queue_.Drain(timeout); }
     void Shutdown() override { queue_.Shutdown(); }
 
-    // The stored profile; nullopt when none is stored.
-    std::optional<StringMap> GetVisitorProfile();
+    // The stored profile; nullopt when none is stored. Reads only the settings, so it needs no
+    // module (and no configuration).
+    static std::optional<StringMap> GetVisitorProfile(SettingsStore& settings);
     std::string GetDpid() const;
     std::string GetDpuuid() const;
     void SetDpidAndDpuuid(std::string dpid, std::string dpuuid);
     // Completes with the new profile, or nullopt on any failure or an answer without segments.
     std::future<std::optional<StringMap>> SubmitSignal(StringMap traits);
+    SerialQueue& Queue() { return queue_; }
 
 private:
     // The request URL for `traits` with the identifiers known now.

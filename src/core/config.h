@@ -84,6 +84,7 @@ public:
     virtual ~HitQueueControl() = default;
     virtual void ClearQueue() = 0;   // opt-out: empty the queue and its file
     virtual void StartSender() = 0;  // send trigger: applies the start rule
+    virtual std::size_t QueuedHits() const = 0;
 };
 
 // The run-time change of the privacy status, with its deliberate order: the value reaches memory

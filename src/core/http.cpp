@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 namespace velmora {
@@ -143,28 +144,41 @@ const char* DescribeHResult(std::int64_t code) {
     }
 }
 
-// Idle easy handles. Each keeps its own connection cache, DNS cache and TLS sessions, so a request
-// that takes the handle the previous one gave back reuses that request's connection.
+// Idle transfer handles. Each easy handle runs inside a multi handle of its own, which keeps the
+// connection cache, so a request that takes the pair the previous one gave back reuses that
+// request's connection; the multi handle also lets Abort wake a transfer that is waiting.
 struct HttpClient::Shared {
+    struct Handle {
+        CURL* easy = nullptr;
+        CURLM* multi = nullptr;
+    };
+
     Slist connectTo;
     std::mutex mutex;
-    std::vector<CURL*> idle;
+    std::vector<Handle> idle;
+    std::vector<CURLM*> active;
+    bool aborted = false;
 
-    CURL* Take() {
+    // Null once aborted: no new request starts.
+    std::optional<Handle> Take() {
         {
             std::lock_guard lock(mutex);
+            if (aborted) return std::nullopt;
             if (!idle.empty()) {
-                CURL* handle = idle.back();
+                Handle handle = idle.back();
                 idle.pop_back();
                 return handle;
             }
         }
-        CURL* handle = curl_easy_init();
-        if (handle == nullptr) throw std::bad_alloc();
+        Handle handle{curl_easy_init(), curl_multi_init()};
+        if (handle.easy == nullptr || handle.multi == nullptr) {
+            Close(handle);
+            throw std::bad_alloc();
+        }
         return handle;
     }
 
-    void Give(CURL* handle) {
+    void Give(Handle handle) {
         {
             std::lock_guard lock(mutex);
             if (idle.size() < kMaxIdleHandles) {
@@ -172,9 +186,61 @@ struct HttpClient::Shared {
                 return;
             }
         }
-        curl_easy_cleanup(handle);
+        Close(handle);
+    }
+
+    // False when the client was aborted before the transfer could be registered.
+    bool Register(CURLM* multi) {
+        std::lock_guard lock(mutex);
+        if (aborted) return false;
+        active.push_back(multi);
+        return true;
+    }
+    void Unregister(CURLM* multi) {
+        std::lock_guard lock(mutex);
+        active.erase(std::remove(active.begin(), active.end(), multi), active.end());
+    }
+    bool Aborted() {
+        std::lock_guard lock(mutex);
+        return aborted;
+    }
+
+    static void Close(Handle handle) {
+        if (handle.multi != nullptr) curl_multi_cleanup(handle.multi);
+        if (handle.easy != nullptr) curl_easy_cleanup(handle.easy);
     }
 };
+
+namespace {
+
+// curl_easy_perform, but on the handle's multi handle so that HttpClient::Abort can end the wait.
+CURLcode RunTransfer(HttpClient::Shared& shared, const HttpClient::Shared::Handle& handle) {
+    if (curl_multi_add_handle(handle.multi, handle.easy) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
+    CURLcode code = CURLE_ABORTED_BY_CALLBACK;
+    if (shared.Register(handle.multi)) {
+        for (;;) {
+            int running = 0;
+            if (curl_multi_perform(handle.multi, &running) != CURLM_OK) {
+                code = CURLE_OUT_OF_MEMORY;
+                break;
+            }
+            if (running == 0) {
+                int left = 0;
+                while (CURLMsg* message = curl_multi_info_read(handle.multi, &left)) {
+                    if (message->msg == CURLMSG_DONE) code = message->data.result;
+                }
+                break;
+            }
+            if (shared.Aborted()) break;
+            curl_multi_poll(handle.multi, nullptr, 0, 1000, nullptr);
+        }
+        shared.Unregister(handle.multi);
+    }
+    curl_multi_remove_handle(handle.multi, handle.easy);
+    return code;
+}
+
+}  // namespace
 
 HttpClient::HttpClient(const Logger& log, std::vector<std::string> connectTo)
     : log_(log), shared_(std::make_unique<Shared>()) {
@@ -183,11 +249,20 @@ HttpClient::HttpClient(const Logger& log, std::vector<std::string> connectTo)
 }
 
 HttpClient::~HttpClient() {
-    for (CURL* handle : shared_->idle) curl_easy_cleanup(handle);
+    for (const auto& handle : shared_->idle) Shared::Close(handle);
+}
+
+void HttpClient::Abort() {
+    std::lock_guard lock(shared_->mutex);
+    shared_->aborted = true;
+    for (CURLM* multi : shared_->active) curl_multi_wakeup(multi);
 }
 
 std::unique_ptr<HttpClient> HttpClient::Create(Runtime& runtime) {
-    return std::make_unique<HttpClient>(runtime.Log(), runtime.Host().connectTo);
+    auto client = std::make_unique<HttpClient>(runtime.Log(), runtime.Host().connectTo);
+    // The TLS library registered its clean-up at exit just now; saving at exit must come first.
+    Runtime::ArmExitHandler();
+    return client;
 }
 
 struct RequestHandler::Result {
@@ -219,7 +294,9 @@ RequestHandler::Result RequestHandler::Perform(bool wantBody) {
     }
     char error[CURL_ERROR_SIZE] = {};
 
-    CURL* curl = shared.Take();
+    const auto handle = shared.Take();
+    if (!handle) throw TransportError(kConnectionAborted, DescribeHResult(kConnectionAborted));
+    CURL* curl = handle->easy;
     curl_easy_reset(curl);
     curl_easy_setopt(curl, CURLOPT_URL, uri_.c_str());
     curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
@@ -239,13 +316,13 @@ RequestHandler::Result RequestHandler::Perform(bool wantBody) {
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, &transfer);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
 
-    const CURLcode code = curl_easy_perform(curl);
+    const CURLcode code = RunTransfer(shared, *handle);
     long status = 0;
     if (code == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     // The handle must not keep pointers into this frame once it is back in the pool.
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);
-    shared.Give(curl);
+    shared.Give(*handle);
 
     responseCookies_ = std::move(transfer.cookies);
     Result result;
@@ -260,7 +337,9 @@ RequestHandler::Result RequestHandler::Perform(bool wantBody) {
         // Failures of the table carry its message; the rest carry curl's own account of them.
         std::string message = description;
         if (mapped >= kUnmappedCurlBase) message = error[0] != '\0' ? error : curl_easy_strerror(code);
-        throw TransportError(mapped, message);
+        const bool refused = code == CURLE_URL_MALFORMAT || code == CURLE_UNSUPPORTED_PROTOCOL ||
+                             code == CURLE_BAD_FUNCTION_ARGUMENT;
+        throw TransportError(mapped, message, refused);
     }
     result.status = static_cast<std::int32_t>(status);
     result.body = std::move(transfer.body);

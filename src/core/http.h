@@ -16,11 +16,16 @@ namespace velmora {
 // DescribeHResult gives the message of the request service's table.
 class TransportError : public std::runtime_error {
 public:
-    TransportError(std::int64_t code, const std::string& message) : std::runtime_error(message), code_(code) {}
+    TransportError(std::int64_t code, const std::string& message, bool refused = false)
+        : std::runtime_error(message), code_(code), refused_(refused) {}
     std::int64_t Code() const { return code_; }
+    // The request was never attempted: the transport refused the URL itself (malformed, too long,
+    // an unsupported scheme). Sending it again cannot succeed.
+    bool Refused() const { return refused_; }
 
 private:
     std::int64_t code_;
+    bool refused_;
 };
 
 // The message of the request service's table for a result code; "Unknown COMException" otherwise.
@@ -34,6 +39,10 @@ public:
     ~HttpClient() override;
     static std::unique_ptr<HttpClient> Create(Runtime& runtime);
     int Stage() const override { return kStageServices; }
+
+    // Ends the requests in flight at once (they fail as aborted connections) and makes every later
+    // request fail the same way: the end of the process must not wait out a server's time-out.
+    void Abort();
 
     struct Shared;
     Shared& shared() { return *shared_; }

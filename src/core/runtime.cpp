@@ -1,6 +1,9 @@
 #include "core/runtime.h"
 
+#include "core/http.h"
+
 #include <algorithm>
+#include <cstdlib>
 #include <mutex>
 
 namespace velmora {
@@ -18,6 +21,14 @@ ProcessState& State() {
     return *state;
 }
 
+void OnProcessExit() {
+    static std::atomic<bool> ran{false};
+    if (ran.exchange(true)) return;
+    if (Runtime* runtime = State().instance.load(std::memory_order_acquire)) {
+        runtime->Shutdown(Runtime::kExitBound, /*deliver=*/false);
+    }
+}
+
 }  // namespace
 
 Runtime::Runtime(HostOptions options, std::shared_ptr<Clock> clock)
@@ -25,7 +36,8 @@ Runtime::Runtime(HostOptions options, std::shared_ptr<Clock> clock)
       log_(host_.logSink),
       clock_(clock ? std::move(clock) : std::make_shared<SystemClock>()) {}
 
-Runtime::~Runtime() { Shutdown(); }
+// A test's runtime: whatever is in flight is ended rather than waited for.
+Runtime::~Runtime() { Shutdown(std::chrono::seconds(30), /*deliver=*/false); }
 
 Runtime& Runtime::Process() {
     auto& state = State();
@@ -36,9 +48,12 @@ Runtime& Runtime::Process() {
     if (runtime == nullptr) {
         runtime = new Runtime(state.pending);
         state.instance.store(runtime, std::memory_order_release);
+        ArmExitHandler();
     }
     return *runtime;
 }
+
+void Runtime::ArmExitHandler() { std::atexit(OnProcessExit); }
 
 bool Runtime::ConfigureProcess(HostOptions options) {
     auto& state = State();
@@ -139,15 +154,33 @@ bool Runtime::Flush(std::chrono::milliseconds timeout) {
     return done;
 }
 
-void Runtime::Shutdown() {
+bool Runtime::Shutdown(std::chrono::milliseconds timeout, bool deliver) {
     {
         std::lock_guard creating(creating_);
-        if (shutDown_) return;
+        if (shutDown_) return false;
         shutDown_ = true;
     }
+    closed_ = true;
+    const auto start = std::chrono::steady_clock::now();
+    const auto deadline = start + timeout;
+    auto left = [&] {
+        return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()),
+                        std::chrono::milliseconds(0));
+    };
+    // Delivering gets most of the time; the rest is for saving and for the hit in flight.
+    if (deliver) Flush(timeout - std::min(timeout / 4, std::chrono::milliseconds(250)));
+
+    auto modules = ModulesByStage();
+    for (RuntimeModule* module : modules) module->BeginShutdown();
+    Flush(left());  // what was tracked reaches the hit queue and its file
+    for (RuntimeModule* module : modules) module->WaitUntilIdle(deadline);
+    if (auto* http = IfCreated<HttpClient>()) http->Abort();
+
     // Upstream first: each stage may still post to the ones after it.
     if (auto* queue = general_.IfCreated()) queue->Shutdown();
     for (RuntimeModule* module : ModulesByStage()) module->Shutdown();
+    auto* hits = hitQueueControl_.load();
+    return hits == nullptr || hits->QueuedHits() == 0;
 }
 
 }  // namespace velmora

@@ -32,6 +32,10 @@ public:
     // True when everything posted before the call has run within `timeout` (and, for the hit
     // queue, the sender is idle with nothing left queued).
     virtual bool Flush(std::chrono::milliseconds /*timeout*/) { return true; }
+    // The first step of the end: start no new outward work (the sender sends no further hit).
+    virtual void BeginShutdown() {}
+    // True when no outward work is in flight by `deadline`.
+    virtual bool WaitUntilIdle(std::chrono::steady_clock::time_point /*deadline*/) { return true; }
     // Runs what was posted, then stops and joins the module's threads.
     virtual void Shutdown() {}
 };
@@ -57,6 +61,12 @@ public:
     static Runtime& Process();
     // Host::Configure: stores the options for the process-wide instance; false once it exists.
     static bool ConfigureProcess(HostOptions options);
+    // Makes a normal end of the process (return from main, exit()) save what was tracked. Each call
+    // registers the handler again, which makes it run before the exit handlers registered so far
+    // (the TLS library's among them); only its first run does anything.
+    static void ArmExitHandler();
+    // How long the end of the process may take, with an unreachable server included.
+    static constexpr std::chrono::milliseconds kExitBound{250};
 
     const HostOptions& Host() const { return host_; }
     const Logger& Log() const { return log_; }
@@ -90,7 +100,14 @@ public:
     // Waits until every queue has run what was posted before the call and the sender is idle.
     bool Flush(std::chrono::milliseconds timeout);
 
-    void Shutdown();
+    // Within `timeout`: delivers what the start rule allows (when `deliver`), lets what was tracked
+    // reach the hit queue file, gives the hit in flight the rest of the time for its answer, then
+    // ends every request and stops every thread. True when no hit is left queued. Only the first
+    // call does anything.
+    bool Shutdown(std::chrono::milliseconds timeout, bool deliver);
+    // After Shutdown: public calls are ignored.
+    bool Closed() const { return closed_.load(); }
+    bool FirstIgnoredCall() { return !warnedClosed_.exchange(true); }
 
 private:
     void EnsureLocalDirectory();
@@ -115,6 +132,8 @@ private:
     std::vector<std::unique_ptr<RuntimeModule>> owned_;  // creation order
     std::atomic<HitQueueControl*> hitQueueControl_{nullptr};
     bool shutDown_ = false;
+    std::atomic<bool> closed_{false};
+    std::atomic<bool> warnedClosed_{false};
 };
 
 }  // namespace velmora

@@ -35,8 +35,10 @@ float LifetimeValue::GetLifetimeValue() {
     return text ? ParseNumber<float>(*text) : 0.0f;
 }
 
-double LifetimeValue::GetLifetimeValueAsDouble() {
-    auto text = LookupText(settings_, kLifetimeValueKey);
+double LifetimeValue::GetLifetimeValueAsDouble() { return StoredLifetimeValue(settings_); }
+
+double StoredLifetimeValue(SettingsStore& settings) {
+    auto text = LookupText(settings, kLifetimeValueKey);
     return text ? ParseNumber<double>(*text) : 0.0;
 }
 

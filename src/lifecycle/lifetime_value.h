@@ -37,6 +37,10 @@ private:
     const Logger& log_;
 };
 
+// The stored total read in double precision, as the public getter reports it; 0 when none is
+// stored. Reads only the settings, so the getter needs no module (and no configuration).
+double StoredLifetimeValue(SettingsStore& settings);
+
 // "%.2f" of `value`, independent of the process's locale.
 std::string FormatTwoDecimals(double value);
 

@@ -53,6 +53,7 @@ public:
     void End(const std::string& name);
     // Answers once the query reaches the queue, after everything posted before it.
     std::future<bool> Exists(const std::string& name);
+    SerialQueue& Queue() { return queue_; }
     // Moves every running action's in-app start forward by a pause of `seconds`.
     void Shift(std::int32_t seconds);
 

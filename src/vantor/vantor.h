@@ -46,6 +46,7 @@ public:
     // Completes with the content, or the default content; never fails.
     std::future<std::string> LoadRequest(OfferRequest request);
     void ClearCookies();
+    SerialQueue& Queue() { return queue_; }
     std::string GetPcId() const;
     std::string GetSessionId() const;
 

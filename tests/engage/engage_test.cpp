@@ -304,7 +304,7 @@ TEST_F(Application, AudienceRequestsAreBuiltInTheirFixedOrderAndFailuresLeaveThe
         EXPECT_THAT(env.log.Lines(), Contains("Velmora Debug:Cohorta - request (http://" + host + target + ")"));
         EXPECT_THAT(env.log.Lines(), Contains(StartsWith(row.line)));
         EXPECT_EQ(LookupText(Settings(), kCohortaUserIdKey), row.userId);
-        EXPECT_EQ(Cohorta().GetVisitorProfile(), (StringMap{{"old", "1"}}));
+        EXPECT_EQ(Cohorta().GetVisitorProfile(Settings()), (StringMap{{"old", "1"}}));
         EXPECT_EQ(Cohorta().GetDpid() + "/" + Cohorta().GetDpuuid(), row.dpid + "/" + row.dpuuid);
     }
 }
@@ -323,7 +323,7 @@ TEST_F(Application, TheAudienceAnswerIsKeptAcrossProcessesAndItsDestinationsCall
                                 "specified in the uri parameter could not be established.)"));
     EXPECT_THAT(lines, Contains("Velmora Debug:Cohorta - response {\n    age = 30\n    flag = \n    seg = gold\n}"));
     Launch();
-    EXPECT_EQ(Cohorta().GetVisitorProfile(), profile);
+    EXPECT_EQ(Cohorta().GetVisitorProfile(Settings()), profile);
     // The user id is written only when it changes: a value put behind the module's back stays.
     Cohorta().SubmitSignal({}).get();
     Settings().Insert(kCohortaUserIdKey, std::string("ELSEWHERE"));

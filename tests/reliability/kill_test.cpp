@@ -141,7 +141,7 @@ void ReloadHits(const TempDir& package, const TempDir& local, const std::vector<
     LogCapture log;
     Runtime runtime(Options(package, local, log), std::make_shared<ManualClock>());
     EXPECT_EQ(runtime.Get<HitQueue>().SizeAfterPendingWork().get(), names.size());
-    runtime.Shutdown();
+    runtime.Shutdown(std::chrono::seconds(10), false);
     ExpectNoErrors(log);
 }
 
@@ -154,7 +154,7 @@ void ReloadTimedActions(const TempDir& package, const TempDir& local, const std:
         EXPECT_TRUE(store.Exists(names.back()).get());
     }
     EXPECT_FALSE(store.Exists("r999n999999").get());
-    runtime.Shutdown();
+    runtime.Shutdown(std::chrono::seconds(10), false);
     ExpectNoErrors(log);
 }
 
