@@ -1,5 +1,6 @@
 #include <velmora/Host.h>
 
+#include "analytics/hit_queue.h"
 #include "api/guard.h"
 
 namespace Velmora {
@@ -8,12 +9,28 @@ bool Host::Configure(HostOptions options) {
     return velmora::Guard(false, [&] { return velmora::Runtime::ConfigureProcess(std::move(options)); });
 }
 
+namespace {
+
+// The hit queue, made on the general queue, loads the hits an earlier run left, so that a flush
+// can start the sender for them.
+void LoadLeftHits(velmora::Runtime& runtime) {
+    runtime.GeneralQueue().Post([&runtime] { runtime.Get<velmora::HitQueue>(); });
+}
+
+}  // namespace
+
 bool Host::Flush(std::chrono::milliseconds timeout) {
-    return velmora::Call(false, [&](velmora::Runtime& runtime) { return runtime.Flush(timeout); });
+    return velmora::Call(false, [&](velmora::Runtime& runtime) {
+        LoadLeftHits(runtime);
+        return runtime.Flush(timeout);
+    });
 }
 
 bool Host::Shutdown(std::chrono::milliseconds timeout) {
-    return velmora::Call(false, [&](velmora::Runtime& runtime) { return runtime.Shutdown(timeout, /*deliver=*/true); });
+    return velmora::Call(false, [&](velmora::Runtime& runtime) {
+        LoadLeftHits(runtime);
+        return runtime.Shutdown(timeout, /*deliver=*/true);
+    });
 }
 
 }  // namespace Velmora

@@ -8,6 +8,7 @@
 #include <spawn.h>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -74,6 +75,22 @@ bool ChildProcess::Kill() {
     }
     pid_ = -1;
     return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
+int ChildProcess::Wait(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (pid_ > 0) {
+        int status = 0;
+        const pid_t done = ::waitpid(pid_, &status, WNOHANG);
+        if (done == pid_) {
+            pid_ = -1;
+            return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        }
+        if (std::chrono::steady_clock::now() >= deadline) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    Kill();
+    return -1;
 }
 
 std::string ChildProcess::ErrorOutput() const {

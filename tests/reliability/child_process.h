@@ -22,6 +22,8 @@ public:
     bool ReadLine(std::string& line, std::chrono::milliseconds limit);
     // SIGKILL; true when the program was still running and died of it.
     bool Kill();
+    // The exit status once the program ended within `limit`; otherwise it is killed and -1 returned.
+    int Wait(std::chrono::milliseconds limit);
     std::string ErrorOutput() const;
 
 private:
