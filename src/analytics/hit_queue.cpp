@@ -532,7 +532,7 @@ bool HitQueue::Flush(std::chrono::milliseconds timeout) {
     bool idle;
     {
         std::unique_lock lock(senderMutex_);
-        idle = idleCv_.wait_until(lock, deadline, [this] { return (!running_ || coolingDown_) && !runRequested_; });
+        idle = idleCv_.wait_until(lock, deadline, [this] { return (!running_ && !runRequested_) || coolingDown_; });
     }
     return idle && Size() == 0;
 }

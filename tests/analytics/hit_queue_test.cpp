@@ -177,11 +177,36 @@ TEST_F(AnalyticsTest, ATransportFailureKeepsTheHitEvenWithoutOfflineTracking) {
         Track({"S1"});
         ASSERT_TRUE(env->clock->AwaitSleepers(1)) << port;
         EXPECT_TRUE(env->log.Contains("Velmora Debug:Analytics - Unable to send hit, attempting to recover"));
-        // Flush does not wait out the cooldown: the run ends and the hit stays queued and saved.
+        // Flush does not wait out the cooldown, and does not cancel it: the hit stays queued and
+        // saved, and the run goes on when the cooldown is over (where, without offline tracking,
+        // the hit is now too old and dropped).
         EXPECT_FALSE(queue().Flush(kWait));
         EXPECT_EQ(QueueSize(), 1u);
         EXPECT_EQ(Pages(FileHits()), Strings{"S1"});
+        EXPECT_TRUE(WaitUntil([this] {  // time goes by until the cooldown is over
+            env->clock->Advance(std::chrono::seconds(1));
+            return File() == R"({"Hits":[]})";
+        })) << port;
     }
+}
+
+TEST_F(AnalyticsTest, HitsThatCanNeverBeSentDoNotHoldUpTheOthers) {
+    Start(AnalyticsConfig(server.Address(), true, 0));
+    // An earlier run left a hit the transport refuses; this one makes a hit too long to queue.
+    env->runtime.reset();
+    env->local.Write(HitQueue::kFileName, "{\"Hits\":[{\"T\":1,\"H\":\"s1?AQB=1&ndh=1&pageName=a\\u0001b&AQE=1\"}]}");
+    Restart();
+    tracker().GatedTrackState("Long", {{"k", std::string(HitQueue::kMaxUrlBytes, 'x')}});
+    Track({"S1"});
+    ASSERT_TRUE(server.WaitForRequests(1));
+    EXPECT_TRUE(queue().Flush(kWait));
+    EXPECT_EQ(Pages(server.Hits()), Strings{"S1"});
+    EXPECT_EQ(env->log.Count("Velmora Debug:Analytics - Invalid hit (removed)"), 1u);
+    const auto lines = env->log.Lines();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+                  return line.rfind("Velmora Error:Analytics - Unable to queue hit (the request URL would be ", 0) == 0;
+              }),
+              1);
 }
 
 TEST_F(AnalyticsTest, UnknownHoldsOptInSendsOptOutEmptiesQueueAndFile) {
