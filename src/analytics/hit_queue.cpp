@@ -189,7 +189,9 @@ HitQueue::HitQueue(const Logger& log, Clock& clock, const ConfigSettings& config
       host_(host),
       http_(http),
       device_(device),
+      watch_(std::make_shared<ConnectionWatch>()),
       work_("Analytics", log) {
+    watch_->owner = this;
     work_.Post([this] { Load(); });
 }
 
@@ -387,7 +389,11 @@ void HitQueue::SenderLoop() {
 
 void HitQueue::Run() {
     for (;;) {
-        if (stopping_ || config_.Privacy() != kPrivacyOptIn || !InternetAvailable(host_)) break;
+        if (stopping_ || config_.Privacy() != kPrivacyOptIn) break;
+        if (!InternetAvailable(host_)) {
+            WatchForConnection();
+            break;
+        }
         QueuedHit hit;
         std::uint64_t clearGeneration = 0;
         if (!TakeFront(hit, clearGeneration)) break;
@@ -521,6 +527,21 @@ bool HitQueue::Cooldown() {
     return finished;
 }
 
+// Nothing else would start the sender again once the connection is back: the queued hits would
+// wait for the next tracking call. The check is cheap and runs on the clock's timer thread; the
+// watch is shared with the timer so that a tick never outlives the queue.
+void HitQueue::WatchForConnection() {
+    std::lock_guard lock(watch_->mutex);
+    if (watch_->owner == nullptr || watch_->timer) return;
+    watch_->timer = clock_.Every(kConnectionCheckInterval, [watch = watch_] {
+        std::lock_guard ticking(watch->mutex);
+        if (watch->owner == nullptr || !watch->timer || !InternetAvailable(watch->owner->host_)) return;
+        watch->timer->Cancel();
+        watch->timer.reset();
+        watch->owner->StartSender();
+    });
+}
+
 // ---------------------------------------------------------------- flush and shutdown
 
 bool HitQueue::Flush(std::chrono::milliseconds timeout) {
@@ -542,6 +563,12 @@ void HitQueue::BeginShutdown() {
         std::lock_guard lock(senderMutex_);
         stopping_ = true;
         runRequested_ = false;
+    }
+    {
+        std::lock_guard lock(watch_->mutex);  // waits for a check that is running
+        watch_->owner = nullptr;
+        if (watch_->timer) watch_->timer->Cancel();
+        watch_->timer.reset();
     }
     senderCv_.notify_all();
     waker_.Wake();

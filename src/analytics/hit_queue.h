@@ -57,6 +57,8 @@ public:
     static constexpr int kCooldownSeconds = 30;
     static constexpr std::int32_t kRequestTimeoutMillis = 5000;
     static constexpr std::chrono::milliseconds kSaveInterval{100};
+    // How often a sender that stopped for lack of a connection looks whether it is back.
+    static constexpr std::chrono::milliseconds kConnectionCheckInterval{2000};
     // Longest request URL (base URL and hit) that is queued. Common servers refuse longer request
     // lines, and a hit that can never be delivered must not hold up the ones behind it.
     static constexpr std::size_t kMaxUrlBytes = 64 * 1024;
@@ -104,6 +106,7 @@ private:
     void PutBack(QueuedHit hit, std::uint64_t clearGeneration);
     void Removed();  // the sender dropped or delivered the hit in flight
     bool Cooldown();
+    void WatchForConnection();
     // The outcome of one attempt: whether to put the hit back and wait out a cooldown.
     bool Send(QueuedHit& hit);
 
@@ -145,6 +148,14 @@ private:
     std::optional<std::string> baseUrl_;      // sender thread only, built on first send
     std::size_t baseUrlBytes_ = 0;            // work queue only, set by Load
     std::uint64_t senderChanges_ = 0;         // sender thread only: `changes_` after its last change
+
+    // While the sender waits for a connection: the timer that looks for it.
+    struct ConnectionWatch {
+        std::mutex mutex;
+        HitQueue* owner = nullptr;  // null once sending has ended
+        std::shared_ptr<Timer> timer;
+    };
+    std::shared_ptr<ConnectionWatch> watch_;
 
     SerialQueue work_;  // last: it is the first to stop
 };

@@ -190,6 +190,17 @@ TEST_F(AnalyticsTest, ATransportFailureKeepsTheHitEvenWithoutOfflineTracking) {
     }
 }
 
+TEST_F(AnalyticsTest, QueuedHitsGoOutWhenTheConnectionComesBackWithoutANewHit) {
+    online = false;
+    Start(AnalyticsConfig(server.Address(), true, 0));
+    Track({"S1"});
+    EXPECT_FALSE(queue().Flush(kWait));
+    online = true;
+    env->clock->Advance(HitQueue::kConnectionCheckInterval);
+    ASSERT_TRUE(server.WaitForRequests(1));
+    EXPECT_EQ(Pages(server.Hits()), Strings{"S1"});
+}
+
 TEST_F(AnalyticsTest, HitsThatCanNeverBeSentDoNotHoldUpTheOthers) {
     Start(AnalyticsConfig(server.Address(), true, 0));
     // An earlier run left a hit the transport refuses; this one makes a hit too long to queue.
