@@ -194,6 +194,7 @@ TEST_F(AnalyticsTest, QueuedHitsGoOutWhenTheConnectionComesBackWithoutANewHit) {
     online = false;
     Start(AnalyticsConfig(server.Address(), true, 0));
     Track({"S1"});
+    EXPECT_EQ(QueueSize(), 1u);
     EXPECT_FALSE(queue().Flush(kWait));
     online = true;
     env->clock->Advance(HitQueue::kConnectionCheckInterval);
