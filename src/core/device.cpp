@@ -49,19 +49,21 @@ std::string AidFromAnswer(const std::string& body) {
 }
 
 DeviceContext::DeviceContext(const HostOptions& host, std::function<const ConfigSettings&()> config,
-                             std::function<SettingsStore&()> settings, HttpClient& http, const Logger& log)
-    : host_(host), config_(std::move(config)), settings_(std::move(settings)), http_(http), log_(log) {}
+                             std::function<SettingsStore&()> settings, std::function<HttpClient&()> http,
+                             const Logger& log)
+    : host_(host), config_(std::move(config)), settings_(std::move(settings)), http_(std::move(http)), log_(log) {}
 
 DeviceContext::DeviceContext(const HostOptions& host, const ConfigSettings& config, SettingsStore& settings,
                              HttpClient& http, const Logger& log)
     : DeviceContext(
           host, [&config]() -> const ConfigSettings& { return config; },
-          [&settings]() -> SettingsStore& { return settings; }, http, log) {}
+          [&settings]() -> SettingsStore& { return settings; }, [&http]() -> HttpClient& { return http; }, log) {}
 
 std::unique_ptr<DeviceContext> DeviceContext::Create(Runtime& runtime) {
     return std::make_unique<DeviceContext>(
         runtime.Host(), [&runtime]() -> const ConfigSettings& { return runtime.Config(); },
-        [&runtime]() -> SettingsStore& { return runtime.Settings(); }, runtime.Get<HttpClient>(), runtime.Log());
+        [&runtime]() -> SettingsStore& { return runtime.Settings(); },
+        [&runtime]() -> HttpClient& { return runtime.Get<HttpClient>(); }, runtime.Log());
 }
 
 void DeviceContext::LoadDeviceProperties() {
@@ -220,7 +222,7 @@ std::string DeviceContext::ComputeAid() {
 std::string DeviceContext::FetchAid() {
     const std::string url = std::string(config_().ssl ? "https://" : "http://") + config_().server + "/id";
     try {
-        RequestHandler request(http_, url);
+        RequestHandler request(http_(), url);
         request.SetTimeout(kAidTimeoutMilliseconds);
         return AidFromAnswer(request.GetResponseText());
     } catch (const std::exception& e) {
@@ -243,14 +245,19 @@ std::string DeviceContext::GenerateAid() const {
 }
 
 std::string DeviceContext::AidFromGuid(const std::string& guid) const {
+    // Compiled on first use, on a library thread: compiling them costs more than a whole first
+    // call may take on the application's thread. Never destroyed, as threads may outlive statics.
+    static const auto* guidSeparators = new std::regex("[-{}]");
+    static const auto* highHalfSign = new std::regex("^[89A-F]");
+    static const auto* lowHalfVariant = new std::regex("^[4-9A-F]");
     std::string digits = guid;
     for (char& c : digits) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    digits = std::regex_replace(digits, guidSeparators_, "");
+    digits = std::regex_replace(digits, *guidSeparators, "");
     std::string high = digits.substr(0, 16);
     std::string low = digits.size() > 16 ? digits.substr(16) : "";
     // The high half must read as a positive signed 64-bit number, the low half starts with 0 to 3.
-    high = std::regex_replace(high, highHalfSign_, std::to_string(std::rand() % 8));
-    low = std::regex_replace(low, lowHalfVariant_, std::to_string(std::rand() % 4));
+    high = std::regex_replace(high, *highHalfSign, std::to_string(std::rand() % 8));
+    low = std::regex_replace(low, *lowHalfVariant, std::to_string(std::rand() % 4));
     return high + "-" + low;
 }
 

@@ -27,10 +27,10 @@ std::string AidFromAnswer(const std::string& body);
 // Each value is computed once, on first use, and then served from memory.
 class DeviceContext : public RuntimeModule {
 public:
-    // The configuration and the settings store are reached only when a value needs them, so that
-    // reading the resolution on the application's thread never loads a file.
+    // The configuration, the settings store and the HTTP client are reached only when a value
+    // needs them, so that reading the resolution on the application's thread never loads a file.
     DeviceContext(const HostOptions& host, std::function<const ConfigSettings&()> config,
-                  std::function<SettingsStore&()> settings, HttpClient& http, const Logger& log);
+                  std::function<SettingsStore&()> settings, std::function<HttpClient&()> http, const Logger& log);
     DeviceContext(const HostOptions& host, const ConfigSettings& config, SettingsStore& settings,
                   HttpClient& http, const Logger& log);
     static std::unique_ptr<DeviceContext> Create(Runtime& runtime);
@@ -75,7 +75,7 @@ private:
     const HostOptions& host_;
     std::function<const ConfigSettings&()> config_;
     std::function<SettingsStore&()> settings_;
-    HttpClient& http_;
+    std::function<HttpClient&()> http_;
     const Logger& log_;
     std::filesystem::path systemInfoDirectory_ = "/sys/class/dmi/id";
 
@@ -108,9 +108,6 @@ private:
     std::mutex visitorMutex_;
     std::string visitorId_;
 
-    const std::regex guidSeparators_{"[-{}]"};
-    const std::regex highHalfSign_{"^[89A-F]"};
-    const std::regex lowHalfVariant_{"^[4-9A-F]"};
 };
 
 }  // namespace velmora
