@@ -1,6 +1,7 @@
 #include "core/http.h"
 
 #include <curl/curl.h>
+#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <cctype>
@@ -52,7 +53,12 @@ std::int64_t MapCurlCode(CURLcode code) {
 void InitCurlOnce() {
     // Trivially destructible, so safe for threads that outlive static destruction.
     static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    std::call_once(once, [] {
+        // Without this, the TLS library frees itself in an exit handler of its own, which may run
+        // while a library thread is still starting it or sending, and crash the ending process.
+        OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+    });
 }
 
 std::string Trim(std::string text) {
@@ -259,10 +265,7 @@ void HttpClient::Abort() {
 }
 
 std::unique_ptr<HttpClient> HttpClient::Create(Runtime& runtime) {
-    auto client = std::make_unique<HttpClient>(runtime.Log(), runtime.Host().connectTo);
-    // The TLS library registered its clean-up at exit just now; saving at exit must come first.
-    Runtime::ArmExitHandler();
-    return client;
+    return std::make_unique<HttpClient>(runtime.Log(), runtime.Host().connectTo);
 }
 
 struct RequestHandler::Result {

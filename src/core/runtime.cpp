@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <future>
 #include <mutex>
 
 namespace velmora {
@@ -37,7 +38,10 @@ Runtime::Runtime(HostOptions options, std::shared_ptr<Clock> clock)
       clock_(clock ? std::move(clock) : std::make_shared<SystemClock>()) {}
 
 // A test's runtime: whatever is in flight is ended rather than waited for.
-Runtime::~Runtime() { Shutdown(std::chrono::seconds(30), /*deliver=*/false); }
+Runtime::~Runtime() {
+    Stop(std::chrono::seconds(30), /*deliver=*/false, /*bounded=*/false);
+    if (stopper_.joinable()) stopper_.join();
+}
 
 Runtime& Runtime::Process() {
     auto& state = State();
@@ -155,11 +159,13 @@ bool Runtime::Flush(std::chrono::milliseconds timeout) {
 }
 
 bool Runtime::Shutdown(std::chrono::milliseconds timeout, bool deliver) {
-    {
-        std::lock_guard creating(creating_);
-        if (shutDown_) return false;
-        shutDown_ = true;
-    }
+    return Stop(timeout, deliver, /*bounded=*/true);
+}
+
+bool Runtime::Stop(std::chrono::milliseconds timeout, bool deliver, bool bounded) {
+    // Not under the creation lock: a module being made may be stuck (a hung file system, or a TLS
+    // library that another exit handler has already torn down), and the end must not wait for it.
+    if (shutDown_.exchange(true)) return false;
     closed_ = true;
     const auto start = std::chrono::steady_clock::now();
     const auto deadline = start + timeout;
@@ -177,8 +183,23 @@ bool Runtime::Shutdown(std::chrono::milliseconds timeout, bool deliver) {
     if (auto* http = IfCreated<HttpClient>()) http->Abort();
 
     // Upstream first: each stage may still post to the ones after it.
-    if (auto* queue = general_.IfCreated()) queue->Shutdown();
-    for (RuntimeModule* module : ModulesByStage()) module->Shutdown();
+    auto stop = [this] {
+        if (auto* queue = general_.IfCreated()) queue->Shutdown();
+        for (RuntimeModule* module : ModulesByStage()) module->Shutdown();
+    };
+    if (!bounded) {
+        stop();
+    } else {
+        // A thread that cannot be stopped in time is left to the end of the process: only the
+        // process-wide runtime, which is never destroyed, stops this way.
+        auto stopped = std::make_shared<std::promise<void>>();
+        auto done = stopped->get_future();
+        stopper_ = std::thread([stop, stopped] {
+            stop();
+            stopped->set_value();
+        });
+        if (done.wait_until(deadline + kStopGrace) == std::future_status::ready) stopper_.join();
+    }
     auto* hits = hitQueueControl_.load();
     return hits == nullptr || hits->QueuedHits() == 0;
 }

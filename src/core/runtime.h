@@ -15,6 +15,7 @@
 #include <shared_mutex>
 #include <typeindex>
 #include <unordered_map>
+#include <thread>
 #include <vector>
 
 namespace velmora {
@@ -61,12 +62,10 @@ public:
     static Runtime& Process();
     // Host::Configure: stores the options for the process-wide instance; false once it exists.
     static bool ConfigureProcess(HostOptions options);
-    // Makes a normal end of the process (return from main, exit()) save what was tracked. Each call
-    // registers the handler again, which makes it run before the exit handlers registered so far
-    // (the TLS library's among them); only its first run does anything.
+    // Makes a normal end of the process (return from main, exit()) save what was tracked.
     static void ArmExitHandler();
     // How long the end of the process may take, with an unreachable server included.
-    static constexpr std::chrono::milliseconds kExitBound{250};
+    static constexpr std::chrono::milliseconds kExitBound{220};
 
     const HostOptions& Host() const { return host_; }
     const Logger& Log() const { return log_; }
@@ -108,8 +107,11 @@ public:
     // After Shutdown: public calls are ignored.
     bool Closed() const { return closed_.load(); }
     bool FirstIgnoredCall() { return !warnedClosed_.exchange(true); }
+    // How long past its time-out Shutdown waits for the threads to stop before it leaves them.
+    static constexpr std::chrono::milliseconds kStopGrace{40};
 
 private:
+    bool Stop(std::chrono::milliseconds timeout, bool deliver, bool bounded);
     void EnsureLocalDirectory();
     RuntimeModule& GetModule(std::type_index type, const std::function<std::unique_ptr<RuntimeModule>()>& make);
     RuntimeModule* FindModule(std::type_index type);
@@ -131,8 +133,9 @@ private:
     std::unordered_map<std::type_index, RuntimeModule*> modules_;
     std::vector<std::unique_ptr<RuntimeModule>> owned_;  // creation order
     std::atomic<HitQueueControl*> hitQueueControl_{nullptr};
-    bool shutDown_ = false;
+    std::atomic<bool> shutDown_{false};
     std::atomic<bool> closed_{false};
+    std::thread stopper_;
     std::atomic<bool> warnedClosed_{false};
 };
 
