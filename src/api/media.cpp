@@ -57,6 +57,15 @@ void Media::Open(std::shared_ptr<MediaSettings> settings) {
     // The item takes its own copy: the application may change or reuse its object at once.
     velmora::Guard([&settings] {
         auto copy = settings ? std::make_shared<MediaSettings>(*settings) : nullptr;
+        // An ad that opens shows its cleaned parent name in the application's object. Cleaning is pure,
+        // so it runs here and the object is never written from the queue; the copy stays uncleaned,
+        // as cleaning twice can remove more than once.
+        if (settings && settings->IsMediaAd && !settings->ParentName.empty()) {
+            const auto& media = Runtime::Process().Get<MediaModule>();
+            if (!media.CleanMediaName(settings->Name).empty()) {
+                settings->ParentName = media.CleanMediaName(settings->ParentName);
+            }
+        }
         PostToMedia([copy = std::move(copy)](MediaModule& media) { media.Open(copy); });
     });
 }

@@ -25,14 +25,17 @@ bool ParsesAsUrl(const std::string& url) {
 
 }  // namespace
 
-SignalAnswer ParseSignalAnswer(const std::string& body) {
-    const Json root = Json::parse(body);
+SignalAnswer ReadSignalDestinations(const Json& root) {
     if (!root.is_object()) throw std::runtime_error("the answer is not a JSON object");
     SignalAnswer answer;
     if (auto it = root.find("dests"); it != root.end()) {
         if (!it->is_array()) throw std::runtime_error("\"dests\" is not an array");
         answer.destinations.assign(it->begin(), it->end());
     }
+    return answer;
+}
+
+void ReadSignalUserData(const Json& root, SignalAnswer& answer) {
     if (auto it = root.find("uuid"); it != root.end()) answer.userId = it->get<std::string>();
     if (auto it = root.find("stuff"); it != root.end()) {
         if (!it->is_array()) throw std::runtime_error("\"stuff\" is not an array");
@@ -41,6 +44,12 @@ SignalAnswer ParseSignalAnswer(const std::string& body) {
             answer.profile[segment.value("cn", std::string())] = segment.value("cv", std::string());
         }
     }
+}
+
+SignalAnswer ParseSignalAnswer(const std::string& body) {
+    const Json root = Json::parse(body);
+    SignalAnswer answer = ReadSignalDestinations(root);
+    ReadSignalUserData(root, answer);
     return answer;
 }
 
@@ -155,15 +164,23 @@ std::optional<StringMap> CohortaClient::Signal(const StringMap& traits) {
         return std::nullopt;
     }
 
+    Json root;
     SignalAnswer answer;
     try {
-        answer = ParseSignalAnswer(body);
+        root = Json::parse(body);
+        answer = ReadSignalDestinations(root);
     } catch (const std::exception& e) {
         log_.Warning("Cohorta - Unexpected error parsing result (%s)", e.what());
         return std::nullopt;
     }
-
+    // The destinations are owed whatever the rest of the answer holds.
     for (const auto& destination : answer.destinations) ForwardDestination(destination);
+    try {
+        ReadSignalUserData(root, answer);
+    } catch (const std::exception& e) {
+        log_.Warning("Cohorta - Unexpected error parsing result (%s)", e.what());
+        return std::nullopt;
+    }
     if (answer.userId) StoreUserId(*answer.userId);
     if (answer.profile.empty()) {
         log_.Warning("Cohorta - response was empty");

@@ -21,15 +21,20 @@ namespace velmora {
 inline constexpr const char* kCohortaUserIdKey = "CHTUserId";
 inline constexpr const char* kCohortaProfileKey = "CHTUserProfile";
 
-// What one answer of the audience service asks for; read whole before anything is changed, so a
-// malformed answer leaves the stored state as it was.
+// What one answer of the audience service asks for. Its destinations are called before the rest
+// is read; the user id and profile are read whole before either is stored, so a malformed one
+// leaves the stored state as it was.
 struct SignalAnswer {
     std::vector<nlohmann::json> destinations;
     std::optional<std::string> userId;
     StringMap profile;
 };
 
-// Throws when the body is not a JSON object or a member the module reads has the wrong type.
+// The destinations only; throws when the answer is not a JSON object or "dests" is not an array.
+SignalAnswer ReadSignalDestinations(const nlohmann::json& root);
+// Adds the user id and profile; throws when "uuid" or "stuff" has the wrong type.
+void ReadSignalUserData(const nlohmann::json& root, SignalAnswer& answer);
+// Both, from the body's text.
 SignalAnswer ParseSignalAnswer(const std::string& body);
 
 // Audience signals: sends traits to the audience service, keeps the user id and segment profile it

@@ -1,10 +1,13 @@
 #include "core/config.h"
 
+#include <cerrno>
 #include <cmath>
-#include <fstream>
+#include <fcntl.h>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <sstream>
+#include <optional>
+#include <system_error>
+#include <unistd.h>
 
 namespace velmora {
 namespace {
@@ -65,6 +68,32 @@ void ReadAnalytics(const Json& section, ConfigSettings& config, SettingsStore& s
     config.privacyStatus = status;
 
     ReadBool(section, "ssl", config.ssl, false);
+}
+
+// The whole file, or nothing when there is none. Any other failure (a directory of that name, a
+// read error) throws with the system's message.
+std::optional<std::string> ReadWholeFile(const std::filesystem::path& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+        throw std::system_error(errno, std::generic_category());
+    }
+    std::string text;
+    char buffer[16384];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n > 0) {
+            text.append(buffer, static_cast<std::size_t>(n));
+        } else if (n == 0) {
+            break;
+        } else if (errno != EINTR) {
+            const int error = errno;
+            ::close(fd);
+            throw std::system_error(error, std::generic_category());
+        }
+    }
+    ::close(fd);
+    return text;
 }
 
 std::string StripByteOrderMark(std::string text) {
@@ -128,14 +157,10 @@ std::unique_ptr<ConfigSettings> LoadConfig(const std::filesystem::path& packageD
     std::unique_ptr<ConfigSettings> config;
     const std::string name = std::string("VelmoraConfig") + "." + "json";
     try {
-        std::ifstream file(packageDirectory / name, std::ios::binary);
-        if (!file) {
-            log.Error("Config - Unable to find local VelmoraConfig.json file");
+        if (auto text = ReadWholeFile(packageDirectory / name)) {
+            config = ParseConfig(*text, settings, log);
         } else {
-            std::ostringstream text;
-            text << file.rdbuf();
-            if (file.bad()) throw std::runtime_error("read error on " + (packageDirectory / name).string());
-            config = ParseConfig(text.str(), settings, log);
+            log.Error("Config - Unable to find local VelmoraConfig.json file");
         }
     } catch (const std::exception& e) {
         log.Error("Config - Unable to load local config file (%s)", e.what());

@@ -286,6 +286,13 @@ void RequestHandler::SetHeader(const std::string& name, const std::string& value
 void RequestHandler::SetCookie(const std::string& name, const std::string& value) { cookies_[name] = value; }
 
 RequestHandler::Result RequestHandler::Perform(bool wantBody) {
+    // The time allowed has run out before the request could start; curl would read 0 as no limit.
+    if (timeoutMilliseconds_ <= 0) {
+        responseCookies_.clear();
+        Result result;
+        result.timedOut = true;
+        return result;
+    }
     auto& shared = client_.shared();
     Transfer transfer;
     transfer.wantBody = wantBody;
@@ -309,7 +316,7 @@ RequestHandler::Result RequestHandler::Perform(bool wantBody) {
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kMaxRedirects);
     curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
-    if (timeoutMilliseconds_ > 0) curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMilliseconds_));
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMilliseconds_));
     if (shared.connectTo) curl_easy_setopt(curl, CURLOPT_CONNECT_TO, shared.connectTo.get());
     if (headers) curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
     if (!cookieHeader.empty()) curl_easy_setopt(curl, CURLOPT_COOKIE, cookieHeader.c_str());

@@ -63,6 +63,7 @@ public:
     RequestHandler(const RequestHandler&) = delete;
     RequestHandler& operator=(const RequestHandler&) = delete;
 
+    // Zero or less runs out at once, without sending.
     void SetTimeout(std::int32_t milliseconds) { timeoutMilliseconds_ = milliseconds; }
     void SetHeader(const std::string& name, const std::string& value);  // added without validation
     void SetCookie(const std::string& name, const std::string& value);  // sent with the request

@@ -29,10 +29,12 @@ std::string Describe(const ConfigSettings& c) {
 }
 
 struct ConfigCase {
-    const char *name, *file;  // file nullptr: none at all
+    const char *name, *file;  // file nullptr: none at all; kFolder: a directory of the file's name
     std::int32_t stored;      // privacy status in the settings; 0: none
     const char *expected, *line;  // Describe() of the result; a line that must be logged, the only error allowed
 };
+
+constexpr const char* kFolder = "<folder>";
 
 void PrintTo(const ConfigCase& c, std::ostream* os) { *os << c.name; }
 
@@ -44,7 +46,8 @@ TEST_P(ConfigLoading, FollowsTheFileAndTheStoredStatus) {
     LogCapture capture;
     Logger log(capture.Sink());
     log.SetDebugEnabled(true);
-    if (c.file != nullptr) package.Write("VelmoraConfig.json", c.file);
+    if (c.file == kFolder) std::filesystem::create_directory(package / "VelmoraConfig.json");
+    else if (c.file != nullptr) package.Write("VelmoraConfig.json", c.file);
     SettingsStore settings(local.path(), log);
     if (c.stored != 0) settings.Insert(kPrivacyStatusKey, c.stored);
     EXPECT_EQ(Describe(*LoadConfig(package.path(), settings, log)), c.expected);
@@ -59,6 +62,8 @@ INSTANTIATE_TEST_SUITE_P(
     Files, ConfigLoading,
     ::testing::Values(
         ConfigCase{"NoFile", nullptr, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to find local VelmoraConfig.json file"},
+        ConfigCase{"Unreadable", kFolder, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to load local config file (Is a directory)"},
+        ConfigCase{"Empty", "", 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to parse local config file (empty or malformed json)"},
         ConfigCase{"Malformed", "{\"analytics\": {", 0, " p0 lt0  vt0",
                    "Velmora Error:Config - Unable to parse local config file (empty or malformed json)"},
         ConfigCase{"OnlyVersion", "\xEF\xBB\xBF{\"version\":\"2.0\"}", 0, "2.0 p0 lt0  vt0", "Velmora Debug:Config - Vantor not configured"},

@@ -275,15 +275,15 @@ constexpr const char* kTail = "d_ptfm=win8&d_dst=1&d_rtbd=json";
 TEST_F(Application, AudienceRequestsAreBuiltInTheirFixedOrderAndFailuresLeaveTheStoredState) {
     const std::string empty = "Velmora Warning:Cohorta - response was empty";
     const std::string parse = "Velmora Warning:Cohorta - Unexpected error parsing result (";
-    // answer "@host": that server instead of the loopback one
-    struct Row { StringMap traits; std::string userId, dpid, dpuuid, query, answer, line; };
+    // answer "@host": that server instead of the loopback one; destinations are called before the rest is read
+    const std::string dest = R"({"dests":[{"c":")" + audience.Url("/d") + R"("}],)";
+    struct Row { StringMap traits; std::string userId, dpid, dpuuid, query, answer, line; std::size_t dests = 0; };
     const Row rows[] = {
         {{{"a.b", "1"}, {"x", ""}}, "", "", "", "c_a_b=1&", R"({"stuff":[]})", empty},
         {{{"k.e.y", "v w"}, {"", "lost"}, {"u", "\xC3\xA9&="}}, "", "", "", "c_k_e_y=v%20w&c_u=%C3%A9%26%3D&",
          "not json", parse},
-        {{}, "U1", "", "", "d_uuid=U1&", R"({"uuid":5,"stuff":[{"cn":"a","cv":"b"}]})", parse},
-        {{{"t", "1"}}, "U1", "P", "", "c_t=1&d_uuid=U1&",
-         R"({"dests":[{"c":")" + audience.Url("/d") + R"("}],"uuid":"NEW","stuff":{"cn":"a"}})", parse},
+        {{}, "U1", "", "", "d_uuid=U1&", dest + R"("uuid":5,"stuff":[{"cn":"a","cv":"b"}]})", parse, 1},
+        {{{"t", "1"}}, "U1", "P", "", "c_t=1&d_uuid=U1&", dest + R"("uuid":"NEW","stuff":{"cn":"a"}})", parse, 1},
         {{{"t", "1"}}, "", "", "Q", "c_t=1&", "{}", empty},
         {{{"t", "1"}}, "U1", "P", "Q", "c_t=1&d_uuid=U1&d_dpid=P&d_dpuuid=Q&", "HOLD",  // waits out the 2 s limit
          "Velmora Warning:Cohorta - Request timed out"},
@@ -300,7 +300,7 @@ TEST_F(Application, AudienceRequestsAreBuiltInTheirFixedOrderAndFailuresLeaveThe
         const std::size_t before = audience.Count();
         EXPECT_EQ(Cohorta().SubmitSignal(row.traits).get(), std::nullopt);
         const std::string target = "/event?" + row.query + kTail;
-        EXPECT_EQ(audience.Count() - before, host == audience.Address() ? 1u : 0u) << "the signal, and no destination";
+        EXPECT_EQ(audience.Count() - before, host == audience.Address() ? 1 + row.dests : 0u) << "the signal and destinations";
         EXPECT_THAT(env.log.Lines(), Contains("Velmora Debug:Cohorta - request (http://" + host + target + ")"));
         EXPECT_THAT(env.log.Lines(), Contains(StartsWith(row.line)));
         EXPECT_EQ(LookupText(Settings(), kCohortaUserIdKey), row.userId);

@@ -85,6 +85,12 @@ TEST_F(Offers, FailuresGiveTheDefaultContentWithTheirLine) {
     server.OnGet([this](const httplib::Request&, httplib::Response&) { server.Hold(); });
     EXPECT_EQ(vantor->LoadRequest({"slow", "dflt", {}}).get(), "dflt");
     EXPECT_TRUE(capture.Contains("Velmora Warning:Vantor - Request timed out"));
+    config.vantorTimeout = 0;  // runs out at once, not never
+    auto zero = vantor->LoadRequest({"zero", "dflt", {}});
+    const bool done = zero.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    server.Release();
+    EXPECT_TRUE(done && zero.get() == "dflt");
+    config.vantorTimeout = 1;
     EXPECT_EQ(vantor->LoadRequest({"", "named-default", {}}).get(), "named-default");
     EXPECT_TRUE(capture.Contains("Velmora Warning:Vantor - VantorLocationRequest parameter must have a location name"));
     config.vantorClientCode = "bad host";
