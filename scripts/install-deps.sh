@@ -6,6 +6,7 @@ packages=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
   libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libsqlite3-dev libpugixml-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev chromium
+  doxygen dpkg-dev file
 )
 packages+=("$@")
 

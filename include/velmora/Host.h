@@ -1,5 +1,9 @@
 #pragma once
 
+/// @file
+/// What the library needs from the host: directories, device facts, callbacks; and the calls that
+/// flush and stop it.
+
 #include <velmora/Export.h>
 
 #include <chrono>
@@ -13,32 +17,89 @@
 
 namespace Velmora {
 
-// The platform seam: where files live, what the device is, how lines are logged. Every member has
-// a working default, so an application only sets what it wants to override.
+/// The platform seam: where files live, what the device is, how lines are logged. Every member has
+/// a working default, so an application only sets what it wants to override, and passes the
+/// options to Host::Configure() before any other call of the library.
 struct HostOptions {
-    std::filesystem::path packageDirectory;   // empty: $VELMORA_PACKAGE_DIR, else the executable's directory
-    std::filesystem::path localDirectory;     // empty: $VELMORA_LOCAL_DIR, else $XDG_DATA_HOME/velmora/<executable>
-    std::string deviceManufacturer, deviceModel;  // empty: read from the system
-    std::string languageTag;                  // empty: from the locale
+    /// The application's package directory, where "VelmoraConfig.json" and "AppxManifest.xml" are
+    /// read. Empty: `$VELMORA_PACKAGE_DIR`, else the directory of the running executable.
+    std::filesystem::path packageDirectory;
+    /// Where the library keeps its state: the settings database, the hit queue
+    /// ("VelmoraDataCache.json") and running timed actions ("VelmoraTimedActions.json"). Created
+    /// when missing; when it cannot be written, settings last only for the run (an error line says
+    /// so). Empty: `$VELMORA_LOCAL_DIR`, else `$XDG_DATA_HOME/velmora/<executable name>`
+    /// (`~/.local/share/velmora/<executable name>` when `XDG_DATA_HOME` is unset).
+    std::filesystem::path localDirectory;
+    /// @var deviceManufacturer
+    /// The device's maker, in the user agent and in "a.DeviceName" ("maker model", each part
+    /// "Unknown" when empty). Empty: read from `/sys/class/dmi/id/sys_vendor`.
+    /// @var deviceModel
+    /// The device's model, beside the maker. Empty: read from `/sys/class/dmi/id/product_name`.
+    std::string deviceManufacturer, deviceModel;
+    /// The user's language as a BCP 47 tag ("de-DE"), sent as "Accept-Language" with every hit.
+    /// Empty: from `LC_ALL`, `LC_MESSAGES` or `LANG`, read for each request ("de_DE.UTF-8" gives
+    /// "de-DE"; "C", "POSIX" or none give "en-US").
+    std::string languageTag;
+    /// The size of the application's window in pixels, width then height, sent as "a.Resolution"
+    /// ("1280x720"). Called at most once per process, on the calling thread of the first
+    /// Config::CollectLifecycleData(), Analytics::TrackState(), TrackAction(), TrackLocation(),
+    /// TrackLifetimeValueIncrease() or TrackTimedActionEnd(); when a media hit is built before any
+    /// of these, on the library's media thread. `std::nullopt`, an exception or no callback at all
+    /// give "Unknown".
     std::function<std::optional<std::pair<double, double>>()> windowSize;  // width, height
-    std::function<bool()> internetAvailable;  // empty: the kernel's view (a route off the host)
-    std::function<void(std::string_view line)> logSink;  // empty: standard error
-    std::vector<std::string> connectTo;       // curl CONNECT_TO entries "HOST:PORT:ADDR:PORT";
-                                              // default from $VELMORA_CONNECT_TO (comma-separated)
-    std::string applicationName;              // with applicationVersion: no manifest needed
-    std::string applicationVersion;           // "Major.Minor.Build.Revision"
-    std::string osVersion;                    // empty: the platform text
+    /// Whether the device can reach the internet now. Called on the sender's thread before each
+    /// hit it sends; false stops sending, and the hits wait in the queue (an exception counts as
+    /// true). It must answer quickly and must not call the library. Empty: the kernel's routing
+    /// table decides: connected while there is a default route, IPv4 or IPv6; when a route comes
+    /// back, a sender that stopped for lack of one starts again.
+    std::function<bool()> internetAvailable;
+    /// Receives every log line in one call: the level prefix ("Velmora Debug:", "Velmora
+    /// Warning:", "Velmora Error:"), the message and a line feed. Called on whichever thread logs,
+    /// a library thread or the application's own, possibly several at once, so it must be
+    /// thread-safe; it must not call the library, and an exception it throws is ignored. Empty:
+    /// standard error, one write per line.
+    std::function<void(std::string_view line)> logSink;
+    /// Routes host names to other addresses, as curl's CONNECT_TO entries "HOST:PORT:ADDR:PORT"
+    /// ("collect.example.com:80:127.0.0.1:8765" sends what is meant for that server to a loopback
+    /// collector). Empty: the comma-separated entries of `$VELMORA_CONNECT_TO`.
+    std::vector<std::string> connectTo;
+    /// The application's name, used with applicationVersion instead of "AppxManifest.xml": with
+    /// both set, no manifest is needed. Hits carry "a.AppID" = "Name Major.Minor.Revision (Build)".
+    std::string applicationName;
+    /// The application's version, "Major.Minor.Build.Revision"; see applicationName. Lifecycle
+    /// counts an upgrade when Major.Minor.Revision changes.
+    std::string applicationVersion;
+    /// The operating system's description, sent as "a.OSVersion". Empty: the library's fixed
+    /// platform text.
+    std::string osVersion;
 };
 
+/// Configures the library before first use, and flushes and stops it.
 class VELMORA_API Host {
 public:
-    // Takes effect only before the first use of the library; false (and a warning) afterwards.
+    /// Sets the host's options. Call it once, before any other call of the library: the first
+    /// other call starts the library with the options set so far (the defaults when none). A later
+    /// call before that start replaces the options. Any thread; returns at once.
+    /// @param options the options; members left empty take their defaults.
+    /// @return true when the options were taken; false once the library has started, with the
+    ///   warning "Config - Host options were ignored because the library has already started".
     static bool Configure(HostOptions options);
-    // Waits until every queue has run what was posted before the call and the sender is idle;
-    // true when no hit is left queued.
+    /// Waits until every queue has run what was posted before the call and the sender is idle.
+    /// It first applies the rule that starts the sender (privacy OptIn and, with offline tracking,
+    /// more hits queued than "batchLimit"), so it does not send hits that the batch limit holds
+    /// back. Blocks the calling thread for at most `timeout`. Do not call it from a host callback:
+    /// on a library thread it cannot succeed, and returns false at the latest after `timeout`.
+    /// @param timeout the longest wait.
+    /// @return true when no hit is left queued; false when the time-out passed first or hits stay
+    ///   queued (offline, privacy not OptIn, held by the batch limit, or a server that fails).
     static bool Flush(std::chrono::milliseconds timeout);
-    // Delivers what it can within the time-out, saves, stops the library's threads; later calls are
-    // ignored. True when no hit is left queued.
+    /// Stops the library before the process exits: delivers what it can within the time-out,
+    /// saves the queue and the settings, and stops and joins the library's threads. Later calls of
+    /// the library are ignored, with one warning line. Blocks for at most about `timeout`. Without
+    /// it, a normal end of the process (return from `main` or `exit()`) still saves what was
+    /// tracked.
+    /// @param timeout the longest time spent delivering queued hits.
+    /// @return true when no hit is left queued.
     static bool Shutdown(std::chrono::milliseconds timeout);
 };
 

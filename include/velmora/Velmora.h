@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The whole public API in one include.
+
 #include <velmora/Analytics.h>
 #include <velmora/Cohorta.h>
 #include <velmora/Config.h>

@@ -83,7 +83,7 @@ private:
 
     HttpClient& client_;
     std::string uri_;
-    std::int32_t timeoutMilliseconds_ = 0;
+    std::int32_t timeoutMilliseconds_ = 30'000;  // no request waits without a limit
     std::vector<std::string> headers_;
     StringMap cookies_;
     StringMap responseCookies_;

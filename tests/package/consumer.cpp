@@ -5,6 +5,11 @@
 // The collection server's host is routed with $VELMORA_CONNECT_TO.
 #include <velmora/Velmora.h>
 
+#if defined(VELMORA_EXPECT_CXX20)
+// Built as C++20: nothing the package adds may lower the standard.
+static_assert(__cplusplus >= 202002L, "the package's flags lowered the language standard");
+#endif
+
 #include <chrono>
 #include <iostream>
 #include <string>

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the library into a temporary prefix and uses it from outside the tree, as applications
-# do: find_package and pkg-config, the shared and the static library, the installed collector, and
-# the demo built as a project of its own.
+# do: find_package and pkg-config, the shared and the static library, the installed tools, and the
+# demo built as a project of its own. Then the same from an installed tree moved elsewhere, and from
+# the Debian packages unpacked into a directory.
 #   run.sh BUILD_DIR
 set -euo pipefail
 build_dir="$1"
@@ -11,26 +12,71 @@ collector_pid=""
 cleanup() { [ -n "$collector_pid" ] && kill "$collector_pid" 2>/dev/null; wait 2>/dev/null; rm -rf "$work"; }
 trap cleanup EXIT
 fail() { echo "$*"; for f in "$work"/*.err; do [ -f "$f" ] && { echo "== $f"; tail -20 "$f"; }; done; exit 1; }
+libdir_of() { dirname "$(dirname "$(find "$1" -name velmora.pc -path '*/pkgconfig/*' | head -n 1)")"; }  # ROOT
+
+# The privacy status the configuration prescribes, from every consumer program of one build.
+mkdir -p "$work/package"
+printf '{"analytics":{"privacyDefault":"optunknown","offlineEnabled":true}}' >"$work/package/VelmoraConfig.json"
+check_privacy() {  # check_privacy LIBDIR PROGRAM...
+  local libdir="$1" program name out; shift
+  for program in "$@"; do
+    name="$(basename "$(dirname "$program")")-$(basename "$program")"
+    out="$(LD_LIBRARY_PATH="$libdir" VELMORA_PACKAGE_DIR="$work/package" VELMORA_LOCAL_DIR="$work/local-$name" \
+           "$program" privacy 2>"$work/$name.err")" || fail "$program failed"
+    [ "$out" = "privacy 3 version 4.0.0" ] || fail "$program printed: $out"
+    grep -qx "Velmora Debug:Config - Vantor not configured" "$work/$name.err" || fail "$program: no debug line"
+  done
+}
+# A consumer built with pkg-config as C++20: the flags must not bring it down to C++17.
+build_with_pkg_config() {  # build_with_pkg_config ROOT OUTPUT
+  local libdir flags
+  libdir="$(libdir_of "$1")"
+  flags="$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags velmora)"
+  case "$flags" in *-std=*) fail "pkg-config --cflags velmora sets the standard: $flags" ;; esac
+  # shellcheck disable=SC2046
+  c++ -std=c++20 -DVELMORA_EXPECT_CXX20 $flags "$here/consumer.cpp" -o "$2" \
+    $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --libs velmora) 2>"$work/pkg-config.err" \
+    || fail "the pkg-config consumer of $1 does not build"
+}
 
 prefix="$work/prefix"
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
-export LD_LIBRARY_PATH="$prefix/lib:$prefix/lib/x86_64-linux-gnu"
+libdir="$(libdir_of "$prefix")"
+export LD_LIBRARY_PATH="$libdir"
 cmake -S "$here" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/build" >/dev/null
 cmake -S "$here/../../examples/demo" -B "$work/demo" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/demo" >/dev/null
-PKG_CONFIG_PATH="$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgconfig" pkg-config --modversion velmora \
-  | grep -qx 4.0.0 || fail "pkg-config does not find velmora 4.0.0"
+PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --modversion velmora | grep -qx 4.0.0 \
+  || fail "pkg-config does not find velmora 4.0.0"
+check_privacy "$libdir" "$work/build/consumer" "$work/build/consumer_static"
+"$prefix/bin/velmora-check" "$here/../../examples/demo" >"$work/check.out" || fail "velmora-check: $(cat "$work/check.out")"
 
-# The privacy status the configuration prescribes, from the shared and the static library.
-mkdir -p "$work/package"
-printf '{"analytics":{"privacyDefault":"optunknown","offlineEnabled":true}}' >"$work/package/VelmoraConfig.json"
-for program in consumer consumer_static; do
-  out="$(VELMORA_PACKAGE_DIR="$work/package" VELMORA_LOCAL_DIR="$work/local-$program" \
-         "$work/build/$program" privacy 2>"$work/$program.err")"
-  [ "$out" = "privacy 3 version 4.0.0" ] || fail "$program printed: $out"
-  grep -qx "Velmora Debug:Config - Vantor not configured" "$work/$program.err" || fail "$program: no debug line"
+# An installed tree works where it lands: installed under one prefix, then moved.
+cmake --install "$build_dir" --prefix "$work/elsewhere/usr" >/dev/null
+mv "$work/elsewhere" "$work/moved"
+moved="$work/moved/usr"
+mkdir -p "$work/moved-pc" && build_with_pkg_config "$moved" "$work/moved-pc/consumer"
+cmake -S "$here" -B "$work/moved-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$moved" -DCMAKE_CXX_STANDARD=20 \
+  -DCMAKE_CXX_FLAGS=-DVELMORA_EXPECT_CXX20 >/dev/null
+cmake --build "$work/moved-cmake" >/dev/null || fail "the C++20 find_package consumer of the moved tree does not build"
+check_privacy "$(libdir_of "$moved")" "$work/moved-pc/consumer" "$work/moved-cmake/consumer" \
+  "$work/moved-cmake/consumer_static"
+
+# The Debian packages, unpacked into a directory: the runtime and -dev packages are all a
+# consumer needs.
+cpack -G DEB -B "$work/debs" --config "$build_dir/CPackConfig.cmake" >"$work/cpack.err" 2>&1 || fail "cpack failed"
+for deb in "$work"/debs/libvelmora4_*.deb "$work"/debs/libvelmora-dev_*.deb; do
+  [ -f "$deb" ] || fail "cpack made no $(basename "$deb")"
+  dpkg-deb -x "$deb" "$work/deb"
 done
+mkdir -p "$work/deb-pc" && build_with_pkg_config "$work/deb/usr" "$work/deb-pc/consumer"
+cmake -S "$here" -B "$work/deb-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$work/deb/usr" >/dev/null
+cmake --build "$work/deb-cmake" >/dev/null || fail "the find_package consumer of the unpacked packages does not build"
+check_privacy "$(libdir_of "$work/deb/usr")" "$work/deb-pc/consumer" "$work/deb-cmake/consumer" \
+  "$work/deb-cmake/consumer_static"
+dpkg-deb -x "$(ls "$work"/debs/velmora-tools_*.deb)" "$work/deb-tools"
+"$work/deb-tools/usr/bin/velmora-check" --help | grep -q "^usage: velmora-check" || fail "packaged velmora-check"
 
 # The installed collector, and the demo built against the installed package.
 "$prefix/bin/velmora-collector" --port 0 --json --aid ABCDEF0123456789-0123456789ABCDEF >"$work/collector.out" \
@@ -62,4 +108,4 @@ out="$(run "$work/offline" "$address" track Online 1)"
 order="$(grep -o '"pev2":"AMACTION:[A-Za-z0-9]*"' "$work/collector.out" | grep -E 'Offline|Online' | tr '\n' ' ')"
 expected='"pev2":"AMACTION:Offline1" "pev2":"AMACTION:Offline2" "pev2":"AMACTION:Offline3" "pev2":"AMACTION:Online1" '
 [ "$order" = "$expected" ] || fail "hits arrived as: $order"
-echo "package: shared, static, pkg-config, collector, demo, aid and offline queue all used from outside the tree"
+echo "package: shared, static, pkg-config (C++20), collector, check, demo, aid and offline queue used from outside the tree; from a moved tree; from the unpacked .deb packages"
