@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
   libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libsqlite3-dev libpugixml-dev libcpp-httplib-dev
-  libgtest-dev libgmock-dev libbenchmark-dev chromium
+  libgtest-dev libgmock-dev libbenchmark-dev chromium iproute2
   doxygen dpkg-dev file
 )
 packages+=("$@")

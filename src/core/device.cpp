@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <pugixml.hpp>
 
+#include <array>
 #include <cctype>
 #include <charconv>
 #include <cstdio>
@@ -28,14 +29,16 @@ std::string ReadSystemValue(const std::filesystem::path& path) {
 }
 
 // "Major.Minor.Build.Revision"; a missing or unreadable part counts as 0.
-void ParseVersion(const std::string& text, std::uint16_t* parts[4]) {
+std::array<std::uint16_t, 4> ParseVersion(const std::string& text) {
+    std::array<std::uint16_t, 4> parts{};
     std::stringstream stream(text);
     std::string piece;
     for (int i = 0; i < 4 && std::getline(stream, piece, '.'); ++i) {
         std::uint16_t value = 0;
         auto [end, error] = std::from_chars(piece.data(), piece.data() + piece.size(), value);
-        *parts[i] = (error == std::errc() && end == piece.data() + piece.size()) ? value : 0;
+        parts[i] = (error == std::errc() && end == piece.data() + piece.size()) ? value : 0;
     }
+    return parts;
 }
 
 }  // namespace
@@ -74,29 +77,40 @@ void DeviceContext::LoadDeviceProperties() {
     });
 }
 
+void DeviceContext::ApplicationProperties::SetVersion(const std::string& text) {
+    const auto parts = ParseVersion(text);
+    major = parts[0], minor = parts[1], build = parts[2], revision = parts[3];
+}
+
+// The host's name and version together make the manifest unnecessary, so nothing is read or
+// logged. With only one of them the manifest is read (and its failures logged) as without either,
+// and the host's value replaces its part: the name, or all four numbers of the version.
 const DeviceContext::ApplicationProperties& DeviceContext::Application() {
     std::call_once(applicationOnce_, [this] {
-        pugi::xml_document manifest;
-        const auto result = manifest.load_file((host_.packageDirectory / kManifestFileName).c_str());
-        if (!result) {
-            log_.Error("Analytics - Unable to read AppxManifest file to obtain Application name (%s)",
-                       result.description());
-            return;
-        }
-        if (pugi::xml_node identity = manifest.select_node("//Identity").node()) {
-            std::uint16_t* parts[4] = {&application_.major, &application_.minor, &application_.build,
-                                       &application_.revision};
-            ParseVersion(identity.attribute("Version").as_string(), parts);
-        }
-        pugi::xml_node name = manifest.select_node("//Properties/DisplayName").node();
-        if (!name) {
-            log_.Error("Analytics - Unable to read AppxManifest file to obtain Application name (%s)",
-                       "No DisplayName element found");
-            return;
-        }
-        application_.title = name.text().get();
+        if (host_.applicationName.empty() || host_.applicationVersion.empty()) ReadManifest();
+        if (!host_.applicationName.empty()) application_.title = host_.applicationName;
+        if (!host_.applicationVersion.empty()) application_.SetVersion(host_.applicationVersion);
     });
     return application_;
+}
+
+void DeviceContext::ReadManifest() {
+    pugi::xml_document manifest;
+    const auto result = manifest.load_file((host_.packageDirectory / kManifestFileName).c_str());
+    if (!result) {
+        log_.Error("Analytics - Unable to read AppxManifest file to obtain Application name (%s)", result.description());
+        return;
+    }
+    if (pugi::xml_node identity = manifest.select_node("//Identity").node()) {
+        application_.SetVersion(identity.attribute("Version").as_string());
+    }
+    pugi::xml_node name = manifest.select_node("//Properties/DisplayName").node();
+    if (!name) {
+        log_.Error("Analytics - Unable to read AppxManifest file to obtain Application name (%s)",
+                   "No DisplayName element found");
+        return;
+    }
+    application_.title = name.text().get();
 }
 
 std::string DeviceContext::GetUserAgent() {
@@ -182,7 +196,7 @@ std::string DeviceContext::GetResolution() {
     return resolution_;
 }
 
-std::string DeviceContext::GetOSVersion() { return kOSVersion; }
+std::string DeviceContext::GetOSVersion() { return !host_.osVersion.empty() ? host_.osVersion : kOSVersion; }
 
 std::string DeviceContext::GetCarrierName() { return ""; }
 

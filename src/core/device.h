@@ -44,7 +44,7 @@ public:
     std::string GetApplicationBuild();
     std::string GetResolution();  // from the host's window callback; "Unknown" without one, kept once computed
     std::string GetDeviceName();
-    std::string GetOSVersion();
+    std::string GetOSVersion();  // the host's text, else the platform's
     std::string GetCarrierName();
     std::string GetAid();  // stored, else fetched from the tracking server, else generated; then stored
 
@@ -65,10 +65,12 @@ private:
     struct ApplicationProperties {
         std::string title = "Unknown";
         std::uint16_t major = 0, minor = 0, build = 0, revision = 0;
+        void SetVersion(const std::string& text);  // "Major.Minor.Build.Revision"
     };
 
     void LoadDeviceProperties();
     const ApplicationProperties& Application();
+    void ReadManifest();
     std::string FetchAid();
     std::string ComputeAid();
 

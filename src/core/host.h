@@ -17,7 +17,8 @@ HostOptions ResolveHostOptions(HostOptions options);
 std::string LanguageTag(const HostOptions& options);
 std::string LanguageTagFromLocale(const char* locale);
 
-// The connection-profile check: the host's callback, or connected when there is none.
+// The connection-profile check: the host's callback, else whether the kernel has a route off the
+// host (RouteMonitor, one for the process). Cheap enough to ask before every send; never throws.
 bool InternetAvailable(const HostOptions& options);
 
 }  // namespace velmora

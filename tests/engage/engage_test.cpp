@@ -34,7 +34,9 @@ struct Application : ::testing::Test {
                                                     (cohorta.empty() ? audience.Address() : cohorta) + "\"}}");
         env.package.Write("AppxManifest.xml", R"(<Package><Identity Version=")" + version + R"("/><Properties>)"
                                               R"(<DisplayName>Demo</DisplayName></Properties></Package>)");
-        env.runtime = env.Restart();
+        HostOptions host;
+        host.osVersion = "Debian GNU/Linux 12";  // the launch hit carries the host's text
+        env.runtime = env.Restart(host);
         auto& r = *env.runtime;
         r.Config();  // read before debug lines are on
         r.Log().SetDebugEnabled(true);
@@ -232,7 +234,7 @@ struct LaunchHistory : Application, ::testing::WithParamInterface<History> {
             map["a." + word.substr(0, equals)] = equals == std::string::npos ? word : word.substr(equals + 1);
         }
         auto& device = env.runtime->Get<DeviceContext>();
-        map["a.OSVersion"] = device.GetOSVersion();
+        map["a.OSVersion"] = "Debian GNU/Linux 12";
         map.merge(device.GetContextData());
         return map;
     }

@@ -142,26 +142,34 @@ TEST_F(NetTest, UserAgentAndDeviceNameUseWhatIsKnownOfMakerAndModel) {
     }
 }
 
-TEST_F(NetTest, ApplicationComesFromTheManifestReadOnce) {
+TEST_F(NetTest, ApplicationComesFromTheHostOrTheManifestReadOnce) {
     const auto manifest = [](const std::string& version, const std::string& name) {
         return "<?xml version=\"1.0\"?><Package xmlns=\"http://schemas.microsoft.com/appx/2010/manifest\"><Identity Name=\"app\" "
                "Version=\"" + version + "\"/><Properties><DisplayName>" + name + "</DisplayName></Properties></Package>";
     };
-    const std::vector<std::string> cases[] = {  // manifest (empty: none), name|version|build|id, reason of the error line
-        {manifest("2.1.5.3", "Größe &amp; Co"), "Größe & Co|2.1.3|5|Größe & Co 2.1.3 (5)", ""},
-        {"", "Unknown|0.0.0|0|Unknown 0.0.0 (0)", "File was not found"},
-        {"<Package><Identity Version=\"3.0.1.2\"><Properties>", "Unknown|0.0.0|0|Unknown 0.0.0 (0)", "Start-end tags mismatch"},
-        {"<Package><Identity Version=\"3.0.1.2\"/><Properties/></Package>", "Unknown|3.0.2|1|Unknown 3.0.2 (1)",
-         "No DisplayName element found"}};
+    const std::vector<std::string> cases[] = {  // manifest (empty: none), host name, host version, name|version|build|id, reason of the error line
+        {manifest("2.1.5.3", "Größe &amp; Co"), "", "", "Größe & Co|2.1.3|5|Größe & Co 2.1.3 (5)", ""},
+        {"", "", "", "Unknown|0.0.0|0|Unknown 0.0.0 (0)", "File was not found"},
+        {"<Package><Identity Version=\"3.0.1.2\"><Properties>", "", "", "Unknown|0.0.0|0|Unknown 0.0.0 (0)", "Start-end tags mismatch"},
+        {"<Package><Identity Version=\"3.0.1.2\"/><Properties/></Package>", "", "", "Unknown|3.0.2|1|Unknown 3.0.2 (1)",
+         "No DisplayName element found"},
+        {"", "Host", "7.2.9.4", "Host|7.2.4|9|Host 7.2.4 (9)", ""},
+        {manifest("2.1.5.3", "App"), "Host", "7.x.9", "Host|7.0.0|9|Host 7.0.0 (9)", ""},
+        {manifest("2.1.5.3", "App"), "Host", "", "Host|2.1.3|5|Host 2.1.3 (5)", ""},
+        {manifest("2.1.5.3", "App"), "", "7.2", "App|7.2.0|0|App 7.2.0 (0)", ""},
+        {"", "", "7.2.9.4", "Unknown|7.2.4|9|Unknown 7.2.4 (9)", "File was not found"}};
     for (const auto& c : cases) {
         std::filesystem::remove(package / "AppxManifest.xml");
         if (!c[0].empty()) package.Write("AppxManifest.xml", c[0]);
+        host.applicationName = c[1];
+        host.applicationVersion = c[2];
         capture.Clear();
         context.reset();
         auto& d = Context();
-        EXPECT_EQ(d.GetApplicationName() + "|" + d.GetApplicationVersion() + "|" + d.GetApplicationBuild() + "|" + d.GetApplicationId(), c[1]);
-        const std::string error = "Velmora Error:Analytics - Unable to read AppxManifest file to obtain Application name (" + c[2] + ")";
-        EXPECT_EQ(capture.Lines(), c[2].empty() ? std::vector<std::string>{} : std::vector<std::string>{error});
+        EXPECT_EQ(d.GetApplicationName() + "|" + d.GetApplicationVersion() + "|" + d.GetApplicationBuild() + "|" + d.GetApplicationId(), c[3]);
+        EXPECT_EQ(d.GetContextData()["a.AppID"], d.GetApplicationId());
+        const std::string error = "Velmora Error:Analytics - Unable to read AppxManifest file to obtain Application name (" + c[4] + ")";
+        EXPECT_EQ(capture.Lines(), c[4].empty() ? std::vector<std::string>{} : std::vector<std::string>{error});
     }
 }
 
@@ -178,6 +186,9 @@ TEST_F(NetTest, ConcurrentFirstUsesComputeEachValueOnce) {
     EXPECT_EQ(std::make_tuple(capture.Lines().size(), windowCalls.load(), server.Count()), std::make_tuple(1u, 1, 1u));
     EXPECT_EQ(d.GetContextData(), (StringMap{{"a.AppID", "Unknown 0.0.0 (0)"}, {"a.CarrierName", ""}, {"a.DeviceName", "Unknown Unknown"},
                                              {"a.OSVersion", "Windows Phone 8.1"}, {"a.Resolution", "Unknown"}}));
+    host.osVersion = "Debian GNU/Linux 12";
+    context.reset();
+    EXPECT_EQ(Context().GetContextData()["a.OSVersion"], "Debian GNU/Linux 12");
 }
 
 TEST_F(NetTest, AidIsFetchedStoredAndReusedByTheNextRuntime) {

@@ -1,0 +1,136 @@
+#include "core/network.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <net/route.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace velmora {
+namespace {
+
+unsigned HexNumber(const std::string& text) {
+    unsigned value = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, 16);
+    return error == std::errc() && end == text.data() + text.size() ? value : 0;
+}
+
+// An interface a packet can leave the host through. `control` is any socket of this namespace for
+// the flags query; without one, only the names of the loopback and of "no device" are known.
+bool LeavesHost(int control, const std::string& name) {
+    if (control < 0) return name != "lo" && name != "*";
+    ifreq request{};
+    if (name.size() >= sizeof(request.ifr_name)) return false;
+    std::memcpy(request.ifr_name, name.data(), name.size());
+    if (::ioctl(control, SIOCGIFFLAGS, &request) != 0) return false;  // "*": a route without a device
+    const unsigned flags = static_cast<unsigned short>(request.ifr_flags);
+    return (flags & IFF_UP) && (flags & IFF_RUNNING) && !(flags & IFF_LOOPBACK);
+}
+
+bool Usable(unsigned flags) { return (flags & RTF_UP) && !(flags & RTF_REJECT); }
+
+// /proc/net/route: Iface Destination Gateway Flags RefCnt Use Metric Mask ..., in hexadecimal.
+bool Ipv4DefaultRoute(int control) {
+    std::ifstream table("/proc/net/route");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string name, destination, gateway, flags, references, use, metric, mask;
+        if (!(fields >> name >> destination >> gateway >> flags >> references >> use >> metric >> mask)) continue;
+        if (destination == "00000000" && mask == "00000000" && Usable(HexNumber(flags)) && LeavesHost(control, name)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// /proc/net/ipv6_route: destination, prefix length, source, source prefix length, next hop,
+// metric, references, use, flags, device.
+bool Ipv6DefaultRoute(int control) {
+    std::ifstream table("/proc/net/ipv6_route");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string destination, length, source, sourceLength, next, metric, references, use, flags, name;
+        if (!(fields >> destination >> length >> source >> sourceLength >> next >> metric >> references >> use >>
+              flags >> name)) {
+            continue;
+        }
+        if (destination == std::string(32, '0') && length == "00" && Usable(HexNumber(flags)) &&
+            LeavesHost(control, name)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+RouteMonitor::RouteMonitor(bool watch) {
+    if (!watch) return;
+    // Made before the first reading, so that no change between the two goes unannounced.
+    socket_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
+    if (socket_ < 0) return;
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+    if (::bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        ::close(socket_);
+        socket_ = -1;
+    }
+}
+
+RouteMonitor::~RouteMonitor() {
+    if (socket_ >= 0) ::close(socket_);
+}
+
+bool RouteMonitor::RouteOffHost() {
+    std::lock_guard lock(mutex_);
+    if (ChangeAnnounced() || !known_) {
+        answer_ = ReadTables();
+        known_ = true;
+        ++tableReads_;
+    }
+    return answer_;
+}
+
+std::size_t RouteMonitor::TableReads() const {
+    std::lock_guard lock(mutex_);
+    return tableReads_;
+}
+
+// Drains the socket; the messages themselves do not matter, only that one came. A lost message
+// (ENOBUFS) is a change too, and a socket that fails otherwise is given up for reading every time.
+bool RouteMonitor::ChangeAnnounced() {
+    if (socket_ < 0) return true;
+    bool changed = false;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t size = ::recv(socket_, buffer, sizeof(buffer), MSG_DONTWAIT);
+        if (size > 0 || (size < 0 && errno == ENOBUFS)) {
+            changed = true;
+        } else if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            return changed;
+        } else if (size == 0 || errno != EINTR) {
+            ::close(socket_);
+            socket_ = -1;
+            return true;
+        }
+    }
+}
+
+bool RouteMonitor::ReadTables() const {
+    const int control = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const bool found = Ipv4DefaultRoute(control) || Ipv6DefaultRoute(control);
+    if (control >= 0) ::close(control);
+    return found;
+}
+
+}  // namespace velmora

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstddef>
+#include <mutex>
+
+namespace velmora {
+
+// The Linux form of the platform's internet connection profile: the machine is connected when the
+// kernel has a route off the host, that is a default route, IPv4 or IPv6, that is up, not a reject
+// route, and leaves through an interface that is up, has a carrier and is not the loopback. (The
+// kernel keeps a rejecting "::/0" route on "lo" in every namespace; it never counts.)
+//
+// Asking must stay cheap because the sender asks before every hit: the routing tables in /proc are
+// read on the first call and afterwards only when the kernel announced a change of links, addresses
+// or routes on a non-blocking netlink socket, which costs one system call when nothing changed. No
+// thread is needed. Without that socket the tables are read on every call. Safe across threads.
+class RouteMonitor {
+public:
+    // `watch` false: no netlink socket, as when it cannot be made.
+    explicit RouteMonitor(bool watch = true);
+    ~RouteMonitor();
+    RouteMonitor(const RouteMonitor&) = delete;
+    RouteMonitor& operator=(const RouteMonitor&) = delete;
+
+    bool RouteOffHost();
+    std::size_t TableReads() const;  // how often the routing tables were read
+
+private:
+    bool ChangeAnnounced();
+    bool ReadTables() const;
+
+    mutable std::mutex mutex_;
+    int socket_ = -1;
+    bool known_ = false;
+    bool answer_ = false;
+    std::size_t tableReads_ = 0;
+};
+
+}  // namespace velmora
