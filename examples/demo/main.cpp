@@ -50,6 +50,8 @@ int main(int argc, char** argv) {
     for (const char* name : {"collect.velmora.example", "demo.tt.vantor.example", "audience.velmora.example"}) {
         host.connectTo.push_back(std::string(name) + ":80:" + arguments.collector);
     }
+    // The collector runs on this machine: it is reachable even where the machine has no route out.
+    host.internetAvailable = [] { return true; };
     Velmora::Host::Configure(host);
     Velmora::Config::SetDebugLogging(arguments.verbose);
     Say("Velmora " + Velmora::Config::GetVersion());

@@ -23,6 +23,7 @@ protected:
         options.deviceManufacturer = "Acme";
         options.deviceModel = "Phone1";
         options.logSink = log_.Sink();
+        options.internetAvailable = [] { return true; };  // the server is on this machine
         ASSERT_TRUE(Velmora::Host::Configure(options));
         Runtime::Process().Settings().Insert(kAidKey, std::string(kAid));
     }

@@ -19,6 +19,7 @@ TEST(MediaApi, OpensACopyTranslatesTrackDataAndSendsTheCostOnlyWithThePlay) {
     options.packageDirectory = package.path();
     options.localDirectory = local.path();
     options.logSink = log.Sink();
+    options.internetAvailable = [] { return true; };  // the server is on this machine
     ASSERT_TRUE(Velmora::Host::Configure(options));
 
     // Cleaning the parent name twice would also drop the "--**--" its first cleaning leaves.

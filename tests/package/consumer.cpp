@@ -16,6 +16,9 @@ static_assert(__cplusplus >= 202002L, "the package's flags lowered the language 
 
 int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "privacy";
+    Velmora::HostOptions options;
+    options.internetAvailable = [] { return true; };  // the collector runs on this machine
+    Velmora::Host::Configure(options);
     Velmora::Config::SetDebugLogging(true);
     if (mode == "privacy") {
         auto status = Velmora::Config::GetPrivacyStatusAsync().get();

@@ -107,7 +107,11 @@ protected:
     Logger log;
     std::unique_ptr<CountingClock> clock = std::make_unique<CountingClock>();
     ConfigSettings config;
-    HostOptions host;
+    HostOptions host = [] {
+        HostOptions options;
+        options.internetAvailable = [] { return true; };  // the server is on this machine
+        return options;
+    }();
     FileStore files{local.path()};
     HttpClient http{log, {}};
     SettingsStore settings{local.path(), log};
