@@ -84,7 +84,9 @@ public:
     /// @return true when the options were taken; false once the library has started, with the
     ///   warning "Config - Host options were ignored because the library has already started".
     static bool Configure(HostOptions options);
-    /// Waits until every queue has run what was posted before the call and the sender is idle.
+    /// Waits until every queue has run what was posted before the call and the sender is idle or
+    /// waiting out a retry cooldown, which the flush leaves on its schedule. Hits left queued by an
+    /// earlier run are loaded and sent too.
     /// It first applies the rule that starts the sender (privacy OptIn and, with offline tracking,
     /// more hits queued than "batchLimit"), so it does not send hits that the batch limit holds
     /// back. Blocks the calling thread for at most `timeout`. Do not call it from a host callback:
@@ -93,12 +95,15 @@ public:
     /// @return true when no hit is left queued; false when the time-out passed first or hits stay
     ///   queued (offline, privacy not OptIn, held by the batch limit, or a server that fails).
     static bool Flush(std::chrono::milliseconds timeout);
-    /// Stops the library before the process exits: delivers what it can within the time-out,
-    /// saves the queue and the settings, and stops and joins the library's threads. Later calls of
-    /// the library are ignored, with one warning line. Blocks for at most about `timeout`. Without
-    /// it, a normal end of the process (return from `main` or `exit()`) still saves what was
-    /// tracked.
-    /// @param timeout the longest time spent delivering queued hits.
+    /// Stops the library before the process exits: delivers what it can within the time-out (the
+    /// hits of an earlier run included), saves the queue, ends the requests still in flight and
+    /// stops the library's threads. Later calls of the library are ignored, with one warning line.
+    /// A hit in flight when time runs out stays queued for the next run. Any thread but the
+    /// library's own; blocks for at most `timeout` plus 40 ms (a thread that does not stop by then
+    /// is left to the end of the process). Without it, a normal end of the process (return from
+    /// `main` or `exit()`) still saves every tracked hit, sends nothing new, and takes at most
+    /// 300 ms even with an unreachable server.
+    /// @param timeout the longest time spent delivering and stopping.
     /// @return true when no hit is left queued.
     static bool Shutdown(std::chrono::milliseconds timeout);
 };
