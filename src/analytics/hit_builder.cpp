@@ -128,10 +128,15 @@ long LocalTimeZoneBiasMinutes() {
 }
 
 std::uint64_t CacheBuster(std::uint32_t counter) {
-    std::srand(counter);
-    const auto a = static_cast<std::uint64_t>(std::rand());
-    const auto b = static_cast<std::uint64_t>(std::rand());
-    return ((a << 32) + b) % 10'000'000;
+    // The C library's rand() is random() on a 128-byte state of type 3; the reentrant functions on
+    // a state of our own draw the same numbers and leave the application's rand() where it was.
+    alignas(std::int32_t) char state[128];
+    random_data generator{};
+    std::int32_t a = 0, b = 0;
+    ::initstate_r(counter, state, sizeof state, &generator);
+    ::random_r(&generator, &a);
+    ::random_r(&generator, &b);
+    return ((static_cast<std::uint64_t>(a) << 32) + static_cast<std::uint64_t>(b)) % 10'000'000;
 }
 
 std::string BaseUrl(const ConfigSettings& config) {

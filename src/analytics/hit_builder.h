@@ -53,8 +53,9 @@ struct HitFacts {
 std::string TimeZoneText(long biasMinutes);
 long LocalTimeZoneBiasMinutes();  // from tzset() and timezone; daylight saving is ignored
 
-// The cache buster for the n-th hit. The C library's generator is seeded with the counter on
-// purpose, so that every run of the process produces the same sequence.
+// The cache buster for the n-th hit: the first two numbers of the C library's rand() seeded with the
+// counter, on purpose, so that every run of the process produces the same sequence. They come from
+// a generator state of the library's own; the application's rand() is never reseeded or advanced.
 std::uint64_t CacheBuster(std::uint32_t counter);
 
 // "http(s)://" + server + "/b/ss/" + rsids + "/0/WINU-" + version + "/".

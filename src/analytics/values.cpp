@@ -1,5 +1,7 @@
 #include "analytics/values.h"
 
+#include "core/utf8.h"
+
 #include <charconv>
 #include <type_traits>
 
@@ -20,7 +22,7 @@ std::optional<std::string> ValueText(const Velmora::Object& value) {
         [](const auto& v) -> std::optional<std::string> {
             using T = std::decay_t<decltype(v)>;
             if constexpr (std::is_same_v<T, std::string>) {
-                return v;
+                return ToValidUtf8(v);
             } else if constexpr (std::is_same_v<T, bool>) {
                 return std::string(v ? "true" : "false");
             } else if constexpr (std::is_arithmetic_v<T>) {
@@ -35,10 +37,11 @@ std::optional<std::string> ValueText(const Velmora::Object& value) {
 StringMap TranslateContextData(const Velmora::ObjectMap& contextData, const Logger& log) {
     StringMap translated;
     for (const auto& [key, value] : contextData) {
+        std::string name = ToValidUtf8(key);
         try {
-            if (auto text = ValueText(value)) translated.emplace(key, std::move(*text));
+            if (auto text = ValueText(value)) translated.emplace(std::move(name), std::move(*text));
         } catch (const std::exception&) {
-            log.Debug("Analytics - Unable to translate value for context data key (%s)", key.c_str());
+            log.Debug("Analytics - Unable to translate value for context data key (%s)", name.c_str());
         }
     }
     return translated;

@@ -1,5 +1,7 @@
 #include "core/device.h"
 
+#include "core/number_text.h"
+
 #include <nlohmann/json.hpp>
 #include <pugixml.hpp>
 
@@ -185,9 +187,7 @@ std::string DeviceContext::GetResolution() {
         if (!host_.windowSize) return;
         try {
             if (auto size = host_.windowSize()) {
-                char text[128];
-                std::snprintf(text, sizeof(text), "%.0fx%.0f", size->first, size->second);
-                resolution_ = text;
+                resolution_ = FixedText(size->first, 0) + "x" + FixedText(size->second, 0);
             }
         } catch (...) {
             // A failing window callback is the same as having no window.

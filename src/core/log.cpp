@@ -2,9 +2,19 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <locale.h>
 #include <memory>
 
 namespace velmora {
+namespace {
+
+// The "C" locale, made once and never freed: threads may be formatting with it at exit.
+locale_t ClassicLocale() {
+    static const locale_t classic = ::newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(0));
+    return classic;
+}
+
+}  // namespace
 
 Logger::Logger(LogSink sink) : sink_(sink ? std::move(sink) : LogSink(WriteToStandardError)) {}
 
@@ -33,7 +43,12 @@ void Logger::Error(const char* format, ...) const {
 
 void Logger::Write(const char* prefix, const char* format, va_list args) const {
     auto buffer = std::make_unique<char[]>(kMaxMessage);
+    // "%f" writes the same digits whatever locale the application set: this thread formats under
+    // the "C" locale for the length of the call.
+    const locale_t classic = ClassicLocale();
+    const locale_t previous = classic ? ::uselocale(classic) : nullptr;
     int written = std::vsnprintf(buffer.get(), kMaxMessage, format, args);
+    if (previous) ::uselocale(previous);
     if (written < 0) return;
     std::size_t length = static_cast<std::size_t>(written);
     if (length >= kMaxMessage) {

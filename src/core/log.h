@@ -14,7 +14,8 @@ using LogSink = std::function<void(std::string_view line)>;
 
 // The library's three-level debug output. Debug and warning lines are written only while the
 // debug switch is on, and cost one flag test when it is off; error lines are always written.
-// Each line reaches the sink in one call, so lines of different threads never interleave.
+// Each line reaches the sink in one call, so lines of different threads never interleave. Formats
+// are printf's, converted under the "C" locale whatever locale the application chose.
 class Logger {
 public:
     static constexpr std::size_t kMaxMessage = 10240;  // characters, terminator included

@@ -1,6 +1,7 @@
 #include "lifecycle/lifetime_value.h"
 
 #include "analytics/tracker.h"
+#include "core/number_text.h"
 
 #include <charconv>
 
@@ -17,11 +18,7 @@ T ParseNumber(const std::string& text) {
 
 }  // namespace
 
-std::string FormatTwoDecimals(double value) {
-    char buffer[1024];
-    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, 2);
-    return result.ec == std::errc() ? std::string(buffer, result.ptr) : std::string();
-}
+std::string FormatTwoDecimals(double value) { return FixedText(value, 2); }
 
 LifetimeValue::LifetimeValue(SettingsStore& settings, ActionTracker& tracker, const Logger& log)
     : settings_(settings), tracker_(tracker), log_(log) {}

@@ -1,20 +1,31 @@
 #include "lifecycle/location.h"
 
 #include "analytics/tracker.h"
+#include "core/number_text.h"
 #include "vantor/vantor.h"
 
 #include <cmath>
-#include <cstdio>
 
 namespace velmora {
 namespace {
 
 constexpr double kDegreesToRadians = 0.017453292519943295;
 
-std::string Printf(const char* format, double value) {
-    char buffer[512];
-    std::snprintf(buffer, sizeof buffer, format, value);
-    return buffer;
+// printf's "% 011.6f": a blank or "-", then zeros up to 11 characters; "nan" is padded with blanks.
+std::string SignedPaddedSixDecimals(double value) {
+    constexpr std::size_t kWidth = 11;
+    std::string digits = FixedText(value, 6);
+    std::string sign = " ";
+    if (!digits.empty() && digits.front() == '-') {
+        sign = "-";
+        digits.erase(0, 1);
+    }
+    if (!std::isfinite(value)) {
+        const std::string text = sign + digits;
+        return std::string(kWidth > text.size() ? kWidth - text.size() : 0, ' ') + text;
+    }
+    const std::size_t used = sign.size() + digits.size();
+    return sign + std::string(kWidth > used ? kWidth - used : 0, '0') + digits;
 }
 
 std::string Piece(const std::string& text, std::size_t offset, std::size_t length) {
@@ -24,7 +35,7 @@ std::string Piece(const std::string& text, std::size_t offset, std::size_t lengt
 }  // namespace
 
 CoordinatePieces SplitCoordinate(double degrees) {
-    const std::string text = Printf("% 011.6f", degrees);
+    const std::string text = SignedPaddedSixDecimals(degrees);
     CoordinatePieces pieces{Piece(text, 0, 6), Piece(text, 6, 2), Piece(text, 8, 2)};
     if (!pieces.a.empty() && pieces.a.front() == ' ') pieces.a.erase(0, 1);
     return pieces;
@@ -75,7 +86,7 @@ void LocationTracker::TrackLocation(double latitude, double longitude, double ac
     data["a.loc.lon.a"] = lon.a;
     data["a.loc.lon.b"] = lon.b;
     data["a.loc.lon.c"] = lon.c;
-    if (accuracy > 0) data["a.loc.acc"] = Printf("%.0f", accuracy);
+    if (accuracy > 0) data["a.loc.acc"] = FixedText(accuracy, 0);
 
     setOfferParameter_("a.loc.poi", "");
     setOfferParameter_("a.loc.dist", "");
@@ -83,7 +94,7 @@ void LocationTracker::TrackLocation(double latitude, double longitude, double ac
         if (poi.name.empty() || poi.radius == 0) continue;
         const double distance = DistanceMetres(latitude, longitude, poi.latitude, poi.longitude);
         if (distance <= poi.radius) {
-            const std::string metres = Printf("%.0f", distance);
+            const std::string metres = FixedText(distance, 0);
             data["a.loc.poi"] = poi.name;
             data["a.loc.dist"] = metres;
             setOfferParameter_("a.loc.poi", poi.name);

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <functional>
 
 namespace velmora {
@@ -26,6 +27,26 @@ TEST(Builder, AddsTheStandardVariablesAndMergesTheDeviceContext) {
         EXPECT_EQ(HitBuilder(300).Build(context, {}, 1400000000, facts),
                   head + body + (body.empty() ? "" : "&.c") + "&AQE=1");
     }
+}
+
+// The cache busters are glibc's rand() seeded 1, 2, 3, ...; the application's own rand() goes on
+// as if no hit had been built.
+TEST(Builder, CacheBustersFollowSeededRandAndLeaveTheApplicationsRandAlone) {
+    std::srand(42);
+    const int before = std::rand();
+    HitBuilder builder(0);
+    std::vector<std::string> hits;
+    for (int i = 0; i < 3; ++i) hits.push_back(builder.Build({}, {}, 0, {}));
+    const int after = std::rand();
+    std::srand(42);
+    EXPECT_EQ(before, std::rand());
+    EXPECT_EQ(after, std::rand()) << "building hits reseeded or advanced rand()";
+    for (unsigned n = 1; n <= 3; ++n) {
+        std::srand(n);
+        const std::uint64_t a = std::rand(), b = std::rand();
+        EXPECT_EQ(hits[n - 1].substr(0, hits[n - 1].find('?')), "s" + std::to_string(((a << 32) + b) % 10'000'000));
+    }
+    EXPECT_EQ(hits[0].rfind("s1949254?", 0), 0u);
 }
 
 TEST(QueueFile, MembersRoundTripAndADamagedEntryKeepsWhatCameBefore) {

@@ -13,8 +13,11 @@ if(NOT TARGET velmora_collector_core)
     ${_collector_dir}/hit_store.cpp
     ${_collector_dir}/options.cpp
     ${_collector_dir}/page.cpp
-    ${_collector_dir}/render.cpp)
+    ${_collector_dir}/render.cpp
+    # The library's own UTF-8 check, so that both read text the same way.
+    ${_collector_dir}/../../src/core/utf8.cpp)
   target_include_directories(velmora_collector_core PUBLIC ${_collector_dir})
+  target_include_directories(velmora_collector_core PRIVATE ${_collector_dir}/../../src)
   target_compile_options(velmora_collector_core PRIVATE ${VELMORA_WARNINGS})
   target_link_libraries(velmora_collector_core PUBLIC
     PkgConfig::HTTPLIB nlohmann_json::nlohmann_json Threads::Threads)

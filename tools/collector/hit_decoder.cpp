@@ -96,40 +96,6 @@ bool AllDigits(std::string_view text) {
 
 }  // namespace
 
-bool IsUtf8(std::string_view text) {
-    std::size_t i = 0;
-    while (i < text.size()) {
-        auto byte = static_cast<unsigned char>(text[i]);
-        std::size_t length;
-        char32_t code;
-        if (byte < 0x80) {
-            ++i;
-            continue;
-        } else if ((byte & 0xE0) == 0xC0) {
-            length = 2;
-            code = byte & 0x1F;
-        } else if ((byte & 0xF0) == 0xE0) {
-            length = 3;
-            code = byte & 0x0F;
-        } else if ((byte & 0xF8) == 0xF0) {
-            length = 4;
-            code = byte & 0x07;
-        } else {
-            return false;
-        }
-        if (i + length > text.size()) return false;
-        for (std::size_t k = 1; k < length; ++k) {
-            auto next = static_cast<unsigned char>(text[i + k]);
-            if ((next & 0xC0) != 0x80) return false;
-            code = (code << 6) | (next & 0x3F);
-        }
-        static constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (code < kSmallest[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
-        i += length;
-    }
-    return true;
-}
-
 std::string PercentDecode(std::string_view text) {
     std::string decoded;
     decoded.reserve(text.size());
@@ -146,7 +112,6 @@ std::string PercentDecode(std::string_view text) {
         decoded.push_back(static_cast<char>(high * 16 + low));
         i += 2;
     }
-    if (!IsUtf8(decoded)) throw MalformedRequest("\"" + std::string(text) + "\" does not decode to UTF-8");
     return decoded;
 }
 

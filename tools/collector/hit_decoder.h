@@ -27,12 +27,10 @@ struct Hit {
     StringMap contextData;     // the context group flattened back into dotted keys
 };
 
-// Decodes "%XX" escapes. A "%" without two hex digits after it, or a result that is not UTF-8,
-// is malformed; "+" stays "+", because the library encodes blanks as "%20".
+// Decodes "%XX" escapes into whatever bytes they name, valid UTF-8 or not: what is shown makes
+// them safe, the decoded hit keeps them as sent. A "%" without two hex digits after it is malformed;
+// "+" stays "+", because the library encodes blanks as "%20".
 std::string PercentDecode(std::string_view text);
-
-// Checks that `text` is well-formed UTF-8 (no overlong forms, no surrogates).
-bool IsUtf8(std::string_view text);
 
 // Decodes a hit request target: "/b/ss/<rsids>/0/<platform>/s<digits>?AQB=1&ndh=1...&AQE=1".
 // Groups ("&name." ... "&.name") nest; entries inside the top-level "c" group become context data

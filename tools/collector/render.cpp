@@ -1,5 +1,7 @@
 #include "render.h"
 
+#include "core/utf8.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
@@ -56,7 +58,7 @@ std::string FormatUtc(std::int64_t millis) {
 std::string Printable(std::string_view text) {
     std::string shown;
     shown.reserve(text.size());
-    for (char c : text) {
+    for (char c : ToValidUtf8(std::string(text))) {
         auto byte = static_cast<unsigned char>(c);
         if (c == '\n') {
             shown += "\\n";

@@ -14,7 +14,7 @@ namespace velmora::collector {
 std::string FormatUtc(std::int64_t millis);
 
 // Control characters shown as "\n", "\t" or "\xHH", so that a value cannot move the terminal's
-// cursor or split a block.
+// cursor or split a block; bytes that are not UTF-8 shown as U+FFFD.
 std::string Printable(std::string_view text);
 
 // "key = value" lines, keys padded to one width, each line indented by `indent` blanks.
