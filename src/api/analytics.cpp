@@ -23,7 +23,8 @@ void Analytics::TrackState(const std::string& state, const ObjectMap& contextDat
     velmora::Call([&](Runtime& runtime) {
         auto translated = velmora::TranslateContextData(contextData, runtime.Log());
         ReadDisplayInformation(runtime);
-        runtime.GeneralQueue().Post([&runtime, state, translated = std::move(translated)]() mutable {
+        runtime.GeneralQueue().Post([&runtime, state = velmora::ToValidUtf8(state),
+                                     translated = std::move(translated)]() mutable {
             runtime.Get<AnalyticsTracker>().GatedTrackState(state, std::move(translated));
         });
     });
@@ -33,7 +34,8 @@ void Analytics::TrackAction(const std::string& action, const ObjectMap& contextD
     velmora::Call([&](Runtime& runtime) {
         auto translated = velmora::TranslateContextData(contextData, runtime.Log());
         ReadDisplayInformation(runtime);
-        runtime.GeneralQueue().Post([&runtime, action, translated = std::move(translated)]() mutable {
+        runtime.GeneralQueue().Post([&runtime, action = velmora::ToValidUtf8(action),
+                                     translated = std::move(translated)]() mutable {
             runtime.Get<AnalyticsTracker>().GatedTrackAction(action, std::move(translated));
         });
     });

@@ -49,26 +49,26 @@ void Analytics::TrackLifetimeValueIncrease(float amount, const ObjectMap& contex
 }
 
 void Analytics::TrackTimedActionStart(const std::string& action, const ObjectMap& contextData) {
-    PostTracking(contextData, false, [action](Runtime& runtime, velmora::StringMap data) {
+    PostTracking(contextData, false, [action = velmora::ToValidUtf8(action)](Runtime& runtime, velmora::StringMap data) {
         runtime.Get<velmora::TimedActionStore>().Start(action, std::move(data));
     });
 }
 
 void Analytics::TrackTimedActionUpdate(const std::string& action, const ObjectMap& contextData) {
-    PostTracking(contextData, false, [action](Runtime& runtime, velmora::StringMap data) {
+    PostTracking(contextData, false, [action = velmora::ToValidUtf8(action)](Runtime& runtime, velmora::StringMap data) {
         runtime.Get<velmora::TimedActionStore>().Update(action, std::move(data));
     });
 }
 
 void Analytics::TrackTimedActionEnd(const std::string& action) {
-    PostTracking({}, true, [action](Runtime& runtime, velmora::StringMap) {
+    PostTracking({}, true, [action = velmora::ToValidUtf8(action)](Runtime& runtime, velmora::StringMap) {
         runtime.Get<velmora::TimedActionStore>().End(action);
     });
 }
 
 std::future<bool> Analytics::TrackingTimedActionExistsAsync(const std::string& action) {
     // Through the general queue, so that the answer sees the starts and ends called before it.
-    return velmora::PostForResult<bool>(false, [action](Runtime& runtime, auto completion) {
+    return velmora::PostForResult<bool>(false, [action = velmora::ToValidUtf8(action)](Runtime& runtime, auto completion) {
         auto& store = runtime.Get<velmora::TimedActionStore>();
         velmora::CompleteAfter(store.Queue(), store.Exists(action), completion);
     });

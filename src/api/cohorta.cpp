@@ -30,7 +30,7 @@ std::string Cohorta::GetDpid() {
 }
 
 void Cohorta::SetDpidAndDpuuid(const std::string& dpid, const std::string& dpuuid) {
-    velmora::Post([dpid, dpuuid](Runtime& runtime) { runtime.Get<CohortaClient>().SetDpidAndDpuuid(dpid, dpuuid); });
+    velmora::Post([dpid = velmora::ToValidUtf8(dpid), dpuuid = velmora::ToValidUtf8(dpuuid)](Runtime& runtime) { runtime.Get<CohortaClient>().SetDpidAndDpuuid(dpid, dpuuid); });
 }
 
 std::future<std::optional<StringMap>> Cohorta::SubmitSignal(const ObjectMap& traits) {

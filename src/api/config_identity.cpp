@@ -18,7 +18,7 @@ std::string Config::GetUserIdentifier() {
 }
 
 void Config::SetUserIdentifier(const std::string& identifier) {
-    velmora::Post([identifier](Runtime& runtime) { runtime.Get<DeviceContext>().SetVisitorId(identifier); });
+    velmora::Post([identifier = velmora::ToValidUtf8(identifier)](Runtime& runtime) { runtime.Get<DeviceContext>().SetVisitorId(identifier); });
 }
 
 }  // namespace Velmora

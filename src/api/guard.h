@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/runtime.h"
+#include "core/utf8.h"
 
 #include <exception>
 #include <future>

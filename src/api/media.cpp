@@ -57,43 +57,47 @@ void Media::Open(std::shared_ptr<MediaSettings> settings) {
     // The item takes its own copy: the application may change or reuse its object at once.
     velmora::Guard([&settings] {
         auto copy = settings ? std::make_shared<MediaSettings>(*settings) : nullptr;
+        if (copy) {
+            for (std::string* text : {&copy->Name, &copy->PlayerName, &copy->PlayerID, &copy->Channel, &copy->Milestones,
+                                      &copy->OffsetMilestones, &copy->ParentName, &copy->ParentPod, &copy->CPM}) {
+                *text = velmora::ToValidUtf8(std::move(*text));
+            }
+        }
         // An ad that opens shows its cleaned parent name in the application's object. Cleaning is pure,
         // so it runs here and the object is never written from the queue; the copy stays uncleaned,
         // as cleaning twice can remove more than once.
-        if (settings && settings->IsMediaAd && !settings->ParentName.empty()) {
-            const auto& media = Runtime::Process().Get<MediaModule>();
-            if (!media.CleanMediaName(settings->Name).empty()) {
-                settings->ParentName = media.CleanMediaName(settings->ParentName);
-            }
+        if (settings && settings->IsMediaAd && !settings->ParentName.empty() &&
+            !velmora::CleanMediaName(settings->Name).empty()) {
+            settings->ParentName = velmora::CleanMediaName(settings->ParentName);
         }
         PostToMedia([copy = std::move(copy)](MediaModule& media) { media.Open(copy); });
     });
 }
 
 void Media::Close(const std::string& name) {
-    PostToMedia([name](MediaModule& media) { media.Close(name); });
+    PostToMedia([name = velmora::ToValidUtf8(name)](MediaModule& media) { media.Close(name); });
 }
 
 void Media::Play(const std::string& name, double offset) {
-    PostToMedia([name, offset](MediaModule& media) { media.Play(name, offset); });
+    PostToMedia([name = velmora::ToValidUtf8(name), offset](MediaModule& media) { media.Play(name, offset); });
 }
 
 void Media::Complete(const std::string& name, double offset) {
-    PostToMedia([name, offset](MediaModule& media) { media.Complete(name, offset); });
+    PostToMedia([name = velmora::ToValidUtf8(name), offset](MediaModule& media) { media.Complete(name, offset); });
 }
 
 void Media::Stop(const std::string& name, double offset) {
-    PostToMedia([name, offset](MediaModule& media) { media.Stop(name, offset); });
+    PostToMedia([name = velmora::ToValidUtf8(name), offset](MediaModule& media) { media.Stop(name, offset); });
 }
 
 void Media::Click(const std::string& name, double offset) {
-    PostToMedia([name, offset](MediaModule& media) { media.Click(name, offset); });
+    PostToMedia([name = velmora::ToValidUtf8(name), offset](MediaModule& media) { media.Click(name, offset); });
 }
 
 void Media::Track(const std::string& name, const ObjectMap& contextData) {
     velmora::Call([&](Runtime& runtime) {
         auto translated = velmora::TranslateContextData(contextData, runtime.Log());
-        PostToMedia([name, translated = std::move(translated)](MediaModule& media) mutable {
+        PostToMedia([name = velmora::ToValidUtf8(name), translated = std::move(translated)](MediaModule& media) mutable {
             media.Track(name, std::move(translated));
         });
     });

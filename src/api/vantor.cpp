@@ -25,7 +25,7 @@ std::future<std::string> Vantor::LoadRequest(std::shared_ptr<VantorLocationReque
             runtime.Log().Debug("Vantor - Attempted to Load a null request, returning empty string");
             return;
         }
-        offer = velmora::OfferRequest{request->Name, request->DefaultContent,
+        offer = velmora::OfferRequest{velmora::ToValidUtf8(request->Name), velmora::ToValidUtf8(request->DefaultContent),
                                       velmora::TranslateContextData(request->Parameters, runtime.Log())};
     });
     if (!offer) return velmora::ReadyFuture<std::string>(request ? request->DefaultContent : "");

@@ -270,8 +270,10 @@ std::string DeviceContext::AidFromGuid(const std::string& guid) const {
     std::string high = digits.substr(0, 16);
     std::string low = digits.size() > 16 ? digits.substr(16) : "";
     // The high half must read as a positive signed 64-bit number, the low half starts with 0 to 3.
-    high = std::regex_replace(high, *highHalfSign, std::to_string(std::rand() % 8));
-    low = std::regex_replace(low, *lowHalfVariant, std::to_string(std::rand() % 4));
+    // Drawn from the system, not rand(): the application's rand() sequence is its own.
+    std::random_device random;
+    high = std::regex_replace(high, *highHalfSign, std::to_string(random() % 8));
+    low = std::regex_replace(low, *lowHalfVariant, std::to_string(random() % 4));
     return high + "-" + low;
 }
 

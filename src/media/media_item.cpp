@@ -8,6 +8,7 @@
 #include <limits>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 
 namespace velmora {
 namespace {
@@ -41,13 +42,25 @@ const char* MediaEventName(std::int32_t eventType) {
     }
 }
 
-MediaNameCleaner::MediaNameCleaner() : newline_("\n"), carriageReturn_("\r"), marker_("--\\*\\*--") {}
-
-std::string MediaNameCleaner::Clean(const std::string& text) const {
-    if (text.empty()) return text;
-    std::string cleaned = std::regex_replace(text, newline_, "");
-    cleaned = std::regex_replace(cleaned, carriageReturn_, "");
-    return std::regex_replace(cleaned, marker_, "");
+// Plain string work, not patterns: the application's thread cleans an ad's parent name, and
+// compiling patterns there would cost more than the whole call may.
+std::string CleanMediaName(const std::string& text) {
+    std::string lines;
+    lines.reserve(text.size());
+    for (char c : text) {
+        if (c != '\n' && c != '\r') lines += c;
+    }
+    static constexpr std::string_view kMarker = "--**--";
+    std::string cleaned;
+    cleaned.reserve(lines.size());
+    for (std::size_t at = 0; at < lines.size();) {
+        if (lines.compare(at, kMarker.size(), kMarker) == 0) {
+            at += kMarker.size();
+        } else {
+            cleaned += lines[at++];
+        }
+    }
+    return cleaned;
 }
 
 std::int32_t ParseLeadingInt32(const std::string& piece) {

@@ -85,18 +85,9 @@ struct MediaItem {
     std::int32_t trackSeconds = 0;
 };
 
-// Strips line feeds, carriage returns and the "--**--" marker from names. The patterns are compiled
-// once per owner.
-class MediaNameCleaner {
-public:
-    MediaNameCleaner();
-    std::string Clean(const std::string& text) const;
-
-private:
-    const std::regex newline_;
-    const std::regex carriageReturn_;
-    const std::regex marker_;
-};
+// `text` without line feeds and carriage returns, then without each "--**--" marker, the markers
+// found left to right without overlap in one pass (so "--*--**--*--" keeps "--**--").
+std::string CleanMediaName(const std::string& text);
 
 // A base-10 integer at the start of `piece` (leading blanks allowed, the rest ignored). Throws
 // std::invalid_argument without a leading number and std::out_of_range outside 32 bits.

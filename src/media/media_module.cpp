@@ -61,7 +61,7 @@ void MediaModule::Open(const std::shared_ptr<Velmora::MediaSettings>& settings) 
 
 void MediaModule::OpenItem(Velmora::MediaSettings& settings) {
     std::lock_guard lock(mutex_);
-    const std::string name = cleaner_.Clean(settings.Name);
+    const std::string name = CleanMediaName(settings.Name);
     if (name.empty()) {
         log_.Warning("Analytics - VLMMediaSettings is required with a valid name. Media item not opened");
         return;
@@ -72,10 +72,10 @@ void MediaModule::OpenItem(Velmora::MediaSettings& settings) {
                          "Media item not opened");
             return;
         }
-        settings.ParentName = cleaner_.Clean(settings.ParentName);
+        settings.ParentName = CleanMediaName(settings.ParentName);
     }
     const double length = settings.Length > 0 ? settings.Length : -1;
-    const std::string playerName = settings.PlayerName.empty() ? "Not_Specified" : cleaner_.Clean(settings.PlayerName);
+    const std::string playerName = settings.PlayerName.empty() ? "Not_Specified" : CleanMediaName(settings.PlayerName);
 
     if (auto same = items_.find(name); same != items_.end()) CloseItem(same);
     if (!settings.PlayerID.empty()) {
@@ -110,7 +110,7 @@ void MediaModule::OpenItem(Velmora::MediaSettings& settings) {
 
 void MediaModule::Close(const std::string& rawName) {
     if (!Gate()) return;
-    const std::string name = cleaner_.Clean(rawName);
+    const std::string name = CleanMediaName(rawName);
     std::lock_guard lock(mutex_);
     auto it = Find(name, "close");
     if (it != items_.end()) CloseItem(it);
@@ -134,7 +134,7 @@ void MediaModule::CloseItem(Items::iterator it) {
 
 void MediaModule::Play(const std::string& rawName, double offset) {
     if (!Gate()) return;
-    const std::string name = cleaner_.Clean(rawName);
+    const std::string name = CleanMediaName(rawName);
     std::lock_guard lock(mutex_);
     auto it = Find(name, "play");
     if (it == items_.end()) return;
@@ -159,7 +159,7 @@ void MediaModule::Play(const std::string& rawName, double offset) {
 
 void MediaModule::Stop(const std::string& rawName, double offset) {
     if (!Gate()) return;
-    const std::string name = cleaner_.Clean(rawName);
+    const std::string name = CleanMediaName(rawName);
     std::lock_guard lock(mutex_);
     auto it = Find(name, "stop");
     if (it == items_.end() || !IsPlaying(it->second)) return;
@@ -173,7 +173,7 @@ void MediaModule::Stop(const std::string& rawName, double offset) {
 
 void MediaModule::Complete(const std::string& rawName, double offset) {
     if (!Gate()) return;
-    const std::string name = cleaner_.Clean(rawName);
+    const std::string name = CleanMediaName(rawName);
     std::lock_guard lock(mutex_);
     auto it = Find(name, "complete");
     if (it == items_.end() || !IsPlaying(it->second)) return;
@@ -191,7 +191,7 @@ void MediaModule::Complete(const std::string& rawName, double offset) {
 
 void MediaModule::Click(const std::string& rawName, double offset) {
     if (!Gate()) return;
-    const std::string name = cleaner_.Clean(rawName);
+    const std::string name = CleanMediaName(rawName);
     std::lock_guard lock(mutex_);
     auto it = Find(name, "click");
     if (it == items_.end() || !IsPlaying(it->second)) return;
@@ -204,7 +204,7 @@ void MediaModule::Click(const std::string& rawName, double offset) {
 
 void MediaModule::Track(const std::string& rawName, StringMap contextData) {
     if (!Gate()) return;
-    const std::string name = cleaner_.Clean(rawName);
+    const std::string name = CleanMediaName(rawName);
     std::lock_guard lock(mutex_);
     auto it = Find(name, "track");
     if (it == items_.end()) return;

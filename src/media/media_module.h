@@ -49,7 +49,6 @@ public:
     // Opening without the analytics check. An ad's cleaned parent name is written back to `settings`.
     void OpenItem(Velmora::MediaSettings& settings);
 
-    std::string CleanMediaName(const std::string& text) const { return cleaner_.Clean(text); }
 
 private:
     using Items = std::map<std::string, MediaItem>;
@@ -80,7 +79,6 @@ private:
     Clock& clock_;
     const std::function<bool()> analyticsConfigured_;
     ActionTracker& tracker_;
-    const MediaNameCleaner cleaner_;
     const std::shared_ptr<MonitorLock> monitorLock_ = std::make_shared<MonitorLock>();
 
     std::mutex mutex_;  // the media lock

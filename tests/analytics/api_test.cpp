@@ -41,7 +41,7 @@ TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
                       {"&&pageName", std::string("Moved")}, {"&&", std::string("gone")}, {"empty", std::string()},
                       {"count", std::int32_t{3}}, {"ratio", 1.5}, {"flag", true}, {"when", Velmora::DateTime{}},
                       {"none", nullptr}});
-    Velmora::Analytics::TrackAction("Buy/Now", {{"a.OSVersion", std::string("mine")}, {"a.action", std::string("me")}});
+    Velmora::Analytics::TrackAction("Buy/Now\xC3", {{"a.OSVersion", std::string("mine")}, {"a.action", std::string("me")}});
     ASSERT_TRUE(server_.WaitForRequests(2));
     EXPECT_TRUE(Velmora::Host::Flush(kWait));
     const std::string aid = std::string("?AQB=1&ndh=1&aid=") + kAid + "&ce=UTF-8&pageName=";
@@ -51,7 +51,7 @@ TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
               (std::vector<std::string>{
                   kHitPath + ("s1949254" + aid) + "Moved&pe=m_s" + zone + device + "Windows%20Phone%208.1" +
                       "&aResolution=Unknown&ab=x&cafbrcde=y&count=3&flag=true&mykey=v%201&ratio=1.5&.c&AQE=1",
-                  kHitPath + ("s3442559" + aid) + app + "&pe=lnk_o&pev2=AMACTION%3ABuy%2FNow" + zone + device +
+                  kHitPath + ("s3442559" + aid) + app + "&pe=lnk_o&pev2=AMACTION%3ABuy%2FNow%EF%BF%BD" + zone + device +
                       "mine&aResolution=Unknown&aaction=me&.c&AQE=1"}));
 }
 
