@@ -166,7 +166,11 @@ std::unique_ptr<ConfigSettings> LoadConfig(const std::filesystem::path& packageD
         log.Error("Config - Unable to load local config file (%s)", e.what());
         config.reset();
     }
-    return config ? std::move(config) : std::make_unique<ConfigSettings>();
+    if (config) return config;
+    // The lines above name the file only by its name; velmora-check explains what is wrong with it.
+    log.Error("Config - The config file looked for is %s (velmora-check explains it)",
+              (packageDirectory / name).string().c_str());
+    return std::make_unique<ConfigSettings>();
 }
 
 bool ModuleGates::Analytics() {
