@@ -49,9 +49,10 @@ struct HostOptions {
     std::function<std::optional<std::pair<double, double>>()> windowSize;  // width, height
     /// Whether the device can reach the internet now. Called on the sender's thread before each
     /// hit it sends; false stops sending, and the hits wait in the queue (an exception counts as
-    /// true). It must answer quickly and must not call the library. Empty: the kernel's routing
-    /// table decides: connected while there is a default route, IPv4 or IPv6; when a route comes
-    /// back, a sender that stopped for lack of one starts again.
+    /// true). While the sender waits, it is also called every 2 s on the library's timer thread,
+    /// and sending starts again once it answers true. It must answer quickly and must not call the
+    /// library. Empty: the kernel's routing table decides: connected while there is a default
+    /// route, IPv4 or IPv6 (the Linux form of the platform's internet connection profile).
     std::function<bool()> internetAvailable;
     /// Receives every log line in one call: the level prefix ("Velmora Debug:", "Velmora
     /// Warning:", "Velmora Error:"), the message and a line feed. Called on whichever thread logs,
