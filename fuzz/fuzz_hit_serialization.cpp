@@ -4,6 +4,7 @@
 #include "analytics/hit_builder.h"
 #include "analytics/hit_queue.h"
 #include "analytics/values.h"
+#include "core/utf8.h"
 #include "numbers.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -11,6 +12,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <map>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -55,7 +57,7 @@ bool MatchesValue(const std::string& text, const Object& value) {
         [&](const auto& v) {
             using T = std::decay_t<decltype(v)>;
             if constexpr (std::is_same_v<T, std::string>) {
-                return text == v;
+                return text == velmora::ToValidUtf8(v);
             } else if constexpr (std::is_same_v<T, bool>) {
                 return text == (v ? "true" : "false");
             } else if constexpr (std::is_arithmetic_v<T>) {
@@ -110,8 +112,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         contextData[std::move(key)] = ConsumeObject(input);
     }
     const velmora::StringMap translated = velmora::TranslateContextData(contextData, log);
+    for (const auto& [key, text] : translated) {
+        if (!velmora::IsValidUtf8(key) || !velmora::IsValidUtf8(text)) __builtin_trap();
+    }
+    // Keys that become the same valid text share one entry; the others each keep theirs.
+    std::map<std::string, int> names;
+    for (const auto& entry : contextData) ++names[velmora::ToValidUtf8(entry.first)];
     for (const auto& [key, value] : contextData) {
-        auto it = translated.find(key);
+        if (names[velmora::ToValidUtf8(key)] > 1) continue;
+        auto it = translated.find(velmora::ToValidUtf8(key));
         const bool hasText = velmora::ValueText(value).has_value();
         if (hasText != (it != translated.end())) __builtin_trap();
         if (hasText && !MatchesValue(it->second, value)) __builtin_trap();
