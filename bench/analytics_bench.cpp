@@ -5,7 +5,7 @@
 #include "analytics/tracker.h"
 #include "analytics/values.h"
 #include "core/device.h"
-#include "core/runtime.h"
+#include "runtime/runtime.h"
 
 #include <velmora/Velmora.h>
 
@@ -163,7 +163,7 @@ void BM_DeliverToLoopback(benchmark::State& state) {
         package.Write("VelmoraConfig.json", ConfigJson("127.0.0.1:" + std::to_string(port), true, "optunknown"));
         auto runtime = std::make_unique<Runtime>(Options(package, local, true));
         runtime->Settings().Insert(kAidKey, std::string(kAid));
-        auto& tracker = runtime->Get<AnalyticsTracker>();
+        auto& tracker = runtime->Tracker();
         const StringMap context = TranslateContextData(TenEntries(), runtime->Log());
         for (int i = 0; i < kHits; ++i) tracker.GatedTrackState("Page " + std::to_string(i), context);
         if (tracker.QueueSize() != static_cast<std::uint32_t>(kHits)) state.SkipWithError("hits were not queued");
@@ -190,7 +190,7 @@ void BM_OfflineBacklogInFileAndLoad(benchmark::State& state) {
         package.Write("VelmoraConfig.json", ConfigJson("collector.invalid", true, "optedin"));
         auto runtime = std::make_unique<Runtime>(Options(package, local, false));
         runtime->Settings().Insert(kAidKey, std::string(kAid));
-        auto& tracker = runtime->Get<AnalyticsTracker>();
+        auto& tracker = runtime->Tracker();
         tracker.QueueSize();  // created and loaded before the clock starts
         const auto context = TenEntries();
 
@@ -212,10 +212,10 @@ void BM_OfflineBacklogInFileAndLoad(benchmark::State& state) {
         runtime.reset();  // the next process
 
         runtime = std::make_unique<Runtime>(Options(package, local, false));
-        runtime->Get<DeviceContext>();  // the services the queue uses, so that only the queue is timed
-        runtime->Get<HttpClient>();
+        runtime->Device();  // the services the queue uses, so that only the queue is timed
+        runtime->Http();
         const auto loadStart = Clock::now();
-        const std::size_t loaded = runtime->Get<HitQueue>().SizeAfterPendingWork().get();
+        const std::size_t loaded = runtime->Hits().SizeAfterPendingWork().get();
         const auto load = Clock::now() - loadStart;
         if (loaded != static_cast<std::size_t>(kHits)) state.SkipWithError("the file did not load back whole");
 

@@ -1,6 +1,6 @@
 // The timed-actions file: any text gives the readable actions (and maybe the error), never a
 // crash; the actions read, written back as the store saves them, read back unchanged.
-#include "lifecycle/timed_actions.h"
+#include "timed_actions/timed_actions.h"
 
 #include <cstdint>
 #include <exception>

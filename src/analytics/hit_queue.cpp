@@ -181,7 +181,7 @@ std::string QueueFileMember(const std::string& hit, std::int32_t timestamp) {
 }
 
 HitQueue::HitQueue(const Logger& log, Clock& clock, const ConfigSettings& config, FileStore& files,
-                   const HostOptions& host, HttpClient& http, DeviceContext& device)
+                   const HostOptions& host, HttpClient& http, DeviceContext& device, Executor& executor)
     : log_(log),
       clock_(clock),
       config_(config),
@@ -190,19 +190,13 @@ HitQueue::HitQueue(const Logger& log, Clock& clock, const ConfigSettings& config
       http_(http),
       device_(device),
       watch_(std::make_shared<ConnectionWatch>()),
-      work_("Analytics", log) {
+      work_("Analytics", log, executor) {
     watch_->owner = this;
     work_.Post([this] { Load(); });
 }
 
 HitQueue::~HitQueue() { Shutdown(); }
 
-std::unique_ptr<HitQueue> HitQueue::Create(Runtime& runtime) {
-    auto queue = std::make_unique<HitQueue>(runtime.Log(), runtime.GetClock(), runtime.Config(), runtime.Files(),
-                                            runtime.Host(), runtime.Get<HttpClient>(), runtime.Get<DeviceContext>());
-    runtime.SetHitQueueControl(queue.get());
-    return queue;
-}
 
 // ---------------------------------------------------------------- changes, on the work queue
 

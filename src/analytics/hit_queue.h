@@ -5,7 +5,6 @@
 #include "core/file_store.h"
 #include "core/host.h"
 #include "core/log.h"
-#include "core/runtime.h"
 #include "core/serial_queue.h"
 
 #include <atomic>
@@ -51,7 +50,7 @@ std::string QueueFileMember(const std::string& hit, std::int32_t timestamp);
 // The sender is one thread that sleeps until it is started, then sends the hits one at a time in
 // order until the queue is empty, the privacy status is not opt-in or there is no connection.
 // Retry cooldowns are waits on the injected clock that only the end of sending cuts short.
-class HitQueue : public RuntimeModule, public HitQueueControl {
+class HitQueue : public HitQueueControl {
 public:
     static constexpr const char* kFileName = "VelmoraDataCache.json";
     static constexpr int kCooldownSeconds = 30;
@@ -64,19 +63,17 @@ public:
     static constexpr std::size_t kMaxUrlBytes = 64 * 1024;
 
     HitQueue(const Logger& log, Clock& clock, const ConfigSettings& config, FileStore& files, const HostOptions& host,
-             HttpClient& http, DeviceContext& device);
-    ~HitQueue() override;
-    static std::unique_ptr<HitQueue> Create(Runtime& runtime);
+             HttpClient& http, DeviceContext& device, Executor& executor);
+    ~HitQueue();
 
-    int Stage() const override { return kStageHitQueue; }
     // Applies the start rule after the work posted before the call, then waits until the sender is
     // idle or waiting out a cooldown (which keeps its schedule). True when no hit is left queued.
-    bool Flush(std::chrono::milliseconds timeout) override;
+    bool Flush(std::chrono::milliseconds timeout);
     // No new send starts; a cooldown ends. The hit in flight still gets its answer.
-    void BeginShutdown() override;
+    void BeginShutdown();
     // True when no send is in flight by `deadline`.
-    bool WaitUntilIdle(std::chrono::steady_clock::time_point deadline) override;
-    void Shutdown() override;
+    bool WaitUntilIdle(std::chrono::steady_clock::time_point deadline);
+    void Shutdown();
 
     // Appends the hit on the work queue, saves and starts the sender when the start rule allows.
     void QueueHit(std::string hit, std::int32_t timestamp);

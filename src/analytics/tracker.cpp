@@ -24,7 +24,7 @@ T Await(std::future<T> future) {
 }  // namespace
 
 AnalyticsTracker::AnalyticsTracker(const Logger& log, Clock& clock, ConfigSettings& config, ModuleGates& gates,
-                                   SerialQueue& general, DeviceContext& device, HitQueue& hits)
+                                   SerialQueue& general, DeviceContext& device, HitQueue& hits, Executor& executor)
     : log_(log),
       clock_(clock),
       config_(config),
@@ -32,15 +32,10 @@ AnalyticsTracker::AnalyticsTracker(const Logger& log, Clock& clock, ConfigSettin
       general_(general),
       device_(device),
       hits_(hits),
-      queue_("Analytics", log) {}
+      queue_("Analytics", log, executor) {}
 
 AnalyticsTracker::~AnalyticsTracker() { queue_.Shutdown(); }
 
-std::unique_ptr<AnalyticsTracker> AnalyticsTracker::Create(Runtime& runtime) {
-    return std::make_unique<AnalyticsTracker>(runtime.Log(), runtime.GetClock(), runtime.Config(), runtime.Gates(),
-                                              runtime.GeneralQueue(), runtime.Get<DeviceContext>(),
-                                              runtime.Get<HitQueue>());
-}
 
 bool AnalyticsTracker::PassesGate() {
     if (!gates_.Analytics()) {

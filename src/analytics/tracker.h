@@ -5,7 +5,6 @@
 #include "core/clock.h"
 #include "core/config.h"
 #include "core/log.h"
-#include "core/runtime.h"
 #include "core/serial_queue.h"
 
 #include <cstdint>
@@ -22,16 +21,14 @@ class HitQueue;
 // then move to the analytics queue, where hits are built one at a time and handed to the hit
 // queue; calls made in order on one thread therefore become hits in that order. Other modules send
 // their hits through the ActionTracker side, which skips the gate (they have applied their own).
-class AnalyticsTracker : public RuntimeModule, public ActionTracker {
+class AnalyticsTracker : public ActionTracker {
 public:
     AnalyticsTracker(const Logger& log, Clock& clock, ConfigSettings& config, ModuleGates& gates, SerialQueue& general,
-                     DeviceContext& device, HitQueue& hits);
-    ~AnalyticsTracker() override;
-    static std::unique_ptr<AnalyticsTracker> Create(Runtime& runtime);
+                     DeviceContext& device, HitQueue& hits, Executor& executor);
+    ~AnalyticsTracker();
 
-    int Stage() const override { return kStageAnalytics; }
-    bool Flush(std::chrono::milliseconds timeout) override { return queue_.Drain(timeout); }
-    void Shutdown() override { queue_.Shutdown(); }
+    bool Flush(std::chrono::milliseconds timeout) { return queue_.Drain(timeout); }
+    void Shutdown() { queue_.Shutdown(); }
 
     // The application's calls, run on the general queue: the gate, then building on the analytics
     // queue.

@@ -4,9 +4,9 @@
 #include "analytics/values.h"
 #include "api/guard.h"
 #include "core/device.h"
-#include "lifecycle/lifetime_value.h"
-#include "lifecycle/location.h"
-#include "lifecycle/timed_actions.h"
+#include "lifetime_value/lifetime_value.h"
+#include "location/location.h"
+#include "timed_actions/timed_actions.h"
 
 namespace Velmora {
 namespace {
@@ -14,11 +14,11 @@ namespace {
 using velmora::Runtime;
 
 // The analytics gate, run on the general queue before the work of a tracking call.
-bool AnalyticsAllowed(Runtime& runtime) { return runtime.Get<velmora::AnalyticsTracker>().PassesGate(); }
+bool AnalyticsAllowed(Runtime& runtime) { return runtime.Tracker().PassesGate(); }
 
 // The display size can only be read where the application's window is reachable: here, on the
 // caller's thread, before the work is posted.
-void ReadDisplayOnCallingThread(Runtime& runtime) { runtime.Get<velmora::DeviceContext>().GetResolution(); }
+void ReadDisplayOnCallingThread(Runtime& runtime) { runtime.Device().GetResolution(); }
 
 // Converts the context data and reads the display on the caller's thread, then runs `work` with
 // the converted data on the general queue behind the analytics gate.
@@ -38,38 +38,38 @@ void PostTracking(const ObjectMap& contextData, bool readDisplay, Work work) {
 void Analytics::TrackLocation(double latitude, double longitude, double horizontalAccuracy,
                               const ObjectMap& contextData) {
     PostTracking(contextData, true, [=](Runtime& runtime, velmora::StringMap data) {
-        runtime.Get<velmora::LocationTracker>().TrackLocation(latitude, longitude, horizontalAccuracy, data);
+        runtime.Location().TrackLocation(latitude, longitude, horizontalAccuracy, data);
     });
 }
 
 void Analytics::TrackLifetimeValueIncrease(float amount, const ObjectMap& contextData) {
     PostTracking(contextData, true, [amount](Runtime& runtime, velmora::StringMap data) {
-        runtime.Get<velmora::LifetimeValue>().Increase(amount, std::move(data));
+        runtime.LifetimeValues().Increase(amount, std::move(data));
     });
 }
 
 void Analytics::TrackTimedActionStart(const std::string& action, const ObjectMap& contextData) {
     PostTracking(contextData, false, [action = velmora::ToValidUtf8(action)](Runtime& runtime, velmora::StringMap data) {
-        runtime.Get<velmora::TimedActionStore>().Start(action, std::move(data));
+        runtime.TimedActions().Start(action, std::move(data));
     });
 }
 
 void Analytics::TrackTimedActionUpdate(const std::string& action, const ObjectMap& contextData) {
     PostTracking(contextData, false, [action = velmora::ToValidUtf8(action)](Runtime& runtime, velmora::StringMap data) {
-        runtime.Get<velmora::TimedActionStore>().Update(action, std::move(data));
+        runtime.TimedActions().Update(action, std::move(data));
     });
 }
 
 void Analytics::TrackTimedActionEnd(const std::string& action) {
     PostTracking({}, true, [action = velmora::ToValidUtf8(action)](Runtime& runtime, velmora::StringMap) {
-        runtime.Get<velmora::TimedActionStore>().End(action);
+        runtime.TimedActions().End(action);
     });
 }
 
 std::future<bool> Analytics::TrackingTimedActionExistsAsync(const std::string& action) {
     // Through the general queue, so that the answer sees the starts and ends called before it.
     return velmora::PostForResult<bool>(false, [action = velmora::ToValidUtf8(action)](Runtime& runtime, auto completion) {
-        auto& store = runtime.Get<velmora::TimedActionStore>();
+        auto& store = runtime.TimedActions();
         velmora::CompleteAfter(store.Queue(), store.Exists(action), completion);
     });
 }

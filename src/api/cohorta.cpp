@@ -17,20 +17,20 @@ std::optional<StringMap> Cohorta::GetVisitorProfile() {
 // The identifiers live in the module; before it exists none has been set in this run.
 std::string Cohorta::GetDpuuid() {
     return velmora::Call(std::string(), [](Runtime& runtime) {
-        auto* client = runtime.IfCreated<CohortaClient>();
+        auto* client = runtime.AudienceIfCreated();
         return client != nullptr ? client->GetDpuuid() : std::string();
     });
 }
 
 std::string Cohorta::GetDpid() {
     return velmora::Call(std::string(), [](Runtime& runtime) {
-        auto* client = runtime.IfCreated<CohortaClient>();
+        auto* client = runtime.AudienceIfCreated();
         return client != nullptr ? client->GetDpid() : std::string();
     });
 }
 
 void Cohorta::SetDpidAndDpuuid(const std::string& dpid, const std::string& dpuuid) {
-    velmora::Post([dpid = velmora::ToValidUtf8(dpid), dpuuid = velmora::ToValidUtf8(dpuuid)](Runtime& runtime) { runtime.Get<CohortaClient>().SetDpidAndDpuuid(dpid, dpuuid); });
+    velmora::Post([dpid = velmora::ToValidUtf8(dpid), dpuuid = velmora::ToValidUtf8(dpuuid)](Runtime& runtime) { runtime.Audience().SetDpidAndDpuuid(dpid, dpuuid); });
 }
 
 std::future<std::optional<StringMap>> Cohorta::SubmitSignal(const ObjectMap& traits) {
@@ -39,7 +39,7 @@ std::future<std::optional<StringMap>> Cohorta::SubmitSignal(const ObjectMap& tra
     if (!translated) return velmora::ReadyFuture<std::optional<StringMap>>(std::nullopt);
     return velmora::PostForResult<std::optional<StringMap>>(
         std::nullopt, [traits = std::move(*translated)](Runtime& runtime, auto completion) mutable {
-            auto& client = runtime.Get<CohortaClient>();
+            auto& client = runtime.Audience();
             velmora::CompleteAfter(client.Queue(), client.SubmitSignal(std::move(traits)), completion);
         });
 }

@@ -27,7 +27,7 @@ std::future<VelmoraPrivacyStatus> Config::GetPrivacyStatusAsync() {
 void Config::SetPrivacyStatus(VelmoraPrivacyStatus status) {
     velmora::Post([status](Runtime& runtime) {
         // The hit queue must exist so that an opt-out also empties hits queued by earlier runs.
-        runtime.Get<velmora::HitQueue>();
+        runtime.Hits();
         runtime.SetPrivacyStatus(static_cast<std::int32_t>(status));
     });
 }

@@ -3,7 +3,7 @@
 #include "api/guard.h"
 #include "core/device.h"
 #include "lifecycle/lifecycle.h"
-#include "lifecycle/lifetime_value.h"
+#include "lifetime_value/lifetime_value.h"
 
 namespace Velmora {
 
@@ -11,14 +11,14 @@ using velmora::Runtime;
 
 void Config::CollectLifecycleData() {
     velmora::Call([](Runtime& runtime) {
-        runtime.GeneralQueue().Post([&runtime] { runtime.Get<velmora::Lifecycle>().Start(); });
+        runtime.GeneralQueue().Post([&runtime] { runtime.Sessions().Start(); });
         // Needs the application's window, which only the calling thread can reach.
-        runtime.Get<velmora::DeviceContext>().GetResolution();
+        runtime.Device().GetResolution();
     });
 }
 
 void Config::PauseCollectingLifecycleData() {
-    velmora::Post([](Runtime& runtime) { runtime.Get<velmora::Lifecycle>().Pause(); });
+    velmora::Post([](Runtime& runtime) { runtime.Sessions().Pause(); });
 }
 
 double Config::GetLifetimeValue() {

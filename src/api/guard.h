@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/runtime.h"
+#include "runtime/runtime.h"
 #include "core/utf8.h"
 
 #include <exception>

@@ -14,7 +14,7 @@ namespace {
 // The hit queue, made on the general queue, loads the hits an earlier run left, so that a flush
 // can start the sender for them.
 void LoadLeftHits(velmora::Runtime& runtime) {
-    runtime.GeneralQueue().Post([&runtime] { runtime.Get<velmora::HitQueue>(); });
+    runtime.GeneralQueue().Post([&runtime] { runtime.Hits(); });
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ namespace {
 template <class Work>
 void PostToMedia(Work work) {
     velmora::Post([work = std::move(work)](Runtime& runtime) mutable {
-        auto& media = runtime.Get<MediaModule>();
+        auto& media = runtime.Media();
         media.Queue().Post([&media, work = std::move(work)]() mutable { work(media); });
     });
 }

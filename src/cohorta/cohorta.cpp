@@ -54,15 +54,11 @@ SignalAnswer ParseSignalAnswer(const std::string& body) {
 }
 
 CohortaClient::CohortaClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings,
-                             HttpClient& http, const Logger& log)
-    : config_(config), gates_(gates), settings_(settings), http_(http), log_(log), queue_("Cohorta", log) {}
+                             HttpClient& http, const Logger& log, Executor& executor)
+    : config_(config), gates_(gates), settings_(settings), http_(http), log_(log), queue_("Cohorta", log, executor) {}
 
 CohortaClient::~CohortaClient() { queue_.Shutdown(); }
 
-std::unique_ptr<CohortaClient> CohortaClient::Create(Runtime& runtime) {
-    return std::make_unique<CohortaClient>(runtime.Config(), runtime.Gates(), runtime.Settings(),
-                                           runtime.Get<HttpClient>(), runtime.Log());
-}
 
 std::optional<StringMap> CohortaClient::GetVisitorProfile(SettingsStore& settings) {
     auto stored = settings.Lookup(kCohortaProfileKey);

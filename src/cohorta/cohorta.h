@@ -3,7 +3,6 @@
 #include "core/config.h"
 #include "core/http.h"
 #include "core/log.h"
-#include "core/runtime.h"
 #include "core/serial_queue.h"
 #include "core/settings_store.h"
 
@@ -41,19 +40,17 @@ SignalAnswer ParseSignalAnswer(const std::string& body);
 // answers with (in local settings, so they outlive the process) and calls each destination URL the
 // answer lists. Network work and every change of the stored values run on the module's queue; the
 // getters answer on the caller's thread.
-class CohortaClient : public RuntimeModule {
+class CohortaClient {
 public:
     static constexpr std::int32_t kSignalTimeoutMs = 2000;
     static constexpr std::int32_t kDestinationTimeoutMs = 5000;
 
     CohortaClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, HttpClient& http,
-                  const Logger& log);
-    ~CohortaClient() override;
-    static std::unique_ptr<CohortaClient> Create(Runtime& runtime);
+                  const Logger& log, Executor& executor);
+    ~CohortaClient();
 
-    int Stage() const override { return kStageEngagement; }
-    bool Flush(std::chrono::milliseconds timeout) override { return queue_.Drain(timeout); }
-    void Shutdown() override { queue_.Shutdown(); }
+    bool Flush(std::chrono::milliseconds timeout) { return queue_.Drain(timeout); }
+    void Shutdown() { queue_.Shutdown(); }
 
     // The stored profile; nullopt when none is stored. Reads only the settings, so it needs no
     // module (and no configuration).

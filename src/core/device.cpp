@@ -64,12 +64,6 @@ DeviceContext::DeviceContext(const HostOptions& host, const ConfigSettings& conf
           host, [&config]() -> const ConfigSettings& { return config; },
           [&settings]() -> SettingsStore& { return settings; }, [&http]() -> HttpClient& { return http; }, log) {}
 
-std::unique_ptr<DeviceContext> DeviceContext::Create(Runtime& runtime) {
-    return std::make_unique<DeviceContext>(
-        runtime.Host(), [&runtime]() -> const ConfigSettings& { return runtime.Config(); },
-        [&runtime]() -> SettingsStore& { return runtime.Settings(); },
-        [&runtime]() -> HttpClient& { return runtime.Get<HttpClient>(); }, runtime.Log());
-}
 
 void DeviceContext::LoadDeviceProperties() {
     std::call_once(deviceOnce_, [this] {

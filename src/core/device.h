@@ -1,9 +1,9 @@
 #pragma once
 
 #include "core/config.h"
+#include "core/host.h"
 #include "core/http.h"
 #include "core/log.h"
-#include "core/runtime.h"
 #include "core/settings_store.h"
 
 #include <cstdint>
@@ -25,7 +25,7 @@ std::string AidFromAnswer(const std::string& body);
 
 // Which device and application this is, and the installation's anonymous identifier (AID).
 // Each value is computed once, on first use, and then served from memory.
-class DeviceContext : public RuntimeModule {
+class DeviceContext {
 public:
     // The configuration, the settings store and the HTTP client are reached only when a value
     // needs them, so that reading the resolution on the application's thread never loads a file.
@@ -33,8 +33,6 @@ public:
                   std::function<SettingsStore&()> settings, std::function<HttpClient&()> http, const Logger& log);
     DeviceContext(const HostOptions& host, const ConfigSettings& config, SettingsStore& settings,
                   HttpClient& http, const Logger& log);
-    static std::unique_ptr<DeviceContext> Create(Runtime& runtime);
-    int Stage() const override { return kStageServices; }
 
     std::string GetUserAgent();
     StringMap GetContextData();  // "a.DeviceName", "a.Resolution", "a.OSVersion", "a.CarrierName", "a.AppID"

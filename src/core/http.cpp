@@ -264,9 +264,6 @@ void HttpClient::Abort() {
     for (CURLM* multi : shared_->active) curl_multi_wakeup(multi);
 }
 
-std::unique_ptr<HttpClient> HttpClient::Create(Runtime& runtime) {
-    return std::make_unique<HttpClient>(runtime.Log(), runtime.Host().connectTo);
-}
 
 struct RequestHandler::Result {
     bool timedOut = false;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "core/log.h"
-#include "core/runtime.h"
 
 #include <cstdint>
 #include <memory>
@@ -33,12 +32,10 @@ const char* DescribeHResult(std::int64_t code);
 
 // Shared by every request of a runtime: the host's connect-to entries and a connection cache, so
 // that consecutive requests to one server reuse their connection.
-class HttpClient : public RuntimeModule {
+class HttpClient {
 public:
     HttpClient(const Logger& log, std::vector<std::string> connectTo);
-    ~HttpClient() override;
-    static std::unique_ptr<HttpClient> Create(Runtime& runtime);
-    int Stage() const override { return kStageServices; }
+    ~HttpClient();
 
     // Ends the requests in flight at once (they fail as aborted connections) and makes every later
     // request fail the same way: the end of the process must not wait out a server's time-out.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <pthread.h>
+
 namespace velmora {
 
 // The library's own threads (work queues, the hit sender, timers) mark themselves, so that a
@@ -9,5 +11,12 @@ inline thread_local bool tLibraryThread = false;
 
 inline void MarkLibraryThread() { tLibraryThread = true; }
 inline bool OnLibraryThread() { return tLibraryThread; }
+
+// Marks the calling thread and gives it a name that top, gdb and /proc show ("velmora-…", at most
+// 15 characters).
+inline void StartLibraryThread(const char* name) {
+    MarkLibraryThread();
+    pthread_setname_np(pthread_self(), name);
+}
 
 }  // namespace velmora

@@ -1,29 +1,36 @@
 #include "core/serial_queue.h"
 
-#include "core/library_thread.h"
-
 namespace velmora {
+namespace {
 
-SerialQueue::SerialQueue(std::string logPrefix, const Logger& log) : prefix_(std::move(logPrefix)), log_(log) {}
+// The queue whose closure the calling worker is running.
+thread_local const SerialQueue* tCurrentQueue = nullptr;
+
+}  // namespace
+
+SerialQueue::SerialQueue(std::string logPrefix, const Logger& log, Executor& executor)
+    : prefix_(std::move(logPrefix)), log_(log), executor_(executor) {}
 
 SerialQueue::~SerialQueue() { Shutdown(); }
 
 bool SerialQueue::Post(std::function<void()> work) {
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (stopping_) {
             log_.Error("%s - Work posted after shutdown was dropped", prefix_.c_str());
             return false;
         }
         items_.push_back(std::move(work));
-        if (!thread_.joinable()) {
-            thread_ = std::thread([this] { Run(); });
-            threadId_ = thread_.get_id();
-        }
+        if (scheduled_) return true;
+        scheduled_ = true;
     }
-    cv_.notify_one();
+    if (executor_.Run([this] { RunBatch(); })) return true;
+    // The executor has stopped (the end of the runtime): the closures run here instead, in order.
+    RunBatch();
     return true;
 }
+
+bool SerialQueue::OnQueueThread() const { return tCurrentQueue == this; }
 
 bool SerialQueue::Drain(std::chrono::milliseconds timeout) {
     if (OnQueueThread()) return false;
@@ -32,40 +39,44 @@ bool SerialQueue::Drain(std::chrono::milliseconds timeout) {
 }
 
 void SerialQueue::Shutdown() {
-    {
-        std::lock_guard lock(mutex_);
-        if (stopping_) return;
-        stopping_ = true;
-    }
-    cv_.notify_one();
-    if (thread_.joinable()) {
-        if (OnQueueThread()) {
-            thread_.detach();
-        } else {
-            thread_.join();
-        }
-    }
+    MutexLock lock(mutex_);
+    stopping_ = true;
+    if (OnQueueThread()) return;  // the running batch finishes what was posted
+    idle_.Wait(mutex_, [this] {
+        mutex_.AssertHeld();
+        return !scheduled_;
+    });
 }
 
-void SerialQueue::Run() {
-    MarkLibraryThread();
-    std::unique_lock lock(mutex_);
-    for (;;) {
-        cv_.wait(lock, [this] { return stopping_ || !items_.empty(); });
-        if (items_.empty()) return;  // stopping, and everything posted has run
-        auto work = std::move(items_.front());
-        items_.pop_front();
-        lock.unlock();
-        try {
-            work();
-        } catch (const std::exception& e) {
-            log_.Error("%s - Unexpected error in background work (%s)", prefix_.c_str(), e.what());
-        } catch (...) {
-            log_.Error("%s - Unexpected error in background work (unknown)", prefix_.c_str());
-        }
-        work = nullptr;  // release captures outside the lock's next critical section
-        lock.lock();
+void SerialQueue::RunOne(std::function<void()>& work) {
+    try {
+        work();
+    } catch (const std::exception& e) {
+        log_.Error("%s - Unexpected error in background work (%s)", prefix_.c_str(), e.what());
+    } catch (...) {
+        log_.Error("%s - Unexpected error in background work (unknown)", prefix_.c_str());
     }
+    work = nullptr;  // captures are released outside the lock
+}
+
+void SerialQueue::RunBatch() {
+    const SerialQueue* outer = tCurrentQueue;
+    tCurrentQueue = this;
+    for (;;) {
+        std::function<void()> work;
+        {
+            MutexLock lock(mutex_);
+            if (items_.empty()) {
+                scheduled_ = false;
+                idle_.SignalAll();
+                break;
+            }
+            work = std::move(items_.front());
+            items_.pop_front();
+        }
+        RunOne(work);
+    }
+    tCurrentQueue = outer;
 }
 
 }  // namespace velmora

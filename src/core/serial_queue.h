@@ -1,31 +1,29 @@
 #pragma once
 
+#include "core/executor.h"
 #include "core/log.h"
+#include "core/mutex.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <string>
-#include <atomic>
-#include <thread>
 
 namespace velmora {
 
-// Runs closures one at a time, in posting order, on its own thread (started on first post).
-// A closure that throws is logged and the queue goes on. Shutdown runs what was posted, then joins;
-// posts after shutdown are dropped with an error line.
+// Runs closures one at a time, in posting order, on the workers of a shared Executor (a strand):
+// a queue holds no thread of its own. A closure that throws is logged and the queue goes on.
+// Shutdown runs what was posted, then returns; posts after shutdown are dropped with an error line.
 class SerialQueue {
 public:
     // `logPrefix` names the module in the queue's own log lines, e.g. "Analytics".
-    SerialQueue(std::string logPrefix, const Logger& log);
+    SerialQueue(std::string logPrefix, const Logger& log, Executor& executor);
     ~SerialQueue();
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;
 
-    bool Post(std::function<void()> work);
+    bool Post(std::function<void()> work) EXCLUDES(mutex_);
 
     // Posts `work` and returns a future for its result. An exception thrown by `work` is logged
     // by the queue and leaves the future with the value-initialised result.
@@ -35,20 +33,23 @@ public:
     // True when everything posted before the call has run within `timeout`.
     bool Drain(std::chrono::milliseconds timeout);
 
-    void Shutdown();
-    bool OnQueueThread() const { return std::this_thread::get_id() == threadId_.load(); }
+    // Waits until what was posted has run; later posts are dropped.
+    void Shutdown() EXCLUDES(mutex_);
+    // Whether the calling thread is running one of this queue's closures.
+    bool OnQueueThread() const;
 
 private:
-    void Run();
+    void RunBatch() EXCLUDES(mutex_);
+    void RunOne(std::function<void()>& work);
 
     const std::string prefix_;
     const Logger& log_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::deque<std::function<void()>> items_;
-    std::thread thread_;
-    std::atomic<std::thread::id> threadId_{};
-    bool stopping_ = false;
+    Executor& executor_;
+    Mutex mutex_;
+    CondVar idle_;
+    std::deque<std::function<void()>> items_ GUARDED_BY(mutex_);
+    bool scheduled_ GUARDED_BY(mutex_) = false;  // a worker owns the queue's turn
+    bool stopping_ GUARDED_BY(mutex_) = false;
 };
 
 template <class F>

@@ -1,7 +1,6 @@
 #include "lifecycle/lifecycle.h"
 
-#include "analytics/tracker.h"
-#include "lifecycle/seconds.h"
+#include "core/seconds.h"
 
 #include <charconv>
 #include <cstdio>
@@ -22,7 +21,7 @@ std::int32_t Incremented(std::int32_t count) { return AddSeconds(count, 1); }
 
 Lifecycle::Lifecycle(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, const Clock& clock,
                      DeviceContext& device, ActionTracker& tracker, TimedActionStore& timedActions,
-                     CohortaClient& cohorta, const Logger& log)
+                     CohortaClient& cohorta, const Logger& log, Executor& executor)
     : config_(config),
       gates_(gates),
       settings_(settings),
@@ -31,15 +30,10 @@ Lifecycle::Lifecycle(const ConfigSettings& config, ModuleGates& gates, SettingsS
       tracker_(tracker),
       timedActions_(timedActions),
       cohorta_(cohorta),
-      queue_("Analytics", log) {}
+      queue_("Analytics", log, executor) {}
 
 Lifecycle::~Lifecycle() { queue_.Shutdown(); }
 
-std::unique_ptr<Lifecycle> Lifecycle::Create(Runtime& runtime) {
-    return std::make_unique<Lifecycle>(runtime.Config(), runtime.Gates(), runtime.Settings(), runtime.GetClock(),
-                                       runtime.Get<DeviceContext>(), runtime.Get<AnalyticsTracker>(),
-                                       runtime.Get<TimedActionStore>(), runtime.Get<CohortaClient>(), runtime.Log());
-}
 
 void Lifecycle::Start() {
     queue_.Post([this] { StartLifecycle(); });

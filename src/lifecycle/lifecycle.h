@@ -6,10 +6,9 @@
 #include "core/config.h"
 #include "core/device.h"
 #include "core/log.h"
-#include "core/runtime.h"
 #include "core/serial_queue.h"
 #include "core/settings_store.h"
-#include "lifecycle/timed_actions.h"
+#include "timed_actions/timed_actions.h"
 
 #include <cstdint>
 #include <memory>
@@ -35,19 +34,17 @@ inline constexpr const char* kSessionStartKey = "VLMS_SessionStart";
 // sent as the "Lifecycle" internal action, handed to the audience module and kept for offers.
 // Start and pause run on the module's own queue. Settings failures are not caught here: they end
 // the step, and the queue logs them.
-class Lifecycle : public RuntimeModule {
+class Lifecycle {
 public:
     static constexpr std::int32_t kIgnoredSessionSeconds = 604800;  // seven days
 
     Lifecycle(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, const Clock& clock,
               DeviceContext& device, ActionTracker& tracker, TimedActionStore& timedActions,
-              CohortaClient& cohorta, const Logger& log);
-    ~Lifecycle() override;
-    static std::unique_ptr<Lifecycle> Create(Runtime& runtime);
+              CohortaClient& cohorta, const Logger& log, Executor& executor);
+    ~Lifecycle();
 
-    int Stage() const override { return kStageFeature; }
-    bool Flush(std::chrono::milliseconds timeout) override { return queue_.Drain(timeout); }
-    void Shutdown() override { queue_.Shutdown(); }
+    bool Flush(std::chrono::milliseconds timeout) { return queue_.Drain(timeout); }
+    void Shutdown() { queue_.Shutdown(); }
 
     // The application came to the foreground / went to the background; posted, not run here.
     void Start();

@@ -1,6 +1,5 @@
 #include "media/media_module.h"
 
-#include "analytics/tracker.h"
 #include "media/media_hits.h"
 
 #include <algorithm>
@@ -8,21 +7,15 @@
 namespace velmora {
 
 MediaModule::MediaModule(const Logger& log, Clock& clock, std::function<bool()> analyticsConfigured,
-                         ActionTracker& tracker)
+                         ActionTracker& tracker, Executor& executor)
     : log_(log),
       clock_(clock),
       analyticsConfigured_(std::move(analyticsConfigured)),
       tracker_(tracker),
-      queue_("Media", log) {}
+      queue_("Media", log, executor) {}
 
 MediaModule::~MediaModule() { Shutdown(); }
 
-std::unique_ptr<MediaModule> MediaModule::Create(Runtime& runtime) {
-    // The gate is asked on the media queue, so the configuration is read there on first use.
-    return std::make_unique<MediaModule>(runtime.Log(), runtime.GetClock(),
-                                         [&runtime] { return runtime.Gates().Analytics(); },
-                                         runtime.Get<AnalyticsTracker>());
-}
 
 bool MediaModule::Flush(std::chrono::milliseconds timeout) { return queue_.Drain(timeout); }
 

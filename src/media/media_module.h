@@ -3,7 +3,6 @@
 #include "core/actions.h"
 #include "core/clock.h"
 #include "core/log.h"
-#include "core/runtime.h"
 #include "core/serial_queue.h"
 #include "media/media_item.h"
 
@@ -22,19 +21,17 @@ namespace velmora {
 // The public operations post to the module's queue; each operation below is what runs there. Every
 // operation holds the media lock from start to end, hit included. Errors thrown while opening an
 // item (bad milestone text) are left to the queue, which logs them and goes on.
-class MediaModule final : public RuntimeModule {
+class MediaModule final {
 public:
     // `analyticsConfigured` is asked on the queue before each operation.
-    MediaModule(const Logger& log, Clock& clock, std::function<bool()> analyticsConfigured, ActionTracker& tracker);
-    ~MediaModule() override;
+    MediaModule(const Logger& log, Clock& clock, std::function<bool()> analyticsConfigured, ActionTracker& tracker, Executor& executor);
+    ~MediaModule();
     MediaModule(const MediaModule&) = delete;
     MediaModule& operator=(const MediaModule&) = delete;
 
-    static std::unique_ptr<MediaModule> Create(Runtime& runtime);
 
-    int Stage() const override { return kStageFeature; }
-    bool Flush(std::chrono::milliseconds timeout) override;
-    void Shutdown() override;
+    bool Flush(std::chrono::milliseconds timeout);
+    void Shutdown();
 
     SerialQueue& Queue() { return queue_; }
 

@@ -1,8 +1,6 @@
 #include "vantor/vantor.h"
 
 #include "analytics/values.h"
-#include "lifecycle/lifecycle.h"
-#include "lifecycle/lifetime_value.h"
 #include "core/escape.h"
 
 #include <curl/curl.h>
@@ -39,7 +37,7 @@ void AppendParameters(std::string& url, const StringMap& parameters) {
 }  // namespace
 
 Vantor::Vantor(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, HttpClient& http,
-               Clock& clock, const Logger& log, Sources sources)
+               Clock& clock, const Logger& log, Sources sources, Executor& executor)
     : config_(config),
       gates_(gates),
       settings_(settings),
@@ -47,15 +45,8 @@ Vantor::Vantor(const ConfigSettings& config, ModuleGates& gates, SettingsStore& 
       clock_(clock),
       log_(log),
       sources_(std::move(sources)),
-      queue_("Vantor", log) {}
+      queue_("Vantor", log, executor) {}
 
-std::unique_ptr<Vantor> Vantor::Create(Runtime& runtime) {
-    // The lifecycle and lifetime-value modules are reached only when a load needs them.
-    Sources sources{[&runtime] { return runtime.Get<Lifecycle>().GetLifecycleContextData(); },
-                    [&runtime] { return runtime.Get<LifetimeValue>().GetLifetimeValue(); }};
-    return std::make_unique<Vantor>(runtime.Config(), runtime.Gates(), runtime.Settings(), runtime.Get<HttpClient>(),
-                                    runtime.GetClock(), runtime.Log(), std::move(sources));
-}
 
 std::future<std::string> Vantor::LoadRequest(OfferRequest request) {
     return queue_.Submit([this, request = std::move(request)] { return Load(request); });

@@ -4,7 +4,6 @@
 #include "core/config.h"
 #include "core/http.h"
 #include "core/log.h"
-#include "core/runtime.h"
 #include "core/serial_queue.h"
 #include "core/settings_store.h"
 
@@ -29,7 +28,7 @@ struct OfferRequest {
 // Asks the offer service for the content of a named location, keeping the service's visitor and
 // session identifiers across requests and runs. Loads run on the module's own queue; every
 // failure gives the request's default content.
-class Vantor : public RuntimeModule {
+class Vantor {
 public:
     struct Sources {
         std::function<StringMap()> lifecycleContext;  // the current session's lifecycle values
@@ -37,11 +36,9 @@ public:
     };
 
     Vantor(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, HttpClient& http,
-           Clock& clock, const Logger& log, Sources sources);
-    static std::unique_ptr<Vantor> Create(Runtime& runtime);
-    int Stage() const override { return kStageFeature; }
-    bool Flush(std::chrono::milliseconds timeout) override { return queue_.Drain(timeout); }
-    void Shutdown() override { queue_.Shutdown(); }
+           Clock& clock, const Logger& log, Sources sources, Executor& executor);
+    bool Flush(std::chrono::milliseconds timeout) { return queue_.Drain(timeout); }
+    void Shutdown() { queue_.Shutdown(); }
 
     // Completes with the content, or the default content; never fails.
     std::future<std::string> LoadRequest(OfferRequest request);

@@ -68,7 +68,7 @@ TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEa
     auto& runtime = Runtime::Process();
     auto general = runtime.GeneralQueue().Submit([] { return Velmora::Analytics::GetQueueSize(); });
     ASSERT_EQ(general.wait_for(kWait), std::future_status::ready);
-    auto analytics = runtime.Get<AnalyticsTracker>().Queue().Submit([] { return Velmora::Analytics::GetQueueSize(); });
+    auto analytics = runtime.Tracker().Queue().Submit([] { return Velmora::Analytics::GetQueueSize(); });
     ASSERT_EQ(analytics.wait_for(kWait), std::future_status::ready);
     EXPECT_EQ(analytics.get(), 3u);
     EXPECT_EQ(Velmora::Analytics::GetTrackingIdentifierAsync().get(), kAid);

@@ -36,8 +36,8 @@ protected:
         env->runtime = std::make_unique<Runtime>(env->Options(options_), env->clock);
         env->runtime->Log().SetDebugEnabled(true);
     }
-    AnalyticsTracker& tracker() { return env->runtime->Get<AnalyticsTracker>(); }
-    HitQueue& queue() { return env->runtime->Get<HitQueue>(); }
+    AnalyticsTracker& tracker() { return env->runtime->Tracker(); }
+    HitQueue& queue() { return env->runtime->Hits(); }
     std::size_t QueueSize() { return tracker().QueueSize(); }  // after every call posted before
     void Track(const Strings& states) {
         for (const auto& state : states) tracker().GatedTrackState(state, {});

@@ -1,8 +1,8 @@
 // Numbers on the wire, in the settings and in log lines do not follow the application's locale.
 #include "analytics/values.h"
 #include "analytics_test.h"
-#include "lifecycle/lifetime_value.h"
-#include "lifecycle/location.h"
+#include "lifetime_value/lifetime_value.h"
+#include "location/location.h"
 #include "media/media_module.h"
 
 #include <gmock/gmock.h>
@@ -49,13 +49,13 @@ Outcome RunUnder(const char* locale) {
     runtime.Log().SetDebugEnabled(true);
     runtime.Settings().Insert(kAidKey, std::string("0123456789ABCDEF-0123456789ABCDEF"));
     const StringMap data = TranslateContextData({{"ratio", 2.25}, {"share", 0.1f}}, runtime.Log());
-    auto& location = runtime.Get<LocationTracker>();
+    auto& location = runtime.Location();
     location.TrackLocation(40.7127837, -74.0059413, 12.6, data);
     location.TrackLocation(95.25, -0.5, 1, data);  // out of bounds: a warning with numbers
-    auto& value = runtime.Get<LifetimeValue>();
+    auto& value = runtime.LifetimeValues();
     value.Increase(12.5f, data);
     value.Increase(0.754f, data);  // continues from the stored text
-    auto& media = runtime.Get<MediaModule>();
+    auto& media = runtime.Media();
     auto settings = std::make_shared<Velmora::MediaSettings>();
     settings->Name = "clip", settings->PlayerName = "player", settings->Length = 130.7;
     settings->Milestones = "25,50", settings->SegmentByMilestones = true;

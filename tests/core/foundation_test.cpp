@@ -156,41 +156,6 @@ TEST(Logger, GatesDebugAndWarningButNeverErrorsAndHandsOverWholeLines) {
     EXPECT_NO_THROW(broken.Error("Config - anything"));
 }
 
-TEST(SerialQueue, KeepsEachThreadsOrderAndRunsOnItsOwnThread) {
-    Logger log;
-    std::vector<std::pair<int, int>> seen;  // touched only on the queue's thread
-    std::set<std::thread::id> runners;
-    {
-        SerialQueue queue("Test", log);
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back([&, t] {
-                for (int i = 0; i < 500; ++i) queue.Post([&, t, i] { seen.emplace_back(t, i), runners.insert(std::this_thread::get_id()); });
-            });
-        }
-        for (auto& thread : threads) thread.join();
-    }  // shutdown runs everything that was posted
-    ASSERT_EQ(seen.size(), 2000u);
-    EXPECT_EQ(runners.size(), 1u);
-    std::vector<int> next(4, 0);
-    for (auto [t, i] : seen) EXPECT_EQ(i, next[t]++) << "thread " << t;
-}
-
-TEST(SerialQueue, ThrowingClosuresAreLoggedAndLatePostsDropped) {
-    test::LogCapture capture;
-    Logger log(capture.Sink());
-    SerialQueue queue("Media", log);
-    queue.Post([] { throw std::invalid_argument("invalid stoi argument"); });
-    EXPECT_EQ(queue.Submit([]() -> int { throw std::out_of_range("out of range"); }).get(), 0);
-    EXPECT_EQ(queue.Submit([] { return 42; }).get(), 42);
-    queue.Shutdown();
-    EXPECT_EQ(queue.Submit([] { return 5; }).get(), 0);
-    EXPECT_EQ(capture.Lines(), (std::vector<std::string>{
-                                   "Velmora Error:Media - Unexpected error in background work (invalid stoi argument)",
-                                   "Velmora Error:Media - Unexpected error in background work (out of range)",
-                                   "Velmora Error:Media - Work posted after shutdown was dropped"}));
-}
-
 TEST(FileStore, ReadingAFileRemovesTheTemporariesOfProcessesThatAreGone) {
     const pid_t gone = ::fork();  // a process that has ended, reaped
     if (gone == 0) ::_exit(0);

@@ -3,7 +3,7 @@
 #include "cohorta/cohorta.h"
 #include "core/device.h"
 #include "lifecycle/lifecycle.h"
-#include "lifecycle/lifetime_value.h"
+#include "lifetime_value/lifetime_value.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
@@ -41,9 +41,9 @@ struct Application : ::testing::Test {
         r.Config();  // read before debug lines are on
         r.Log().SetDebugEnabled(true);
         env.log.Clear();
-        timed = std::make_unique<TimedActionStore>(r.Files(), tracker, r.GetClock(), r.Log());
+        timed = std::make_unique<TimedActionStore>(r.Files(), tracker, r.GetClock(), r.Log(), r.Workers());
         lifecycle = std::make_unique<Lifecycle>(r.Config(), r.Gates(), r.Settings(), r.GetClock(),
-                                                r.Get<DeviceContext>(), tracker, *timed, Cohorta(), r.Log());
+                                                r.Device(), tracker, *timed, Cohorta(), r.Log(), r.Workers());
     }
     void Answer(const std::string& body) {  // to audience signals; "HOLD" never answers
         audience.OnGet([this, body](const httplib::Request& request, httplib::Response& response) {
@@ -55,7 +55,7 @@ struct Application : ::testing::Test {
         EXPECT_TRUE(!lifecycle || (lifecycle->Flush(limit) && timed->Flush(limit) && Cohorta().Flush(limit)));
         env.clock->SetMillis(seconds * 1000);
     }
-    CohortaClient& Cohorta() { return env.runtime->Get<CohortaClient>(); }
+    CohortaClient& Cohorta() { return env.runtime->Audience(); }
     SettingsStore& Settings() { return env.runtime->Settings(); }
     std::string File() const { return env.local.Read(TimedActionStore::kFileName); }
 
@@ -233,7 +233,7 @@ struct LaunchHistory : Application, ::testing::WithParamInterface<History> {
             const auto equals = word.find('=');
             map["a." + word.substr(0, equals)] = equals == std::string::npos ? word : word.substr(equals + 1);
         }
-        auto& device = env.runtime->Get<DeviceContext>();
+        auto& device = env.runtime->Device();
         map["a.OSVersion"] = "Debian GNU/Linux 12";
         map.merge(device.GetContextData());
         return map;

@@ -196,9 +196,9 @@ TEST_F(NetTest, AidIsFetchedStoredAndReusedByTheNextRuntime) {
         response.set_content("{\"id\":\"3F2504E04F8911D3-09A0300C04FF0A1B\",\"other\":1}", "application/json");
     });
     test::TestRuntime t("{\"analytics\":{\"rsids\":\"rs\",\"server\":\"" + server.Address() + "\",\"ssl\":false}}");
-    EXPECT_EQ(t.runtime->Get<DeviceContext>().GetAid(), "3F2504E04F8911D3-09A0300C04FF0A1B");
+    EXPECT_EQ(t.runtime->Device().GetAid(), "3F2504E04F8911D3-09A0300C04FF0A1B");
     t.runtime.reset();
-    EXPECT_EQ(t.Restart()->Get<DeviceContext>().GetAid(), "3F2504E04F8911D3-09A0300C04FF0A1B");
+    EXPECT_EQ(t.Restart()->Device().GetAid(), "3F2504E04F8911D3-09A0300C04FF0A1B");
     EXPECT_EQ(server.Targets(), std::vector<std::string>{"/id"});
 }
 

@@ -4,7 +4,7 @@
 // document, and each thread's hits must reach the server in the order the thread made them.
 // This case uses the process-wide runtime: it runs in a process of its own.
 #include "analytics/hit_queue.h"
-#include "lifecycle/timed_actions.h"
+#include "timed_actions/timed_actions.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
@@ -25,6 +25,7 @@ namespace velmora::test {
 namespace {
 
 using namespace Velmora;
+using Velmora::Vantor;  // not the module of the same name
 
 constexpr int kThreads = 8;
 constexpr auto kRunTime = std::chrono::seconds(3);

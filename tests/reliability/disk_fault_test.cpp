@@ -4,7 +4,7 @@
 #include "analytics/hit_queue.h"
 #include "core/device.h"
 #include "core/http.h"
-#include "lifecycle/timed_actions.h"
+#include "timed_actions/timed_actions.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>
@@ -105,7 +105,8 @@ TEST_P(DiskFaults, TheHitQueueKeepsItsHitsAndTheOldFile) {
     HttpClient http(log, {});
     SettingsStore settings(local.path(), log);
     DeviceContext device(host, config, settings, http, log);
-    HitQueue queue(log, clock, config, files, host, http, device);
+    Executor executor;
+    HitQueue queue(log, clock, config, files, host, http, device, executor);
     auto hit = [](char name) { return std::string("s1?AQB=1&ndh=1&pageName=") + name + "&AQE=1"; };
     auto fileHits = [&] {
         std::vector<QueuedHit> hits;
@@ -140,7 +141,8 @@ TEST_P(DiskFaults, TheHitQueueKeepsItsHitsAndTheOldFile) {
 TEST_P(DiskFaults, TimedActionsKeepTheirMapAndTheOldFile) {
     RecordingTracker tracker;
     ManualClock clock;
-    TimedActionStore store(files, tracker, clock, log);
+    Executor executor;
+    TimedActionStore store(files, tracker, clock, log, executor);
     store.Start("a", {{"k", "1"}});
     store.Start("b", {});
     ASSERT_TRUE(store.Exists("b").get());

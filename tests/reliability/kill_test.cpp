@@ -4,8 +4,8 @@
 // before the kill is still there in the same order, and a new runtime loads it without an error.
 #include "analytics/hit_queue.h"
 #include "child_process.h"
-#include "core/runtime.h"
-#include "lifecycle/timed_actions.h"
+#include "runtime/runtime.h"
+#include "timed_actions/timed_actions.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
@@ -140,7 +140,7 @@ void ExpectNoErrors(const LogCapture& log) {
 void ReloadHits(const TempDir& package, const TempDir& local, const std::vector<std::string>& names) {
     LogCapture log;
     Runtime runtime(Options(package, local, log), std::make_shared<ManualClock>());
-    EXPECT_EQ(runtime.Get<HitQueue>().SizeAfterPendingWork().get(), names.size());
+    EXPECT_EQ(runtime.Hits().SizeAfterPendingWork().get(), names.size());
     runtime.Shutdown(std::chrono::seconds(10), false);
     ExpectNoErrors(log);
 }
@@ -148,7 +148,7 @@ void ReloadHits(const TempDir& package, const TempDir& local, const std::vector<
 void ReloadTimedActions(const TempDir& package, const TempDir& local, const std::vector<std::string>& names) {
     LogCapture log;
     Runtime runtime(Options(package, local, log), std::make_shared<ManualClock>());
-    auto& store = runtime.Get<TimedActionStore>();
+    auto& store = runtime.TimedActions();
     if (!names.empty()) {
         EXPECT_TRUE(store.Exists(names.front()).get());
         EXPECT_TRUE(store.Exists(names.back()).get());

@@ -78,7 +78,7 @@ protected:
         config.offlineEnabled = GetParam();
         config.privacyStatus = kPrivacyOptIn;
         host.languageTag = "en-US";
-        queue = std::make_unique<HitQueue>(log, *clock, config, files, host, http, device);
+        queue = std::make_unique<HitQueue>(log, *clock, config, files, host, http, device, executor);
     }
     ~SenderUnderFaults() override { queue.reset(); }
 
@@ -106,6 +106,7 @@ protected:
     LogCapture capture;
     Logger log;
     std::unique_ptr<CountingClock> clock = std::make_unique<CountingClock>();
+    Executor executor;
     ConfigSettings config;
     HostOptions host = [] {
         HostOptions options;

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/clock.h"
-#include "core/runtime.h"
+#include "runtime/runtime.h"
 
 #include <chrono>
 #include <filesystem>

@@ -1,7 +1,6 @@
-#include "lifecycle/timed_actions.h"
+#include "timed_actions/timed_actions.h"
 
-#include "analytics/tracker.h"
-#include "lifecycle/seconds.h"
+#include "core/seconds.h"
 
 #include <nlohmann/json.hpp>
 
@@ -64,18 +63,14 @@ std::string TimedActionsFileText(const TimedActionMap& actions) {
     return root.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
 }
 
-TimedActionStore::TimedActionStore(FileStore& files, ActionTracker& tracker, const Clock& clock, const Logger& log)
-    : files_(files), tracker_(tracker), clock_(clock), log_(log), queue_("Analytics", log) {
+TimedActionStore::TimedActionStore(FileStore& files, ActionTracker& tracker, const Clock& clock, const Logger& log, Executor& executor)
+    : files_(files), tracker_(tracker), clock_(clock), log_(log), queue_("Analytics", log, executor) {
     // First on the queue, so every operation sees the actions of earlier runs.
     queue_.Post([this] { Load(); });
 }
 
 TimedActionStore::~TimedActionStore() { queue_.Shutdown(); }
 
-std::unique_ptr<TimedActionStore> TimedActionStore::Create(Runtime& runtime) {
-    return std::make_unique<TimedActionStore>(runtime.Files(), runtime.Get<AnalyticsTracker>(), runtime.GetClock(),
-                                              runtime.Log());
-}
 
 void TimedActionStore::Start(const std::string& name, StringMap data) {
     queue_.Post([this, name, data = std::move(data)]() mutable { DoStart(name, std::move(data)); });

@@ -1,6 +1,5 @@
-#include "lifecycle/lifetime_value.h"
+#include "lifetime_value/lifetime_value.h"
 
-#include "analytics/tracker.h"
 #include "core/number_text.h"
 
 #include <charconv>
@@ -23,9 +22,6 @@ std::string FormatTwoDecimals(double value) { return FixedText(value, 2); }
 LifetimeValue::LifetimeValue(SettingsStore& settings, ActionTracker& tracker, const Logger& log)
     : settings_(settings), tracker_(tracker), log_(log) {}
 
-std::unique_ptr<LifetimeValue> LifetimeValue::Create(Runtime& runtime) {
-    return std::make_unique<LifetimeValue>(runtime.Settings(), runtime.Get<AnalyticsTracker>(), runtime.Log());
-}
 
 float LifetimeValue::GetLifetimeValue() {
     auto text = LookupText(settings_, kLifetimeValueKey);

@@ -1,8 +1,6 @@
-#include "lifecycle/location.h"
+#include "location/location.h"
 
-#include "analytics/tracker.h"
 #include "core/number_text.h"
-#include "vantor/vantor.h"
 
 #include <cmath>
 
@@ -56,14 +54,6 @@ LocationTracker::LocationTracker(const ConfigSettings& config, ActionTracker& tr
                                  SetOfferParameter setOfferParameter, const Logger& log)
     : config_(config), tracker_(tracker), setOfferParameter_(std::move(setOfferParameter)), log_(log) {}
 
-std::unique_ptr<LocationTracker> LocationTracker::Create(Runtime& runtime) {
-    return std::make_unique<LocationTracker>(
-        runtime.Config(), runtime.Get<AnalyticsTracker>(),
-        [&runtime](const std::string& key, const std::string& value) {
-            runtime.Get<Vantor>().SetPersistentParameter(key, value);
-        },
-        runtime.Log());
-}
 
 void LocationTracker::TrackLocation(double latitude, double longitude, double accuracy,
                                     const StringMap& contextData) {

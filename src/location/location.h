@@ -3,7 +3,6 @@
 #include "core/actions.h"
 #include "core/config.h"
 #include "core/log.h"
-#include "core/runtime.h"
 
 #include <functional>
 #include <string>
@@ -21,14 +20,12 @@ double DistanceMetres(double latitude1, double longitude1, double latitude2, dou
 
 // Turns a reported position into the "Location" internal action, matched against the configured
 // points of interest; the match is also kept among the offer service's persistent parameters.
-class LocationTracker : public RuntimeModule {
+class LocationTracker {
 public:
     using SetOfferParameter = std::function<void(const std::string& key, const std::string& value)>;
 
     LocationTracker(const ConfigSettings& config, ActionTracker& tracker, SetOfferParameter setOfferParameter,
                     const Logger& log);
-    static std::unique_ptr<LocationTracker> Create(Runtime& runtime);
-    int Stage() const override { return kStageFeature; }
 
     // Runs on the caller's queue (the general queue, after the analytics gate).
     void TrackLocation(double latitude, double longitude, double accuracy, const StringMap& contextData);

@@ -1,5 +1,5 @@
 #include "core/device.h"
-#include "lifecycle/location.h"
+#include "location/location.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 #include "vantor/vantor.h"
@@ -25,12 +25,13 @@ protected:
     std::unique_ptr<Vantor> Make() {
         store = std::make_unique<SettingsStore>(local.path(), log);
         return std::make_unique<Vantor>(config, gates, *store, http, clock, log,
-                                        Vantor::Sources{[this] { return lifecycle; }, [this] { return ltv; }});
+                                        Vantor::Sources{[this] { return lifecycle; }, [this] { return ltv; }}, executor);
     }
     test::LoopbackServer server;
     test::TempDir local;
     test::LogCapture capture;
     Logger log{capture.Sink()};
+    Executor executor;
     ConfigSettings config;
     ModuleGates gates{config};
     ManualClock clock{1'426'000'000'000};
@@ -99,7 +100,7 @@ TEST_F(Offers, FailuresGiveTheDefaultContentWithTheirLine) {
     EXPECT_EQ(server.Count(), 3u) << "an empty name or a bad URL makes no request";
     ConfigSettings none;
     ModuleGates closed{none};
-    EXPECT_EQ(Vantor(none, closed, *store, http, clock, log, {}).LoadRequest({"home", "dflt", {}}).get(), "") << "not configured";
+    EXPECT_EQ(Vantor(none, closed, *store, http, clock, log, {}, executor).LoadRequest({"home", "dflt", {}}).get(), "") << "not configured";
     EXPECT_TRUE(capture.Contains("Velmora Warning:Vantor - Your config file is not set up to use Vantor"));
 }
 
@@ -112,8 +113,8 @@ TEST_F(Offers, LocationHitsCarryThePiecesAndTheFirstPointInRangeAndSoDoesTheNext
                         R"(["near",40.7127837,-74.0059413,100]]},"vantor":{"clientCode":"acme"}})", options);
     t.runtime->Log().SetDebugEnabled(true);
     t.runtime->Settings().Insert(kAidKey, std::string("0000000000000000-0000000000000000"));
-    auto& location = t.runtime->Get<LocationTracker>();
-    auto& vantor = t.runtime->Get<Vantor>();
+    auto& location = t.runtime->Location();
+    auto& vantor = t.runtime->Offers();
     location.TrackLocation(90.000001, 0, 1, {});
     location.TrackLocation(40.7127837, -74.0059413, 12.6, {{"shop", "1"}});
     vantor.LoadRequest({"home", "", {}}).get();

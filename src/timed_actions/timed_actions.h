@@ -4,7 +4,6 @@
 #include "core/clock.h"
 #include "core/file_store.h"
 #include "core/log.h"
-#include "core/runtime.h"
 #include "core/serial_queue.h"
 
 #include <cstdint>
@@ -36,17 +35,15 @@ std::string TimedActionsFileText(const TimedActionMap& actions);
 // that they survive the process; ending one sends an action hit with the total time and the time
 // spent in the foreground. Every operation is posted to the store's own queue, which alone touches
 // the map and the file, so the map needs no lock.
-class TimedActionStore : public RuntimeModule {
+class TimedActionStore {
 public:
     static constexpr const char* kFileName = "VelmoraTimedActions.json";
 
-    TimedActionStore(FileStore& files, ActionTracker& tracker, const Clock& clock, const Logger& log);
-    ~TimedActionStore() override;
-    static std::unique_ptr<TimedActionStore> Create(Runtime& runtime);
+    TimedActionStore(FileStore& files, ActionTracker& tracker, const Clock& clock, const Logger& log, Executor& executor);
+    ~TimedActionStore();
 
-    int Stage() const override { return kStageEngagement; }
-    bool Flush(std::chrono::milliseconds timeout) override { return queue_.Drain(timeout); }
-    void Shutdown() override { queue_.Shutdown(); }
+    bool Flush(std::chrono::milliseconds timeout) { return queue_.Drain(timeout); }
+    void Shutdown() { queue_.Shutdown(); }
 
     void Start(const std::string& name, StringMap data);
     void Update(const std::string& name, StringMap data);

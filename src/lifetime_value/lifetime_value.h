@@ -2,7 +2,6 @@
 
 #include "core/actions.h"
 #include "core/log.h"
-#include "core/runtime.h"
 #include "core/settings_store.h"
 
 #include <memory>
@@ -15,11 +14,9 @@ inline constexpr const char* kLifetimeValueKey = "VLM_LIFETIME_VALUE";
 // The running total of the amounts the application reports, kept in local settings as text with two
 // decimals and handled as a single-precision float. It has no queue: the public operation runs it
 // on the general queue after the analytics gate. Settings failures reach the caller.
-class LifetimeValue : public RuntimeModule {
+class LifetimeValue {
 public:
     LifetimeValue(SettingsStore& settings, ActionTracker& tracker, const Logger& log);
-    static std::unique_ptr<LifetimeValue> Create(Runtime& runtime);
-    int Stage() const override { return kStageFeature; }
 
     // Adds `amount` (0 included, negatives refused), stores the total and sends it as
     // "LifetimeValueIncrease".

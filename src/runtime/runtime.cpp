@@ -1,0 +1,278 @@
+#include "runtime/runtime.h"
+
+#include "analytics/hit_queue.h"
+#include "analytics/tracker.h"
+#include "cohorta/cohorta.h"
+#include "core/device.h"
+#include "core/http.h"
+#include "core/library_thread.h"
+#include "lifecycle/lifecycle.h"
+#include "lifetime_value/lifetime_value.h"
+#include "location/location.h"
+#include "media/media_module.h"
+#include "timed_actions/timed_actions.h"
+#include "vantor/vantor.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <future>
+#include <mutex>
+
+namespace velmora {
+namespace {
+
+struct ProcessState {
+    std::mutex mutex;
+    HostOptions pending;
+    std::atomic<Runtime*> instance{nullptr};
+};
+
+// Never destroyed: worker threads may still run while static destructors do at exit.
+ProcessState& State() {
+    static auto* state = new ProcessState();
+    return *state;
+}
+
+void OnProcessExit() {
+    static std::atomic<bool> ran{false};
+    if (ran.exchange(true)) return;
+    if (Runtime* runtime = State().instance.load(std::memory_order_acquire)) {
+        runtime->Shutdown(Runtime::kExitBound, /*deliver=*/false);
+    }
+}
+
+}  // namespace
+
+Runtime::Runtime(HostOptions options, std::shared_ptr<Clock> clock)
+    : host_(ResolveHostOptions(std::move(options))),
+      log_(host_.logSink),
+      clock_(clock ? std::move(clock) : std::make_shared<SystemClock>()) {}
+
+// A test's runtime: whatever is in flight is ended rather than waited for.
+Runtime::~Runtime() {
+    Stop(std::chrono::seconds(30), /*deliver=*/false, /*bounded=*/false);
+    if (stopper_.joinable()) stopper_.join();
+}
+
+Runtime& Runtime::Process() {
+    auto& state = State();
+    Runtime* runtime = state.instance.load(std::memory_order_acquire);
+    if (runtime != nullptr) return *runtime;
+    std::lock_guard lock(state.mutex);
+    runtime = state.instance.load(std::memory_order_relaxed);
+    if (runtime == nullptr) {
+        runtime = new Runtime(state.pending);
+        state.instance.store(runtime, std::memory_order_release);
+        ArmExitHandler();
+    }
+    return *runtime;
+}
+
+void Runtime::ArmExitHandler() { std::atexit(OnProcessExit); }
+
+bool Runtime::ConfigureProcess(HostOptions options) {
+    auto& state = State();
+    {
+        std::lock_guard lock(state.mutex);
+        if (state.instance.load(std::memory_order_relaxed) == nullptr) {
+            state.pending = std::move(options);
+            return true;
+        }
+    }
+    Process().Log().Warning("Config - Host options were ignored because the library has already started");
+    return false;
+}
+
+void Runtime::EnsureLocalDirectory() {
+    std::call_once(localDirectory_, [this] {
+        std::error_code error;
+        std::filesystem::create_directories(host_.localDirectory, error);
+        if (error) {
+            log_.Error("Config - Unable to create local directory %s (%s)", host_.localDirectory.string().c_str(),
+                       error.message().c_str());
+        }
+    });
+}
+
+SettingsStore& Runtime::Settings() {
+    return settings_.Get([this] {
+        EnsureLocalDirectory();
+        return std::make_unique<SettingsStore>(host_.localDirectory, log_);
+    });
+}
+
+FileStore& Runtime::Files() {
+    return files_.Get([this] {
+        EnsureLocalDirectory();
+        return std::make_unique<FileStore>(host_.localDirectory);
+    });
+}
+
+ConfigSettings& Runtime::Config() {
+    return config_.Get([this] { return LoadConfig(host_.packageDirectory, Settings(), log_); });
+}
+
+ModuleGates& Runtime::Gates() {
+    return gates_.Get([this] { return std::make_unique<ModuleGates>(Config()); });
+}
+
+SerialQueue& Runtime::GeneralQueue() {
+    return general_.Get([this] { return std::make_unique<SerialQueue>("Config", log_, executor_); });
+}
+
+HttpClient& Runtime::Http() {
+    return http_.Get([this] { return std::make_unique<HttpClient>(log_, host_.connectTo); });
+}
+
+DeviceContext& Runtime::Device() {
+    // The configuration, the settings and the HTTP client are reached only when a value needs them.
+    return device_.Get([this] {
+        return std::make_unique<DeviceContext>(
+            host_, [this]() -> const ConfigSettings& { return Config(); },
+            [this]() -> SettingsStore& { return Settings(); }, [this]() -> HttpClient& { return Http(); }, log_);
+    });
+}
+
+HitQueue& Runtime::Hits() {
+    return hits_.Get([this] {
+        return std::make_unique<HitQueue>(log_, *clock_, Config(), Files(), host_, Http(), Device(), executor_);
+    });
+}
+
+AnalyticsTracker& Runtime::Tracker() {
+    return tracker_.Get([this] {
+        return std::make_unique<AnalyticsTracker>(log_, *clock_, Config(), Gates(), GeneralQueue(), Device(), Hits(),
+                                                  executor_);
+    });
+}
+
+TimedActionStore& Runtime::TimedActions() {
+    return timedActions_.Get(
+        [this] { return std::make_unique<TimedActionStore>(Files(), Tracker(), *clock_, log_, executor_); });
+}
+
+CohortaClient& Runtime::Audience() {
+    return audience_.Get([this] {
+        return std::make_unique<CohortaClient>(Config(), Gates(), Settings(), Http(), log_, executor_);
+    });
+}
+
+Lifecycle& Runtime::Sessions() {
+    return sessions_.Get([this] {
+        return std::make_unique<Lifecycle>(Config(), Gates(), Settings(), *clock_, Device(), Tracker(), TimedActions(),
+                                           Audience(), log_, executor_);
+    });
+}
+
+LifetimeValue& Runtime::LifetimeValues() {
+    return lifetimeValue_.Get([this] { return std::make_unique<LifetimeValue>(Settings(), Tracker(), log_); });
+}
+
+LocationTracker& Runtime::Location() {
+    return location_.Get([this] {
+        // The offer module is made only when a position matches a point of interest.
+        auto setOfferParameter = [this](const std::string& key, const std::string& value) {
+            Offers().SetPersistentParameter(key, value);
+        };
+        return std::make_unique<LocationTracker>(Config(), Tracker(), std::move(setOfferParameter), log_);
+    });
+}
+
+MediaModule& Runtime::Media() {
+    return media_.Get([this] {
+        // The gate is asked on the media queue, so the configuration is read there on first use.
+        return std::make_unique<MediaModule>(log_, *clock_, [this] { return Gates().Analytics(); }, Tracker(),
+                                             executor_);
+    });
+}
+
+Vantor& Runtime::Offers() {
+    return offers_.Get([this] {
+        // The lifecycle and lifetime-value modules are reached only when a load needs them.
+        Vantor::Sources sources{[this] { return Sessions().GetLifecycleContextData(); },
+                                [this] { return LifetimeValues().GetLifetimeValue(); }};
+        return std::make_unique<Vantor>(Config(), Gates(), Settings(), Http(), *clock_, log_, std::move(sources),
+                                        executor_);
+    });
+}
+
+void Runtime::SetPrivacyStatus(std::int32_t status) {
+    velmora::SetPrivacyStatus(Config(), status, Settings(), log_, hits_.IfCreated());
+}
+
+bool Runtime::Flush(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    auto left = [&] {
+        return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()),
+                        std::chrono::milliseconds(0));
+    };
+    if (auto* queue = general_.IfCreated(); queue != nullptr && !queue->Drain(left())) return false;
+    // In the direction work flows: each module may still post to the ones after it.
+    bool done = true;
+    auto flush = [&](auto* module) {
+        if (module != nullptr) done = module->Flush(left()) && done;
+    };
+    flush(sessions_.IfCreated());
+    flush(media_.IfCreated());
+    flush(offers_.IfCreated());
+    flush(timedActions_.IfCreated());
+    flush(audience_.IfCreated());
+    flush(tracker_.IfCreated());
+    flush(hits_.IfCreated());
+    return done;
+}
+
+void Runtime::StopThreads() {
+    auto stop = [](auto* module) {
+        if (module != nullptr) module->Shutdown();
+    };
+    stop(general_.IfCreated());
+    stop(sessions_.IfCreated());
+    stop(media_.IfCreated());
+    stop(offers_.IfCreated());
+    stop(timedActions_.IfCreated());
+    stop(audience_.IfCreated());
+    stop(tracker_.IfCreated());
+    stop(hits_.IfCreated());
+    executor_.Shutdown();
+}
+
+bool Runtime::Shutdown(std::chrono::milliseconds timeout, bool deliver) {
+    return Stop(timeout, deliver, /*bounded=*/true);
+}
+
+bool Runtime::Stop(std::chrono::milliseconds timeout, bool deliver, bool bounded) {
+    // Not under a creation lock: a module being made may be stuck (a hung file system, or a TLS
+    // library that another exit handler has already torn down), and the end must not wait for it.
+    if (shutDown_.exchange(true)) return false;
+    closed_ = true;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    // Delivering gets most of the time; the rest is for saving and for the hit in flight.
+    if (deliver) Flush(timeout - std::min(timeout / 4, std::chrono::milliseconds(250)));
+
+    HitQueue* hits = hits_.IfCreated();
+    if (hits != nullptr) hits->BeginShutdown();
+    Flush(std::max(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()),
+                   std::chrono::milliseconds(0)));  // what was tracked reaches the hit queue and its file
+    if (hits != nullptr) hits->WaitUntilIdle(deadline);
+    if (auto* http = http_.IfCreated()) http->Abort();
+
+    if (!bounded) {
+        StopThreads();
+    } else {
+        // A thread that cannot be stopped in time is left to the end of the process: only the
+        // process-wide runtime, which is never destroyed, stops this way.
+        auto stopped = std::make_shared<std::promise<void>>();
+        auto done = stopped->get_future();
+        stopper_ = std::thread([this, stopped] {
+            StartLibraryThread("velmora-stop");
+            StopThreads();
+            stopped->set_value();
+        });
+        if (done.wait_until(deadline + kStopGrace) == std::future_status::ready) stopper_.join();
+    }
+    hits = hits_.IfCreated();
+    return hits == nullptr || hits->QueuedHits() == 0;
+}
+
+}  // namespace velmora
