@@ -1,0 +1,77 @@
+#include "cohorta/cohorta.h"
+#include "support/application.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace velmora::test {
+namespace {
+
+using ::testing::Contains, ::testing::StartsWith;
+
+constexpr const char* kTail = "d_ptfm=win8&d_dst=1&d_rtbd=json";
+
+TEST_F(Application, AudienceRequestsAreBuiltInTheirFixedOrderAndFailuresLeaveTheStoredState) {
+    const std::string empty = "Velmora Warning:Cohorta - response was empty";
+    const std::string parse = "Velmora Warning:Cohorta - Unexpected error parsing result (";
+    // answer "@host": that server instead of the loopback one; destinations are called before the rest is read
+    const std::string dest = R"({"dests":[{"c":")" + audience.Url("/d") + R"("}],)";
+    struct Row { StringMap traits; std::string userId, dpid, dpuuid, query, answer, line; std::size_t dests = 0; };
+    const Row rows[] = {
+        {{{"a.b", "1"}, {"x", ""}}, "", "", "", "c_a_b=1&", R"({"stuff":[]})", empty},
+        {{{"k.e.y", "v w"}, {"", "lost"}, {"u", "\xC3\xA9&="}}, "", "", "", "c_k_e_y=v%20w&c_u=%C3%A9%26%3D&",
+         "not json", parse},
+        {{}, "U1", "", "", "d_uuid=U1&", dest + R"("uuid":5,"stuff":[{"cn":"a","cv":"b"}]})", parse, 1},
+        {{{"t", "1"}}, "U1", "P", "", "c_t=1&d_uuid=U1&", dest + R"("uuid":"NEW","stuff":{"cn":"a"}})", parse, 1},
+        {{{"t", "1"}}, "", "", "Q", "c_t=1&", "{}", empty},
+        {{{"t", "1"}}, "U1", "P", "Q", "c_t=1&d_uuid=U1&d_dpid=P&d_dpuuid=Q&", "HOLD",  // waits out the 2 s limit
+         "Velmora Warning:Cohorta - Request timed out"},
+        {{}, "", "", "", "", "@" + refused, "Velmora Warning:Cohorta - Unable to create URI object (A connection with"},
+        {{}, "", "", "", "", "@bad host", "Velmora Warning:Cohorta - Unable to create URL object"},
+    };
+    for (const auto& row : rows) {
+        const std::string host = row.answer[0] == '@' ? row.answer.substr(1) : audience.Address();
+        Answer(row.answer);
+        Launch("1.0.0.0", 300, host);
+        Settings().Insert(kCohortaUserIdKey, row.userId);
+        Settings().Insert(kCohortaProfileKey, StringMap{{"old", "1"}});
+        Cohorta().SetDpidAndDpuuid(row.dpid, row.dpuuid);
+        const std::size_t before = audience.Count();
+        EXPECT_EQ(Cohorta().SubmitSignal(row.traits).get(), std::nullopt);
+        const std::string target = "/event?" + row.query + kTail;
+        EXPECT_EQ(audience.Count() - before, host == audience.Address() ? 1 + row.dests : 0u) << "the signal and destinations";
+        EXPECT_THAT(env.log.Lines(), Contains("Velmora Debug:Cohorta - request (http://" + host + target + ")"));
+        EXPECT_THAT(env.log.Lines(), Contains(StartsWith(row.line)));
+        EXPECT_EQ(LookupText(Settings(), kCohortaUserIdKey), row.userId);
+        EXPECT_EQ(Cohorta().GetVisitorProfile(Settings()), (StringMap{{"old", "1"}}));
+        EXPECT_EQ(Cohorta().GetDpid() + "/" + Cohorta().GetDpuuid(), row.dpid + "/" + row.dpuuid);
+    }
+}
+
+TEST_F(Application, TheAudienceAnswerIsKeptAcrossProcessesAndItsDestinationsCalled) {
+    Answer(R"({"uuid":"U1","dests":[{"c":")" + audience.Url("/d1") + R"("},{"c":")" + audience.Url("/d2?x=1") +
+           R"("},{"url":"none"},{"c":"http://)" + refused + R"(/"}],)" +
+           R"("stuff":[{"cn":"seg","cv":"gold"},{"cn":"age","cv":"30"},{"cn":"flag"}]})");
+    const StringMap profile{{"age", "30"}, {"flag", ""}, {"seg", "gold"}};
+    Launch();
+    EXPECT_EQ(Cohorta().SubmitSignal({}).get(), profile);
+    EXPECT_EQ(audience.Count(), 3u);  // the signal and the two destinations that can be called
+    const auto lines = env.log.Lines();
+    EXPECT_THAT(lines, Contains(StartsWith("Velmora Warning:Cohorta - Unknown failure forwarding dest (")));
+    EXPECT_THAT(lines, Contains("Velmora Warning:Cohorta - Failed to forward the dest (A connection with the server "
+                                "specified in the uri parameter could not be established.)"));
+    EXPECT_THAT(lines, Contains("Velmora Debug:Cohorta - response {\n    age = 30\n    flag = \n    seg = gold\n}"));
+    Launch();
+    EXPECT_EQ(Cohorta().GetVisitorProfile(Settings()), profile);
+    // The user id is written only when it changes: a value put behind the module's back stays.
+    Cohorta().SubmitSignal({}).get();
+    Settings().Insert(kCohortaUserIdKey, std::string("ELSEWHERE"));
+    Cohorta().SubmitSignal({}).get();
+    EXPECT_EQ(LookupText(Settings(), kCohortaUserIdKey), "ELSEWHERE");
+    Answer(R"({"uuid":"U2","stuff":[{"cn":"s","cv":"1"}]})");
+    Cohorta().SubmitSignal({}).get();
+    EXPECT_EQ(LookupText(Settings(), kCohortaUserIdKey), "U2");
+}
+
+}  // namespace
+}  // namespace velmora::test

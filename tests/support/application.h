@@ -1,0 +1,67 @@
+#pragma once
+
+// One application on one local folder with a manual clock, for the modules that lifecycle drives:
+// timed actions, lifetime value, sessions and audience signals.
+#include "cohorta/cohorta.h"
+#include "core/device.h"
+#include "lifecycle/lifecycle.h"
+#include "support/loopback_server.h"
+#include "support/test_support.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace velmora::test {
+
+// The analytics side; as a strict mock, a hit no test expects fails it.
+struct MockTracker : ActionTracker {
+    MOCK_METHOD(void, TrackAction, (const std::string& name, const StringMap& data), (override));
+    MOCK_METHOD(void, TrackInternalAction, (const std::string& name, const StringMap& data, std::int32_t), (override));
+};
+
+// One application on one local folder, each launch a new runtime as a new process would be, with
+// debug lines on and the loopback audience server (or `cohorta`).
+struct Application : ::testing::Test {
+    void Launch(const std::string& version = "1.0.0.0", std::int32_t timeout = 300, std::string cohorta = "") {
+        lifecycle.reset();
+        timed.reset();
+        env.package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"r","server":"s","lifecycleTimeout":)" +
+                                                    std::to_string(timeout) + R"(},"cohorta":{"server":")" +
+                                                    (cohorta.empty() ? audience.Address() : cohorta) + "\"}}");
+        env.package.Write("AppxManifest.xml", R"(<Package><Identity Version=")" + version + R"("/><Properties>)"
+                                              R"(<DisplayName>Demo</DisplayName></Properties></Package>)");
+        HostOptions host;
+        host.osVersion = "Debian GNU/Linux 12";  // the launch hit carries the host's text
+        env.runtime = env.Restart(host);
+        auto& r = *env.runtime;
+        r.Config();  // read before debug lines are on
+        r.Log().SetDebugEnabled(true);
+        env.log.Clear();
+        timed = std::make_unique<TimedActionStore>(r.Files(), tracker, r.GetClock(), r.Log(), r.Workers());
+        lifecycle = std::make_unique<Lifecycle>(r.Config(), r.Gates(), r.Settings(), r.GetClock(),
+                                                r.Device(), tracker, *timed, Cohorta(), r.Log(), r.Workers());
+    }
+    void Answer(const std::string& body) {  // to audience signals; "HOLD" never answers
+        audience.OnGet([this, body](const httplib::Request& request, httplib::Response& response) {
+            if (request.path == "/event") body == "HOLD" ? audience.Hold() : response.set_content(body, "text/json");
+        });
+    }
+    void At(std::int64_t seconds) {  // once what was posted ran at the old time
+        const auto limit = std::chrono::seconds(10);
+        EXPECT_TRUE(!lifecycle || (lifecycle->Flush(limit) && timed->Flush(limit) && Cohorta().Flush(limit)));
+        env.clock->SetMillis(seconds * 1000);
+    }
+    CohortaClient& Cohorta() { return env.runtime->Audience(); }
+    SettingsStore& Settings() { return env.runtime->Settings(); }
+    std::string File() const { return env.local.Read(TimedActionStore::kFileName); }
+
+    LoopbackServer audience;
+    ClosedPort closed;
+    const std::string refused = "127.0.0.1:" + std::to_string(closed.Port());
+    TestRuntime env;
+    ::testing::StrictMock<MockTracker> tracker;
+    std::unique_ptr<TimedActionStore> timed;
+    std::unique_ptr<Lifecycle> lifecycle;
+};
+
+}  // namespace velmora::test
