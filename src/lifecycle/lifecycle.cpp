@@ -44,7 +44,7 @@ void Lifecycle::Pause() {
 }
 
 StringMap Lifecycle::GetLifecycleContextData() const {
-    std::lock_guard lock(contextMutex_);
+    MutexLock lock(contextMutex_);
     return contextData_;
 }
 
@@ -102,7 +102,7 @@ void Lifecycle::StartLifecycle() {
     StringMap contextData = values;
     contextData.merge(device_.GetContextData());
     {
-        std::lock_guard lock(contextMutex_);
+        MutexLock lock(contextMutex_);
         contextData_ = contextData;
     }
     // Timestamped one second before the launch moment.

@@ -6,6 +6,7 @@
 #include "core/config.h"
 #include "core/device.h"
 #include "core/log.h"
+#include "core/mutex.h"
 #include "core/serial_queue.h"
 #include "core/settings_store.h"
 #include "timed_actions/timed_actions.h"
@@ -80,8 +81,8 @@ private:
     CohortaClient& cohorta_;
 
     std::atomic<std::int32_t> currentSessionStart_{0};
-    mutable std::mutex contextMutex_;
-    StringMap contextData_;  // guarded by contextMutex_
+    mutable Mutex contextMutex_;
+    StringMap contextData_ GUARDED_BY(contextMutex_);
 
     SerialQueue queue_;
 };

@@ -22,8 +22,8 @@ namespace velmora {
 namespace {
 
 struct ProcessState {
-    std::mutex mutex;
-    HostOptions pending;
+    Mutex mutex;
+    HostOptions pending GUARDED_BY(mutex);
     std::atomic<Runtime*> instance{nullptr};
 };
 
@@ -58,7 +58,7 @@ Runtime& Runtime::Process() {
     auto& state = State();
     Runtime* runtime = state.instance.load(std::memory_order_acquire);
     if (runtime != nullptr) return *runtime;
-    std::lock_guard lock(state.mutex);
+    MutexLock lock(state.mutex);
     runtime = state.instance.load(std::memory_order_relaxed);
     if (runtime == nullptr) {
         runtime = new Runtime(state.pending);
@@ -73,7 +73,7 @@ void Runtime::ArmExitHandler() { std::atexit(OnProcessExit); }
 bool Runtime::ConfigureProcess(HostOptions options) {
     auto& state = State();
     {
-        std::lock_guard lock(state.mutex);
+        MutexLock lock(state.mutex);
         if (state.instance.load(std::memory_order_relaxed) == nullptr) {
             state.pending = std::move(options);
             return true;

@@ -59,7 +59,7 @@ void Vantor::ClearCookies() {
             return;
         }
         {
-            std::lock_guard lock(mutex_);
+            MutexLock lock(mutex_);
             pcId_.clear();
             sessionId_.clear();
         }
@@ -69,18 +69,18 @@ void Vantor::ClearCookies() {
 }
 
 std::string Vantor::GetPcId() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return pcId_;
 }
 
 std::string Vantor::GetSessionId() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return sessionId_;
 }
 
 void Vantor::SetPersistentParameter(const std::string& key, const std::string& value) {
     if (key.empty()) return;
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (value.empty()) {
         persistent_.erase(key);
     } else {
@@ -89,7 +89,7 @@ void Vantor::SetPersistentParameter(const std::string& key, const std::string& v
 }
 
 StringMap Vantor::PersistentParameters() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return persistent_;
 }
 
@@ -114,20 +114,20 @@ std::string Vantor::BuildUrl(const OfferRequest& request, const StringMap& lifec
 void Vantor::LoadIdentifiers() {
     bool needPc, needSession;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         needPc = pcId_.empty();
         needSession = sessionId_.empty();
     }
     std::optional<std::string> pc = needPc ? LookupText(settings_, kPcIdKey) : std::nullopt;
     std::optional<std::string> session = needSession ? LookupText(settings_, kSessionIdKey) : std::nullopt;
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (pc && pcId_.empty()) pcId_ = *pc;
     if (session && sessionId_.empty()) sessionId_ = *session;
 }
 
 void Vantor::StoreIdentifier(const char* key, const std::string& value) {
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         (std::string(key) == kPcIdKey ? pcId_ : sessionId_) = value;
     }
     settings_.Insert(key, value);

@@ -4,6 +4,7 @@
 #include "core/config.h"
 #include "core/http.h"
 #include "core/log.h"
+#include "core/mutex.h"
 #include "core/serial_queue.h"
 #include "core/settings_store.h"
 
@@ -68,10 +69,10 @@ private:
     const Logger& log_;
     Sources sources_;
 
-    mutable std::mutex mutex_;  // identifiers and persistent parameters
-    std::string pcId_;
-    std::string sessionId_;
-    StringMap persistent_;
+    mutable Mutex mutex_;
+    std::string pcId_ GUARDED_BY(mutex_);
+    std::string sessionId_ GUARDED_BY(mutex_);
+    StringMap persistent_ GUARDED_BY(mutex_);
     SerialQueue queue_;
 };
 
