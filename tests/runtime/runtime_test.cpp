@@ -1,0 +1,65 @@
+#include "support/loopback_server.h"
+#include "support/test_support.h"
+
+#include <velmora/Velmora.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+namespace {
+
+// The names of this process's threads that the library started, with their counts.
+std::map<std::string, int> LibraryThreads() {
+    std::map<std::string, int> names;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        if (name.rfind("velmora-", 0) == 0) ++names[name];
+    }
+    return names;
+}
+
+int Total(const std::map<std::string, int>& names) {
+    int total = 0;
+    for (const auto& [name, count] : names) total += count;
+    return total;
+}
+
+// Every kind of work runs once (hits delivered, a media monitor on the timer, an offer and an
+// audience request, lifecycle); once the process is idle, the library holds at most four threads,
+// each named after its job.
+TEST(Runtime, AnIdleProcessHoldsAtMostFourNamedLibraryThreads) {
+    velmora::test::LoopbackServer server;
+    velmora::test::TempDir package, local;
+    velmora::test::LogCapture log;
+    package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
+                                            R"(","privacyDefault":"optedin"},"cohorta":{"server":")" +
+                                            server.Address() + R"("},"vantor":{"clientCode":"acme","timeout":2}})");
+    Velmora::HostOptions options;
+    options.packageDirectory = package.path();
+    options.localDirectory = local.path();
+    options.logSink = log.Sink();
+    options.internetAvailable = [] { return true; };
+    options.connectTo = {"acme.tt.vantor.example:80:" + server.Address()};
+    ASSERT_TRUE(Velmora::Host::Configure(options));
+
+    Velmora::Config::CollectLifecycleData();
+    for (int i = 0; i < 20; ++i) Velmora::Analytics::TrackState("Home");
+    Velmora::Media::Open(Velmora::Media::SettingsWith("Clip", 60, "Player", "p1"));
+    Velmora::Media::Play("Clip", 0);
+    (void)Velmora::Vantor::LoadRequest(Velmora::Vantor::CreateRequest("home", "fallback", {})).get();
+    (void)Velmora::Cohorta::SubmitSignal({{"k", std::string("v")}}).get();
+    ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(30)));
+    ASSERT_GE(server.Hits().size(), 20u);
+
+    std::map<std::string, int> names;
+    EXPECT_TRUE(velmora::test::WaitUntil([&] { return Total(names = LibraryThreads()) <= 4; }))
+        << "library threads: " << Total(names);
+    EXPECT_EQ(names, (std::map<std::string, int>{{"velmora-sender", 1}, {"velmora-timer", 1}, {"velmora-work", 2}}));
+    Velmora::Media::Close("Clip");
+}
+
+}  // namespace
