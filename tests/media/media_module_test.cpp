@@ -5,18 +5,45 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <sstream>
 
 namespace velmora {
 namespace {
 
 using namespace std::chrono_literals;
 
-// One call on the media queue. "open" reads `number` as the length and `options` as settings
-// ("m=" milestones, "o=" offset milestones, "t=" track seconds, "id=" player ID, "p=" player name,
-// "seg=1" segments by milestones, "ad=1"); "track" reads `options` as its data ("k=v k2="); "tick"
-// advances the clock `number` seconds one by one; "busy" advances it while the queue is held.
-struct Step { std::string verb, name; double number = 0; std::string options = ""; };
+// One call on the media queue, or time passing: Tick advances the clock second by second, Busy
+// moves it on while the queue is held, so the ticks that waited find the time moved on.
+struct Step {
+    enum Verb { kOpen, kOpenNull, kClose, kPlay, kStop, kComplete, kClick, kTrack, kTick, kBusy } verb;
+    std::string name;
+    double number = 0;  // the offset, the length of an opened item, or seconds to pass
+    Velmora::MediaSettings settings = {};
+    StringMap data = {};
+
+    Step& Milestones(std::string list) { return settings.Milestones = std::move(list), *this; }
+    Step& OffsetMilestones(std::string list) { return settings.OffsetMilestones = std::move(list), *this; }
+    Step& SegmentByMilestones() { return settings.SegmentByMilestones = true, *this; }
+    Step& TrackSeconds(std::int32_t seconds) { return settings.TrackSeconds = seconds, *this; }
+    Step& PlayerId(std::string id) { return settings.PlayerID = std::move(id), *this; }
+    Step& NoPlayerName() { return settings.PlayerName.clear(), *this; }
+    Step& Ad() { return settings.IsMediaAd = true, *this; }
+};
+Step Open(std::string name, double length) {
+    Step step{Step::kOpen, name, length};
+    step.settings.Name = std::move(name);
+    step.settings.Length = length;
+    step.settings.PlayerName = "Player";
+    return step;
+}
+Step OpenNull() { return {Step::kOpenNull, ""}; }
+Step Close(std::string name) { return {Step::kClose, std::move(name)}; }
+Step Play(std::string name, double offset = 0) { return {Step::kPlay, std::move(name), offset}; }
+Step Stop(std::string name, double offset = 0) { return {Step::kStop, std::move(name), offset}; }
+Step Complete(std::string name, double offset) { return {Step::kComplete, std::move(name), offset}; }
+Step Click(std::string name, double offset) { return {Step::kClick, std::move(name), offset}; }
+Step Track(std::string name, StringMap data = {}) { return {Step::kTrack, std::move(name), 0, {}, std::move(data)}; }
+Step Tick(int seconds) { return {Step::kTick, "", static_cast<double>(seconds)}; }
+Step Busy(int seconds) { return {Step::kBusy, "", static_cast<double>(seconds)}; }
 
 struct Scenario {
     const char* name;
@@ -67,39 +94,29 @@ TEST_P(MediaScenario, SendsTheseHitsAndLogsTheseLines) {
             if ((has("Media") || has("not set up")) && !has("Sending hit")) transcript.push_back(logged[lines]);
         }
     };
-    for (const auto& [verb, name, number, text] : GetParam().steps) {
-        StringMap options;  // "k=v" words
-        std::istringstream words(text);
-        for (std::string w; words >> w;) options[w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
-        auto settings = std::make_shared<Velmora::MediaSettings>();
-        settings->Name = name;
-        settings->Length = number;
-        settings->PlayerName = options.count("p") ? options["p"] : "Player";
-        settings->PlayerID = options["id"];
-        settings->Milestones = options["m"];
-        settings->OffsetMilestones = options["o"];
-        settings->TrackSeconds = std::stoi("0" + options["t"]);
-        settings->SegmentByMilestones = options.count("seg");
-        settings->IsMediaAd = options.count("ad");
-        if (verb == "busy") {  // the ticks wait, and the first to run finds the time moved on
+    for (const Step& step : GetParam().steps) {
+        if (step.verb == Step::kBusy) {
             std::promise<void> release;
             media.Queue().Post([gate = release.get_future().share()] { gate.wait(); });
-            env.clock->Advance(std::chrono::seconds(static_cast<int>(number)));
+            env.clock->Advance(std::chrono::seconds(static_cast<int>(step.number)));
             release.set_value();
         }
-        for (int i = 0; verb == "tick" && i < number; ++i) {
+        for (int i = 0; step.verb == Step::kTick && i < step.number; ++i) {
             env.clock->Advance(1s);
             settle();
         }
-        media.Queue().Post([&, verb = verb, name = name, number = number] {
-            if (verb == "open") media.Open(settings);
-            if (verb == "open null") media.Open(nullptr);
-            if (verb == "close") media.Close(name);
-            if (verb == "play") media.Play(name, number);
-            if (verb == "stop") media.Stop(name, number);
-            if (verb == "complete") media.Complete(name, number);
-            if (verb == "click") media.Click(name, number);
-            if (verb == "track") media.Track(name, options);
+        media.Queue().Post([&media, &step] {
+            switch (step.verb) {
+                case Step::kOpen: return media.Open(std::make_shared<Velmora::MediaSettings>(step.settings));
+                case Step::kOpenNull: return media.Open(nullptr);
+                case Step::kClose: return media.Close(step.name);
+                case Step::kPlay: return media.Play(step.name, step.number);
+                case Step::kStop: return media.Stop(step.name, step.number);
+                case Step::kComplete: return media.Complete(step.name, step.number);
+                case Step::kClick: return media.Click(step.name, step.number);
+                case Step::kTrack: return media.Track(step.name, step.data);
+                default: return;
+            }
         });
         settle();
     }
@@ -114,54 +131,47 @@ INSTANTIATE_TEST_SUITE_P(
     Media, MediaScenario,
     ::testing::Values(
         Scenario{"MilestonesFromTheMonitorCompleteOnceThenRemoval",
-                 {{"open", "Movie", 100, "m=0,25,50,75"}, {"play", "Movie"}, {"busy", "", 30}, {"tick", "", 75},
-                  {"play", "Movie"}},
+                 {Open("Movie", 100).Milestones("0,25,50,75"), Play("Movie"), Busy(30), Tick(75), Play("Movie")},
                  {"0s m_s Movie view=true", "30s m_i Movie milestone=25 timePlayed=30",
                   "50s m_i Movie milestone=50 timePlayed=20", "75s m_i Movie milestone=75 timePlayed=25",
                   "100s m_i Movie complete=true timePlayed=25", NoItem("play", "Movie")}},
         Scenario{"TrackSecondsAndAClickAtTheEnd",
-                 {{"open", "Clip", 300, "t=10"}, {"play", "Clip"}, {"tick", "", 25}, {"click", "Clip", 300},
-                  {"stop", "Clip"}},
+                 {Open("Clip", 300).TrackSeconds(10), Play("Clip"), Tick(25), Click("Clip", 300), Stop("Clip")},
                  {"0s m_s Clip length=300 view=true", "10s m_i Clip length=300 timePlayed=10",
                   "20s m_i Clip length=300 timePlayed=10",
                   "25s m_i Clip clicked=true complete=true length=300 timePlayed=280", NoItem("stop", "Clip")}},
         // An open item is closed by an item of its player ID or of its name; an empty ID matches nothing.
         Scenario{"OpeningTheSamePlayerOrNameClosesTheOpenItem",
-                 {{"open", "A", 100, "id=p1"}, {"play", "A"}, {"tick", "", 5}, {"open", "B", 100, "id=p1"},
-                  {"play", "A"}, {"open", "A", 100}, {"play", "A"}, {"open", "C", 100}, {"tick", "", 1},
-                  {"open", "A", 100}, {"play", "A"}},
+                 {Open("A", 100).PlayerId("p1"), Play("A"), Tick(5), Open("B", 100).PlayerId("p1"), Play("A"), Open("A", 100),
+                  Play("A"), Open("C", 100), Tick(1), Open("A", 100), Play("A")},
                  {"0s m_s A view=true", "5s m_i A timePlayed=5", NoItem("play", "A"), "5s m_s A view=true",
                   "6s m_i A timePlayed=1", "6s m_s A view=true"}},
         Scenario{"TrackDropsEmptyValuesAndAlwaysSends",
-                 {{"open", "Show", 100}, {"track", "Show", 0, "early=1"}, {"play", "Show"},
-                  {"track", "Show", 0, "kept=1 dropped="}, {"tick", "", 3},
-                  {"track", "Show", 0, "kept=2 a.media.name=Mine dropped="}, {"track", "Show"}},
+                 {Open("Show", 100), Track("Show", {{"early", "1"}}), Play("Show"), Track("Show", {{"kept", "1"}, {"dropped", ""}}),
+                  Tick(3), Track("Show", {{"kept", "2"}, {"a.media.name", "Mine"}, {"dropped", ""}}), Track("Show")},
                  {"0s m_s Show view=true", "0s m_s Show view=true kept=1", "3s m_i Show timePlayed=3 kept=2",
                   "3s m_i Show"}},
         Scenario{"SecondCompleteLeavesABlankSnapshotThatEndsPlaying",
-                 {{"open", "Song", 100, "t=2"}, {"play", "Song"}, {"tick", "", 3}, {"complete", "Song", 3},
-                  {"complete", "Song", 3}, {"tick", "", 4}, {"play", "Song", 10}, {"tick", "", 2},
-                  {"complete", "Song", 12}, {"complete", "Song", 12}, {"close", "Song"}},
+                 {Open("Song", 100).TrackSeconds(2), Play("Song"), Tick(3), Complete("Song", 3), Complete("Song", 3), Tick(4),
+                  Play("Song", 10), Tick(2), Complete("Song", 12), Complete("Song", 12), Close("Song")},
                  {"0s m_s Song view=true", "2s m_i Song timePlayed=2", "3s m_i Song complete=true timePlayed=1",
                   "9s m_i Song timePlayed=2"}},
         Scenario{"CloseCompletesWithUnknownLengthOrNearTheEnd",
-                 {{"open", "Idle", 100}, {"close", "Idle"}, {"close", "Idle"}, {"open", "Live", 0, "p="},
-                  {"play", "Live"}, {"tick", "", 4}, {"close", "Live"}, {"open", "Live", 5, "p="}, {"play", "Live"},
-                  {"tick", "", 4}, {"close", "Live"}},
+                 {Open("Idle", 100), Close("Idle"), Close("Idle"), Open("Live", 0).NoPlayerName(), Play("Live"), Tick(4),
+                  Close("Live"), Open("Live", 5).NoPlayerName(), Play("Live"), Tick(4), Close("Live")},
                  {NoItem("close", "Idle"), "0s m_s Live length= playerName=Not_Specified view=true",
                   "4s m_i Live complete=true length= playerName=Not_Specified timePlayed=4",
                   "4s m_s Live length=5 playerName=Not_Specified view=true",
                   "8s m_i Live complete=true length=5 playerName=Not_Specified timePlayed=4"}},
         Scenario{"SegmentsReportTheSegmentJustLeft",
-                 {{"open", "Doc", 100, "m=50 seg=1"}, {"play", "Doc"}, {"tick", "", 10}, {"stop", "Doc", 10},
-                  {"play", "Doc", 70}, {"tick", "", 5}, {"stop", "Doc", 75}, {"play", "Doc", 20}},
+                 {Open("Doc", 100).Milestones("50").SegmentByMilestones(), Play("Doc"), Tick(10), Stop("Doc", 10),
+                  Play("Doc", 70), Tick(5), Stop("Doc", 75), Play("Doc", 20)},
                  {"0s m_s Doc segment=M:0-50 segmentNum=1 view=true",
                   "10s m_i Doc milestone=50 segment=M:0-50 segmentNum=1 segmentView=true timePlayed=10",
                   "15s m_i Doc segment=M:50-100 segmentNum=2 segmentView=true timePlayed=5"}},
         Scenario{"RefusedItemsAndUnknownNames",
-                 {{"open", "\r\n--**--", 10}, {"open", "Ad", 10, "ad=1"}, {"open null", ""}, {"close", "Ad\n"},
-                  {"play", "Ad\n"}, {"complete", "Ad\n"}, {"stop", "Ad\n"}, {"click", "Ad\n"},
-                  {"track", "Ad\n", 0, "k=v"}},
+                 {Open("\r\n--**--", 10), Open("Ad", 10).Ad(), OpenNull(), Close("Ad\n"), Play("Ad\n"), Complete("Ad\n", 0),
+                  Stop("Ad\n"), Click("Ad\n", 0), Track("Ad\n", {{"k", "v"}})},
                  {"Velmora Warning:Analytics - VLMMediaSettings is required with a valid name. Media item not opened",
                   "Velmora Warning:Analytics - Media ad requires parent name, please specify a parent name. Media "
                   "item not opened",
@@ -169,14 +179,14 @@ INSTANTIATE_TEST_SUITE_P(
                   NoItem("close", "Ad"), NoItem("play", "Ad"), NoItem("complete", "Ad"), NoItem("stop", "Ad"),
                   NoItem("click", "Ad"), NoItem("track", "Ad")}},
         Scenario{"BadMilestonesAreLoggedByTheQueueWhichGoesOn",
-                 {{"open", "A", 100}, {"play", "A"}, {"tick", "", 2}, {"open", "A", 100, "m=50,25,abc"},
-                  {"open", "B", 100, "o=99999999999"}, {"play", "B"}, {"open", "A", 100, "m=50"}, {"play", "A"}},
+                 {Open("A", 100), Play("A"), Tick(2), Open("A", 100).Milestones("50,25,abc"),
+                  Open("B", 100).OffsetMilestones("99999999999"), Play("B"), Open("A", 100).Milestones("50"), Play("A")},
                  {"0s m_s A view=true", "2s m_i A timePlayed=2",
                   "Velmora Error:Media - Unexpected error in background work (invalid stoi argument)",
                   "Velmora Error:Media - Unexpected error in background work (stoi argument out of range)",
                   NoItem("play", "B"), "2s m_s A view=true"}},
         Scenario{"WithoutAnalyticsEveryCallOnlyWarns",
-                 {{"open", "A", 100}, {"play", "A"}, {"track", "A"}, {"close", "A"}},
+                 {Open("A", 100), Play("A"), Track("A"), Close("A")},
                  std::vector<std::string>(4, "Velmora Warning:Analytics - Your config file is not set up to use "
                                              "Analytics"),
                  false}),
