@@ -360,7 +360,7 @@ void HitQueue::RequestSave() {
 // ---------------------------------------------------------------- the sender
 
 void HitQueue::SenderLoop() {
-    MarkLibraryThread();
+    StartLibraryThread("velmora-sender");
     std::unique_lock lock(senderMutex_);
     for (;;) {
         senderCv_.wait(lock, [this] { return runRequested_ || stopping_; });

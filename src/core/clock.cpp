@@ -62,7 +62,7 @@ std::shared_ptr<Timer> SystemClock::Every(std::chrono::milliseconds period, std:
 }
 
 void SystemClock::RunTimers() {
-    MarkLibraryThread();
+    StartLibraryThread("velmora-timer");
     std::unique_lock lock(mutex_);
     while (!stopping_) {
         // Drop cancelled timers first so that an idle clock really sleeps.
