@@ -60,6 +60,8 @@ TEST(Runtime, AnIdleProcessHoldsAtMostFourNamedLibraryThreads) {
         << "library threads: " << Total(names);
     EXPECT_EQ(names, (std::map<std::string, int>{{"velmora-sender", 1}, {"velmora-timer", 1}, {"velmora-work", 2}}));
     Velmora::Media::Close("Clip");
+    // The log capture and directories die with this scope; the library must stop writing first.
+    EXPECT_TRUE(Velmora::Host::Shutdown(std::chrono::seconds(10)));
 }
 
 }  // namespace
