@@ -200,6 +200,20 @@ void Runtime::SetPrivacyStatus(std::int32_t status) {
     velmora::SetPrivacyStatus(Config(), status, Settings(), log_, hits_.IfCreated());
 }
 
+template <typename Visit>
+void Runtime::ForEachModuleInOrder(Visit&& visit) {
+    auto each = [&](auto* module) {
+        if (module != nullptr) visit(module);
+    };
+    each(sessions_.IfCreated());
+    each(media_.IfCreated());
+    each(offers_.IfCreated());
+    each(timedActions_.IfCreated());
+    each(audience_.IfCreated());
+    each(tracker_.IfCreated());
+    each(hits_.IfCreated());
+}
+
 bool Runtime::Flush(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     auto left = [&] {
@@ -207,33 +221,14 @@ bool Runtime::Flush(std::chrono::milliseconds timeout) {
                         std::chrono::milliseconds(0));
     };
     if (auto* queue = general_.IfCreated(); queue != nullptr && !queue->Drain(left())) return false;
-    // In the direction work flows: each module may still post to the ones after it.
     bool done = true;
-    auto flush = [&](auto* module) {
-        if (module != nullptr) done = module->Flush(left()) && done;
-    };
-    flush(sessions_.IfCreated());
-    flush(media_.IfCreated());
-    flush(offers_.IfCreated());
-    flush(timedActions_.IfCreated());
-    flush(audience_.IfCreated());
-    flush(tracker_.IfCreated());
-    flush(hits_.IfCreated());
+    ForEachModuleInOrder([&](auto* module) { done = module->Flush(left()) && done; });
     return done;
 }
 
 void Runtime::StopThreads() {
-    auto stop = [](auto* module) {
-        if (module != nullptr) module->Shutdown();
-    };
-    stop(general_.IfCreated());
-    stop(sessions_.IfCreated());
-    stop(media_.IfCreated());
-    stop(offers_.IfCreated());
-    stop(timedActions_.IfCreated());
-    stop(audience_.IfCreated());
-    stop(tracker_.IfCreated());
-    stop(hits_.IfCreated());
+    if (auto* queue = general_.IfCreated()) queue->Shutdown();
+    ForEachModuleInOrder([](auto* module) { module->Shutdown(); });
     executor_.Shutdown();
 }
 

@@ -103,6 +103,10 @@ public:
 private:
     bool Stop(std::chrono::milliseconds timeout, bool deliver, bool bounded);
     void StopThreads();
+    // Modules after the general queue, in the direction work flows: each may still post to the ones
+    // after it, so flushing and stopping go in this order.
+    template <typename Visit>
+    void ForEachModuleInOrder(Visit&& visit);
     void EnsureLocalDirectory();
 
     const HostOptions host_;
