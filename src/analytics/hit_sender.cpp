@@ -107,6 +107,7 @@ void HitSender::Loop() {
 }
 
 void HitSender::Run() {
+    bool removed = false;
     for (;;) {
         if (Stopping() || config_.Privacy() != kPrivacyOptIn) break;
         if (!InternetAvailable(host_)) {
@@ -119,16 +120,18 @@ void HitSender::Run() {
             KeepInOrder(*hit);
         } else if (static_cast<std::int64_t>(hit->timestamp) < clock_.NowSeconds() - 5LL) {
             store_.RemoveFront();  // too old to be worth sending without offline tracking
+            removed = true;
             continue;
         }
         if (Attempt(*hit) != Outcome::kRetryLater) {
             store_.RemoveFront();
+            removed = true;
             continue;
         }
         store_.Return(std::move(*hit));
         if (!Cooldown()) break;
     }
-    store_.Save();  // what the run removed since the last save
+    if (removed) store_.Save();  // what the run removed since the last save
 }
 
 void HitSender::KeepInOrder(QueuedHit& hit) {

@@ -123,7 +123,9 @@ private:
             QueuedHit& queued = hits_.emplace_back();
             queued.hit.swap(hit_);
             queued.timestamp = timestamp_;
-            if (withMembers_) queued.json = std::make_shared<const std::string>(QueueFileMember(queued.hit, timestamp_));
+            if (withMembers_) {
+                queued.json = std::make_shared<const std::string>(QueueFileMember(queued.hit, timestamp_));
+            }
         } else if (depth_ == 2) {
             sawHits_ = true;
         }
@@ -154,8 +156,16 @@ bool NeedsEscaping(const std::string& text) {
 
 }  // namespace
 
+void ParseQueueFile(std::istream& text, std::vector<QueuedHit>& hits) {
+    if (text.peek() == std::char_traits<char>::eof()) return;  // a file that did not exist yet
+    QueueFileReader reader(hits, false);
+    Json::sax_parse(text, &reader);
+    if (!reader.SawHits()) throw std::runtime_error("the document has no \"Hits\" array");
+}
+
 void ParseQueueFile(const std::string& text, std::vector<QueuedHit>& hits, bool withMembers) {
     if (text.empty()) return;  // a file that did not exist yet
+    hits.reserve(hits.size() + text.size() / 256);  // hits are rarely shorter
     QueueFileReader reader(hits, withMembers);
     Json::sax_parse(text, &reader);
     if (!reader.SawHits()) throw std::runtime_error("the document has no \"Hits\" array");
@@ -183,7 +193,7 @@ HitStore::HitStore(const Logger& log, FileStore& files) : log_(log), files_(file
 void HitStore::Load() {
     std::vector<QueuedHit> loaded;
     try {
-        ParseQueueFile(files_.Read(kFileName), loaded, false);
+        ParseQueueFile(*files_.OpenForReading(kFileName), loaded);
     } catch (const std::exception& e) {
         log_.Error("Analytics - Unable to load queued hits (%s)", e.what());
     }
@@ -195,37 +205,42 @@ void HitStore::Load() {
     savedThrough_ = nextSequence_ - 1;  // they came from the file
 }
 
-void HitStore::Announce() {
-    MutexLock lock(mutex_);
-    ++announced_;
-}
+void HitStore::Announce() { announced_.fetch_add(1); }
 
 void HitStore::Withdraw() {
+    if (!Applied()) return;
     MutexLock lock(mutex_);
-    if (announced_ > 0) --announced_;
-    if (announced_ == 0) SaveLocked();  // a save may have waited for this change
+    SaveLocked();  // a save may have waited for this change
 }
 
 void HitStore::Append(std::string hit, std::int32_t timestamp) {
     auto json = std::make_shared<const std::string>(QueueFileMember(hit, timestamp));
+    const bool last = Applied();
     MutexLock lock(mutex_);
-    if (announced_ > 0) --announced_;
     QueuedHit& queued = hits_.emplace_back();
     queued.hit = std::move(hit);
     queued.timestamp = timestamp;
     queued.json = std::move(json);
     queued.sequence = nextSequence_++;
     changed_ = true;
-    if (announced_ == 0 || SaveDue()) SaveLocked();
+    if (last || SaveDue()) SaveLocked();
 }
 
 void HitStore::Clear() {
+    const bool last = Applied();
     MutexLock lock(mutex_);
-    if (announced_ > 0) --announced_;
     hits_.clear();
     taken_.reset();
     changed_ = true;
-    if (announced_ == 0 || SaveDue()) SaveLocked();
+    if (last || SaveDue()) SaveLocked();
+}
+
+bool HitStore::Applied() {
+    int announced = announced_.load();
+    // An unannounced change (a test, or the store used on its own) is its own last change.
+    while (announced > 0 && !announced_.compare_exchange_weak(announced, announced - 1)) {
+    }
+    return announced <= 1;
 }
 
 std::optional<QueuedHit> HitStore::TakeFront() {

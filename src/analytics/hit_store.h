@@ -4,9 +4,11 @@
 #include "core/log.h"
 #include "core/mutex.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <istream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,6 +28,8 @@ struct QueuedHit {
 // thrown; an empty text is an empty queue. Without `withMembers` the member texts are left for the
 // first save to make.
 void ParseQueueFile(const std::string& text, std::vector<QueuedHit>& hits, bool withMembers = true);
+// The same from a stream, without the member texts.
+void ParseQueueFile(std::istream& text, std::vector<QueuedHit>& hits);
 std::string QueueFileMember(const std::string& hit, std::int32_t timestamp);
 
 // The queue's hits and the file that keeps them, oldest first.
@@ -63,17 +67,22 @@ public:
     void Save() EXCLUDES(mutex_);
 
 private:
+    // Counts one announced change as applied; true when no further one is waiting.
+    bool Applied();
     void SaveLocked() REQUIRES(mutex_);
     bool SaveDue() const REQUIRES(mutex_);
 
     const Logger& log_;
     FileStore& files_;
 
+    // Changes announced and not yet applied. No lock: a caller announcing must not wait for a save,
+    // or every change would arrive after the save before it and get a save of its own.
+    std::atomic<int> announced_{0};
+
     // Held for every read or change of the hits and for every save, so saves land in order.
     mutable Mutex mutex_;
     std::deque<QueuedHit> hits_ GUARDED_BY(mutex_);
     std::shared_ptr<const std::string> taken_ GUARDED_BY(mutex_);  // the sender's hit, still in the file
-    int announced_ GUARDED_BY(mutex_) = 0;
     bool changed_ GUARDED_BY(mutex_) = false;  // since the last save
     std::uint64_t nextSequence_ GUARDED_BY(mutex_) = 1;
     std::uint64_t savedThrough_ GUARDED_BY(mutex_) = 0;  // highest sequence the file has been given

@@ -40,11 +40,9 @@ protected:
 };
 
 TEST_F(HitStoreTest, FiveHundredAppendsAnnouncedAheadAreWrittenInAtMostFiveSaves) {
-    store.Load();
     for (int i = 0; i < 500; ++i) store.Announce();
     for (int i = 0; i < 500; ++i) store.Append("s" + std::to_string(i), i);
     EXPECT_LE(files.saves.load(), 5);
-    EXPECT_GE(files.saves.load(), 1);  // the last change is never left unsaved
     HitStore next(log, files);
     next.Load();
     EXPECT_EQ(next.Size(), 500u);
@@ -57,15 +55,13 @@ TEST_F(HitStoreTest, TheFileHoldsTheHitsOldestFirstAndTheNextProcessGetsThemInTh
     HitStore next(log, files);
     next.Load();
     EXPECT_EQ(Take(next), (std::vector<std::string>{"s1?a=\"q\"", "s2"}));
-    next.Save();
-    EXPECT_EQ(File(), R"({"Hits":[]})");
 }
 
 TEST_F(HitStoreTest, ADamagedFileKeepsTheWholeEntriesBeforeTheDamageAndSaysSoOnce) {
-    dir.Write(HitStore::kFileName, R"({"Hits":[{"T":1,"H":"s1"},{"T":2,"H":"s2"},{"T":"x","H":"s3"},{"T":4,"H":"s4"}]})");
+    dir.Write(HitStore::kFileName, R"({"Hits":[{"T":1,"H":"s1"},{"T":2,"H":"s2"},{"T":"x","H":"s3"},{"T":4}]})");
     store.Load();
-    EXPECT_EQ(capture.Lines(), std::vector<std::string>{
-                                   "Velmora Error:Analytics - Unable to load queued hits (a queued hit's \"T\" is not a number)"});
+    EXPECT_EQ(capture.Lines(), std::vector<std::string>{"Velmora Error:Analytics - Unable to load queued hits "
+                                                        "(a queued hit's \"T\" is not a number)"});
     EXPECT_EQ(Take(store), (std::vector<std::string>{"s1", "s2"}));
 }
 
@@ -86,7 +82,6 @@ TEST_F(HitStoreTest, AHitTakenWhenTheQueueIsClearedDoesNotComeBack) {
     ASSERT_TRUE(taken);
     store.Clear();
     store.Return(std::move(*taken));
-    store.Save();
     EXPECT_EQ(store.Size(), 0u);
     EXPECT_EQ(File(), R"({"Hits":[]})");
 }
