@@ -31,7 +31,6 @@ public:
         return urls_;
     }
     std::deque<int> answers;  // set while the sender is idle
-
 private:
     mutable std::mutex mutex_;
     std::vector<std::string> urls_;
@@ -74,11 +73,11 @@ protected:
 
 TEST_F(HitSenderTest, EachAnswerIsDeliveredRetriedOrDroppedByTheRules) {
     using Outcome = HitSender::Outcome;
-    const std::string sending = "Velmora Debug:Analytics - Sending hit (" + kBase + "s1?ts=1)";
-    const std::string recover = "Velmora Debug:Analytics - Unable to send hit, attempting to recover";
-    const std::string invalid = "Velmora Debug:Analytics - Invalid hit (removed)";
-    auto cooldown = [](int status) {
-        return "Velmora Debug:Analytics - Recoverable network error (" + std::to_string(status) +
+    const std::string line = "Velmora Debug:Analytics - ", sending = line + "Sending hit (" + kBase + "s1?ts=1)";
+    const std::string recover = line + "Unable to send hit, attempting to recover";
+    const std::string invalid = line + "Invalid hit (removed)";
+    auto cooldown = [&line](int status) {
+        return line + "Recoverable network error (" + std::to_string(status) +
                "), imposing internal cooldown (30 seconds)";
     };
     struct Case {
