@@ -15,6 +15,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -233,9 +235,68 @@ void BM_OfflineBacklogInFileAndLoad(benchmark::State& state) {
 }
 BENCHMARK(BM_OfflineBacklogInFileAndLoad)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// The child of BM_ReloadInFreshProcess: configures the host on the directories given and asks the
+// public API for the queue size, which creates the hit queue and loads its file. Prints the call's
+// time and the time from the start of the configuration.
+int ReloadChild(const char* packageDir, const char* localDir) {
+    Velmora::HostOptions options;
+    options.packageDirectory = packageDir;
+    options.localDirectory = localDir;
+    options.internetAvailable = [] { return false; };
+    options.logSink = [](std::string_view) {};
+    const auto start = Clock::now();
+    if (!Velmora::Host::Configure(options)) return 2;
+    const auto asked = Clock::now();
+    const auto size = Velmora::Analytics::GetQueueSize();
+    const auto answered = Clock::now();
+    std::printf("%u %.3f %.3f\n", static_cast<unsigned>(size), Millis(answered - asked), Millis(answered - start));
+    std::fflush(stdout);
+    std::_Exit(0);  // the figure is taken; the end of the process is not timed
+}
+
+void BM_ReloadInFreshProcess(benchmark::State& state) {
+    constexpr int kHits = 10000, kProcesses = 5;
+    for (auto _ : state) {
+        ScratchDir package, local;
+        package.Write("VelmoraConfig.json", ConfigJson("collector.invalid", true, "optedin"));
+        {
+            auto runtime = std::make_unique<Runtime>(Options(package, local, false));
+            runtime->Settings().Insert(kAidKey, std::string(kAid));
+            auto& tracker = runtime->Tracker();
+            const StringMap context = TranslateContextData(TenEntries(), runtime->Log());
+            for (int i = 0; i < kHits; ++i) tracker.GatedTrackState("Page " + std::to_string(i), context);
+            runtime->Flush(std::chrono::seconds(60));
+        }
+        std::vector<double> loads, totals;
+        for (int i = 0; i < kProcesses; ++i) {
+            const std::string command = "/proc/" + std::to_string(::getpid()) + "/exe --reload-child " +
+                                        package.path().string() + " " + local.path().string();
+            FILE* child = ::popen(command.c_str(), "r");
+            unsigned size = 0;
+            double load = 0, total = 0;
+            const bool read = child != nullptr && std::fscanf(child, "%u %lf %lf", &size, &load, &total) == 3;
+            if (child != nullptr) ::pclose(child);
+            if (!read || size != static_cast<unsigned>(kHits)) {
+                state.SkipWithError("a child process did not load the queue whole");
+                return;
+            }
+            loads.push_back(load);
+            totals.push_back(total);
+        }
+        std::sort(loads.begin(), loads.end());
+        std::sort(totals.begin(), totals.end());
+        state.SetIterationTime(loads[kProcesses / 2] / 1000.0);
+        state.counters["load_ms_median"] = loads[kProcesses / 2];
+        state.counters["load_ms_max"] = loads.back();
+        state.counters["configure_and_load_ms_median"] = totals[kProcesses / 2];
+    }
+}
+BENCHMARK(BM_ReloadInFreshProcess)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 4 && std::string(argv[1]) == "--reload-child") return ReloadChild(argv[2], argv[3]);
     ScratchDir package, local;
     package.Write("VelmoraConfig.json", ConfigJson("collector.invalid", true, "optedin"));
     Velmora::Host::Configure(Options(package, local, false));

@@ -1,5 +1,10 @@
 #include "core/file_store.h"
 
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -59,18 +64,42 @@ std::string FileStore::Read(const std::string& name) {
         return {};
     }
     RemoveAbandonedTemporaries(directory_, name);
-    std::string text;
-    char buffer[65536];
+    // Read straight into a string of the file's size: a queue file of several megabytes is not
+    // copied through a growing buffer. The size is a hint; a file that grows meanwhile is read whole.
+    struct stat info {};
+    std::string text(::fstat(fd.get(), &info) == 0 && info.st_size > 0 ? static_cast<std::size_t>(info.st_size) : 0,
+                     '\0');
+    std::size_t length = 0;
     for (;;) {
-        ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+        if (length == text.size()) text.resize(text.size() + 65536);
+        const ssize_t n = ::read(fd.get(), &text[length], text.size() - length);
         if (n < 0) {
             if (errno == EINTR) continue;
             Fail("Cannot read", path, errno);
         }
         if (n == 0) break;
-        text.append(buffer, static_cast<std::size_t>(n));
+        length += static_cast<std::size_t>(n);
     }
+    text.resize(length);
     return text;
+}
+
+std::unique_ptr<std::istream> FileStore::OpenForReading(const std::string& name) {
+    const auto path = directory_ / name;
+    {
+        Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (fd.get() < 0) {
+            if (errno != ENOENT) Fail("Cannot open", path, errno);
+            Descriptor created(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+            if (created.get() < 0) Fail("Cannot create", path, errno);
+            RemoveAbandonedTemporaries(directory_, name);
+            return std::make_unique<std::istringstream>();
+        }
+    }
+    RemoveAbandonedTemporaries(directory_, name);
+    auto stream = std::make_unique<std::ifstream>(path, std::ios::binary);
+    if (!*stream) Fail("Cannot open", path, errno);
+    return stream;
 }
 
 void FileStore::WriteAtomic(const std::string& name, std::string_view text) {

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <filesystem>
+#include <istream>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -18,6 +20,9 @@ public:
     // `name` that killed processes left behind are removed.
     virtual std::string Read(const std::string& name);
     virtual void WriteAtomic(const std::string& name, std::string_view text);
+    // As Read, but the text is read as it is consumed: a document of megabytes is parsed without
+    // a copy of it in memory.
+    virtual std::unique_ptr<std::istream> OpenForReading(const std::string& name);
 
     const std::filesystem::path& Directory() const { return directory_; }
 

@@ -373,4 +373,11 @@ std::string RequestHandler::GetResponseText() {
     return std::move(result.body);
 }
 
+std::int32_t HttpClient::Get(const std::string& url, const Headers& headers, std::int32_t timeoutMillis) {
+    RequestHandler request(*this, url);
+    request.SetTimeout(timeoutMillis);
+    for (const auto& [name, value] : headers) request.SetHeader(name, value);
+    return request.GetStatusCode();
+}
+
 }  // namespace velmora

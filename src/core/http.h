@@ -6,6 +6,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace velmora {
@@ -30,12 +31,23 @@ private:
 // The message of the request service's table for a result code; "Unknown COMException" otherwise.
 const char* DescribeHResult(std::int64_t code);
 
+// One synchronous GET, as a sender sees it: the status code (408 when the time-out ran out), or
+// TransportError when no answer came. Tests put a fake in place of the HTTP client.
+class Transport {
+public:
+    using Headers = std::vector<std::pair<std::string, std::string>>;
+    virtual ~Transport() = default;
+    virtual std::int32_t Get(const std::string& url, const Headers& headers, std::int32_t timeoutMillis) = 0;
+};
+
 // Shared by every request of a runtime: the host's connect-to entries and a connection cache, so
 // that consecutive requests to one server reuse their connection.
-class HttpClient {
+class HttpClient : public Transport {
 public:
     HttpClient(const Logger& log, std::vector<std::string> connectTo);
-    ~HttpClient();
+    ~HttpClient() override;
+
+    std::int32_t Get(const std::string& url, const Headers& headers, std::int32_t timeoutMillis) override;
 
     // Ends the requests in flight at once (they fail as aborted connections) and makes every later
     // request fail the same way: the end of the process must not wait out a server's time-out.
