@@ -67,12 +67,12 @@ std::optional<StringMap> CohortaClient::GetVisitorProfile(SettingsStore& setting
 }
 
 std::string CohortaClient::GetDpid() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return dpid_;
 }
 
 std::string CohortaClient::GetDpuuid() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return dpuuid_;
 }
 
@@ -82,7 +82,7 @@ void CohortaClient::SetDpidAndDpuuid(std::string dpid, std::string dpuuid) {
             log_.Warning("Cohorta - Your config file is not set up to use Cohorta");
             return;
         }
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         dpid_ = dpid;
         dpuuid_ = dpuuid;
     });
@@ -102,7 +102,7 @@ const std::string& CohortaClient::BaseUrl() {
 }
 
 std::string CohortaClient::UserId() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!userId_) userId_ = LookupText(settings_, kCohortaUserIdKey).value_or(std::string());
     return *userId_;
 }
@@ -110,7 +110,7 @@ std::string CohortaClient::UserId() {
 void CohortaClient::StoreUserId(const std::string& userId) {
     if (userId == UserId()) return;
     settings_.Insert(kCohortaUserIdKey, userId);
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     userId_ = userId;
 }
 
@@ -126,7 +126,7 @@ std::string CohortaClient::BuildSignalUrl(const StringMap& traits) {
     const std::string userId = UserId();
     if (!userId.empty()) url += "&d_uuid=" + userId;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (!dpid_.empty() && !dpuuid_.empty()) url += "&d_dpid=" + dpid_ + "&d_dpuuid=" + dpuuid_;
     }
     url += "&d_ptfm=win8&d_dst=1&d_rtbd=json";

@@ -3,13 +3,14 @@
 #include "core/config.h"
 #include "core/http.h"
 #include "core/log.h"
+#include "core/mutex.h"
 #include "core/serial_queue.h"
 #include "core/settings_store.h"
 
 #include <future>
 #include <nlohmann/json_fwd.hpp>
 #include <memory>
-#include <mutex>
+#include <mutex>  // std::once_flag
 #include <optional>
 #include <regex>
 #include <string>
@@ -55,8 +56,8 @@ public:
     // The stored profile; nullopt when none is stored. Reads only the settings, so it needs no
     // module (and no configuration).
     static std::optional<StringMap> GetVisitorProfile(SettingsStore& settings);
-    std::string GetDpid() const;
-    std::string GetDpuuid() const;
+    std::string GetDpid() const EXCLUDES(mutex_);
+    std::string GetDpuuid() const EXCLUDES(mutex_);
     void SetDpidAndDpuuid(std::string dpid, std::string dpuuid);
     // Completes with the new profile, or nullopt on any failure or an answer without segments.
     std::future<std::optional<StringMap>> SubmitSignal(StringMap traits);
@@ -64,11 +65,12 @@ public:
 
 private:
     // The request URL for `traits` with the identifiers known now.
-    std::string BuildSignalUrl(const StringMap& traits);
+    std::string BuildSignalUrl(const StringMap& traits) EXCLUDES(mutex_);
     std::optional<StringMap> Signal(const StringMap& traits);
     void ForwardDestination(const nlohmann::json& destination);
-    std::string UserId();
-    void StoreUserId(const std::string& userId);
+    // Reads the settings with the lock held, on first use.
+    std::string UserId() EXCLUDES(mutex_);
+    void StoreUserId(const std::string& userId) EXCLUDES(mutex_);
     const std::string& BaseUrl();
 
     const ConfigSettings& config_;
@@ -79,9 +81,10 @@ private:
     const std::regex dot_{"[.]"};
     const std::regex leadingAmpersand_{"\\?&"};
 
-    mutable std::mutex mutex_;
-    std::string dpid_, dpuuid_;       // guarded by mutex_
-    std::optional<std::string> userId_;  // guarded by mutex_; read from settings on first use
+    mutable Mutex mutex_;
+    std::string dpid_ GUARDED_BY(mutex_);
+    std::string dpuuid_ GUARDED_BY(mutex_);
+    std::optional<std::string> userId_ GUARDED_BY(mutex_);  // read from settings on first use
     std::once_flag baseUrlOnce_;
     std::string baseUrl_;
 

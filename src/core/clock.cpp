@@ -7,18 +7,18 @@
 namespace velmora {
 
 void Waker::Wake() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     woken_ = true;
-    cv_.notify_all();
+    cv_.SignalAll();
 }
 
 void Waker::Reset() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     woken_ = false;
 }
 
 bool Waker::Woken() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return woken_;
 }
 
@@ -33,10 +33,11 @@ struct SystemClock::Entry : Timer {
 
 SystemClock::~SystemClock() {
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         stopping_ = true;
     }
-    cv_.notify_all();
+    cv_.SignalAll();
+    // No Every can start the thread any more: the clock is being destroyed.
     if (thread_.joinable()) thread_.join();
 }
 
@@ -46,45 +47,50 @@ std::int64_t SystemClock::NowMillis() const {
 }
 
 bool SystemClock::SleepFor(std::chrono::milliseconds duration, Waker& waker) {
-    std::unique_lock lock(waker.mutex_);
-    return !waker.cv_.wait_for(lock, duration, [&] { return waker.woken_; });
+    MutexLock lock(waker.mutex_);
+    return !waker.cv_.WaitUntil(waker.mutex_, std::chrono::steady_clock::now() + duration, [&] {
+        waker.mutex_.AssertHeld();
+        return waker.woken_;
+    });
 }
 
 std::shared_ptr<Timer> SystemClock::Every(std::chrono::milliseconds period, std::function<void()> tick) {
     auto entry = std::make_shared<Entry>();
     entry->period = period;
     entry->tick = std::move(tick);
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     due_.emplace(std::chrono::steady_clock::now() + period, entry);
     if (!thread_.joinable()) thread_ = std::thread([this] { RunTimers(); });
-    cv_.notify_all();
+    cv_.SignalAll();
     return entry;
 }
 
 void SystemClock::RunTimers() {
     StartLibraryThread("velmora-timer");
-    std::unique_lock lock(mutex_);
+    mutex_.Lock();
     while (!stopping_) {
         // Drop cancelled timers first so that an idle clock really sleeps.
         for (auto it = due_.begin(); it != due_.end();) {
             it = it->second->cancelled ? due_.erase(it) : std::next(it);
         }
         if (due_.empty()) {
-            cv_.wait(lock);
+            cv_.Wait(mutex_);
             continue;
         }
         auto next = due_.begin()->first;
         if (std::chrono::steady_clock::now() < next) {
-            cv_.wait_until(lock, next);
+            cv_.WaitUntil(mutex_, next);
             continue;
         }
         auto entry = due_.begin()->second;
         due_.erase(due_.begin());
         due_.emplace(next + entry->period, entry);
-        lock.unlock();
+        // Ticks run unlocked: one may call Every or Cancel.
+        mutex_.Unlock();
         if (!entry->cancelled) entry->tick();
-        lock.lock();
+        mutex_.Lock();
     }
+    mutex_.Unlock();
 }
 
 // ---------------------------------------------------------------- ManualClock
@@ -92,7 +98,7 @@ void SystemClock::RunTimers() {
 struct ManualClock::Entry : Timer {
     std::chrono::milliseconds period;
     std::function<void()> tick;
-    std::int64_t due = 0;
+    std::int64_t due = 0;  // guarded by the clock's mutex_
     std::atomic<bool> cancelled{false};
     void Cancel() override { cancelled = true; }
 };
@@ -102,21 +108,24 @@ ManualClock::ManualClock(std::int64_t startMillis) : now_(startMillis) {}
 bool ManualClock::SleepFor(std::chrono::milliseconds duration, Waker& waker) {
     const std::int64_t deadline = now_.load() + duration.count();
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         sleepers_.push_back(&waker);
     }
-    sleepersChanged_.notify_all();
+    sleepersChanged_.SignalAll();
     bool reached;
     {
-        std::unique_lock lock(waker.mutex_);
-        waker.cv_.wait(lock, [&] { return waker.woken_ || now_.load() >= deadline; });
+        MutexLock lock(waker.mutex_);
+        waker.cv_.Wait(waker.mutex_, [&] {
+            waker.mutex_.AssertHeld();
+            return waker.woken_ || now_.load() >= deadline;
+        });
         reached = now_.load() >= deadline;
     }
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         sleepers_.erase(std::find(sleepers_.begin(), sleepers_.end(), &waker));
     }
-    sleepersChanged_.notify_all();
+    sleepersChanged_.SignalAll();
     return reached;
 }
 
@@ -125,7 +134,7 @@ std::shared_ptr<Timer> ManualClock::Every(std::chrono::milliseconds period, std:
     entry->period = period;
     entry->tick = std::move(tick);
     entry->due = now_.load() + period.count();
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     timers_.push_back(entry);
     return entry;
 }
@@ -135,7 +144,7 @@ void ManualClock::Advance(std::chrono::milliseconds duration) {
     for (;;) {
         std::shared_ptr<Entry> next;
         {
-            std::lock_guard lock(mutex_);
+            MutexLock lock(mutex_);
             timers_.erase(std::remove_if(timers_.begin(), timers_.end(),
                                          [](const auto& t) { return t->cancelled.load(); }),
                           timers_.end());
@@ -161,20 +170,24 @@ void ManualClock::SetMillis(std::int64_t millis) {
 }
 
 void ManualClock::WakeSleepers() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     for (Waker* waker : sleepers_) {
-        std::lock_guard wakerLock(waker->mutex_);
-        waker->cv_.notify_all();
+        // Taking the sleeper's lock orders the wake after its check of the time.
+        MutexLock wakerLock(waker->mutex_);
+        waker->cv_.SignalAll();
     }
 }
 
 bool ManualClock::AwaitSleepers(std::size_t count, std::chrono::milliseconds limit) {
-    std::unique_lock lock(mutex_);
-    return sleepersChanged_.wait_for(lock, limit, [&] { return sleepers_.size() >= count; });
+    MutexLock lock(mutex_);
+    return sleepersChanged_.WaitUntil(mutex_, std::chrono::steady_clock::now() + limit, [&] {
+        mutex_.AssertHeld();
+        return sleepers_.size() >= count;
+    });
 }
 
 std::size_t ManualClock::Sleepers() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return sleepers_.size();
 }
 

@@ -1,14 +1,14 @@
 #pragma once
 
+#include "core/mutex.h"
+
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -17,16 +17,16 @@ namespace velmora {
 // Interrupts a clock sleep: shutdown and flush wake sleepers instead of waiting them out.
 class Waker {
 public:
-    void Wake();
-    void Reset();
-    bool Woken() const;
+    void Wake() EXCLUDES(mutex_);
+    void Reset() EXCLUDES(mutex_);
+    bool Woken() const EXCLUDES(mutex_);
 
 private:
     friend class SystemClock;
     friend class ManualClock;
-    mutable std::mutex mutex_;
-    std::condition_variable cv_;
-    bool woken_ = false;
+    mutable Mutex mutex_;
+    CondVar cv_;
+    bool woken_ GUARDED_BY(mutex_) = false;
 };
 
 // A repeating timer handle; Cancel never waits for a tick that is running.
@@ -58,17 +58,18 @@ public:
     ~SystemClock() override;
     std::int64_t NowMillis() const override;
     bool SleepFor(std::chrono::milliseconds duration, Waker& waker) override;
-    std::shared_ptr<Timer> Every(std::chrono::milliseconds period, std::function<void()> tick) override;
+    std::shared_ptr<Timer> Every(std::chrono::milliseconds period, std::function<void()> tick) override
+        EXCLUDES(mutex_);
 
 private:
     struct Entry;
-    void RunTimers();
+    void RunTimers() EXCLUDES(mutex_);
 
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::multimap<std::chrono::steady_clock::time_point, std::shared_ptr<Entry>> due_;
-    std::thread thread_;
-    bool stopping_ = false;
+    Mutex mutex_;
+    CondVar cv_;
+    std::multimap<std::chrono::steady_clock::time_point, std::shared_ptr<Entry>> due_ GUARDED_BY(mutex_);
+    std::thread thread_ GUARDED_BY(mutex_);  // started by the first Every; joined by the destructor
+    bool stopping_ GUARDED_BY(mutex_) = false;
 };
 
 // Time moves only when a test says so. Timers fire on the advancing thread, in time order.
@@ -76,24 +77,27 @@ class ManualClock final : public Clock {
 public:
     explicit ManualClock(std::int64_t startMillis = 1'400'000'000'000);
     std::int64_t NowMillis() const override { return now_.load(); }
-    bool SleepFor(std::chrono::milliseconds duration, Waker& waker) override;
-    std::shared_ptr<Timer> Every(std::chrono::milliseconds period, std::function<void()> tick) override;
+    bool SleepFor(std::chrono::milliseconds duration, Waker& waker) override EXCLUDES(mutex_);
+    std::shared_ptr<Timer> Every(std::chrono::milliseconds period, std::function<void()> tick) override
+        EXCLUDES(mutex_);
 
-    void Advance(std::chrono::milliseconds duration);
-    void SetMillis(std::int64_t millis);
+    void Advance(std::chrono::milliseconds duration) EXCLUDES(mutex_);
+    void SetMillis(std::int64_t millis) EXCLUDES(mutex_);
     // Blocks (in real time, up to `limit`) until at least `count` threads sleep on this clock.
-    bool AwaitSleepers(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10));
-    std::size_t Sleepers() const;
+    bool AwaitSleepers(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10))
+        EXCLUDES(mutex_);
+    std::size_t Sleepers() const EXCLUDES(mutex_);
 
 private:
     struct Entry;
-    void WakeSleepers();
+    // Takes each sleeper's Waker lock while holding mutex_.
+    void WakeSleepers() EXCLUDES(mutex_);
 
     std::atomic<std::int64_t> now_;
-    mutable std::mutex mutex_;
-    std::condition_variable sleepersChanged_;
-    std::vector<Waker*> sleepers_;
-    std::vector<std::shared_ptr<Entry>> timers_;
+    mutable Mutex mutex_;
+    CondVar sleepersChanged_;
+    std::vector<Waker*> sleepers_ GUARDED_BY(mutex_);
+    std::vector<std::shared_ptr<Entry>> timers_ GUARDED_BY(mutex_);  // and each Entry's `due`
 };
 
 // Local calendar fields of a second count, from the C library (honours TZ).

@@ -109,9 +109,22 @@ void DeviceContext::ReadManifest() {
     application_.title = name.text().get();
 }
 
+template <class Value, class Build>
+Value DeviceContext::Cached(std::optional<Value> Cache::*slot, Build build) {
+    {
+        MutexLock lock(cacheMutex_);
+        if (const auto& value = cache_.*slot) return *value;
+    }
+    // Built unlocked: building may call the host, and the host may call back in.
+    Value built = build();
+    MutexLock lock(cacheMutex_);
+    auto& value = cache_.*slot;
+    if (!value) value = std::move(built);
+    return *value;
+}
+
 std::string DeviceContext::GetUserAgent() {
-    std::lock_guard lock(userAgentMutex_);
-    if (!userAgent_) {
+    return Cached(&Cache::userAgent, [this] {
         LoadDeviceProperties();
         std::string agent = "Mozilla/5.0 (Windows ";
         agent += "Phone 8.1; ARM";
@@ -125,54 +138,42 @@ std::string DeviceContext::GetUserAgent() {
             agent += model_;
         }
         agent += ") like Gecko";
-        userAgent_ = std::move(agent);
-    }
-    return *userAgent_;
+        return agent;
+    });
 }
 
 std::string DeviceContext::GetDeviceName() {
-    std::lock_guard lock(deviceNameMutex_);
-    if (!deviceName_) {
+    return Cached(&Cache::deviceName, [this] {
         LoadDeviceProperties();
-        deviceName_ = (manufacturer_.empty() ? "Unknown" : manufacturer_) + " " + (model_.empty() ? "Unknown" : model_);
-    }
-    return *deviceName_;
+        return (manufacturer_.empty() ? "Unknown" : manufacturer_) + " " + (model_.empty() ? "Unknown" : model_);
+    });
 }
 
 std::string DeviceContext::GetApplicationName() {
-    std::lock_guard lock(applicationNameMutex_);
-    if (!applicationName_) applicationName_ = Application().title;
-    return *applicationName_;
+    return Cached(&Cache::applicationName, [this] { return Application().title; });
 }
 
 std::string DeviceContext::GetApplicationVersion() {
-    std::lock_guard lock(applicationVersionMutex_);
-    if (!applicationVersion_) {
+    return Cached(&Cache::applicationVersion, [this] {
         // The build number stays out of the version that lifecycle compares.
         const auto& app = Application();
-        applicationVersion_ =
-            std::to_string(app.major) + "." + std::to_string(app.minor) + "." + std::to_string(app.revision);
-    }
-    return *applicationVersion_;
+        return std::to_string(app.major) + "." + std::to_string(app.minor) + "." + std::to_string(app.revision);
+    });
 }
 
 std::string DeviceContext::GetApplicationBuild() {
-    std::lock_guard lock(applicationBuildMutex_);
-    if (!applicationBuild_) applicationBuild_ = std::to_string(Application().build);
-    return *applicationBuild_;
+    return Cached(&Cache::applicationBuild, [this] { return std::to_string(Application().build); });
 }
 
 std::string DeviceContext::GetApplicationId() {
-    std::lock_guard lock(applicationIdMutex_);
-    if (!applicationId_) {
+    return Cached(&Cache::applicationId, [this] {
         std::string id = GetApplicationName();
         const std::string version = GetApplicationVersion();
         const std::string build = GetApplicationBuild();
         if (!version.empty()) id += " " + version;
         if (!build.empty()) id += " (" + build + ")";
-        applicationId_ = std::move(id);
-    }
-    return *applicationId_;
+        return id;
+    });
 }
 
 std::string DeviceContext::GetResolution() {
@@ -195,15 +196,13 @@ std::string DeviceContext::GetOSVersion() { return !host_.osVersion.empty() ? ho
 std::string DeviceContext::GetCarrierName() { return ""; }
 
 StringMap DeviceContext::GetContextData() {
-    std::lock_guard lock(contextMutex_);
-    if (!context_) {
-        context_ = StringMap{{"a.DeviceName", GetDeviceName()},
-                             {"a.Resolution", GetResolution()},
-                             {"a.OSVersion", GetOSVersion()},
-                             {"a.CarrierName", GetCarrierName()},
-                             {"a.AppID", GetApplicationId()}};
-    }
-    return *context_;
+    return Cached(&Cache::context, [this] {
+        return StringMap{{"a.DeviceName", GetDeviceName()},
+                         {"a.Resolution", GetResolution()},
+                         {"a.OSVersion", GetOSVersion()},
+                         {"a.CarrierName", GetCarrierName()},
+                         {"a.AppID", GetApplicationId()}};
+    });
 }
 
 std::string DeviceContext::GetAid() {
@@ -272,7 +271,7 @@ std::string DeviceContext::AidFromGuid(const std::string& guid) const {
 }
 
 std::string DeviceContext::GetVisitorId() {
-    std::lock_guard lock(visitorMutex_);
+    MutexLock lock(visitorMutex_);
     try {
         if (auto stored = LookupText(settings_(), kVisitorIdKey)) return *stored;
     } catch (const SettingsError&) {
@@ -282,7 +281,7 @@ std::string DeviceContext::GetVisitorId() {
 }
 
 void DeviceContext::SetVisitorId(const std::string& identifier) {
-    std::lock_guard lock(visitorMutex_);
+    MutexLock lock(visitorMutex_);
     visitorId_ = identifier;
     settings_().Insert(kVisitorIdKey, identifier);
 }

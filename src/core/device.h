@@ -4,12 +4,13 @@
 #include "core/host.h"
 #include "core/http.h"
 #include "core/log.h"
+#include "core/mutex.h"
 #include "core/settings_store.h"
 
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <mutex>
+#include <mutex>  // std::once_flag
 #include <optional>
 #include <regex>
 #include <string>
@@ -24,7 +25,9 @@ inline constexpr const char* kAidKey = "VELMORA_STOREDDEFAULTS_AID";
 std::string AidFromAnswer(const std::string& body);
 
 // Which device and application this is, and the installation's anonymous identifier (AID).
-// Each value is computed once, on first use, and then served from memory.
+// Each value is computed on first use and then served from memory. The host's window callback, the
+// manifest, the system files and the AID's lookup are each reached once; the texts built from them
+// may be built by two threads at once, and the first one kept.
 class DeviceContext {
 public:
     // The configuration, the settings store and the HTTP client are reached only when a value
@@ -34,20 +37,22 @@ public:
     DeviceContext(const HostOptions& host, const ConfigSettings& config, SettingsStore& settings,
                   HttpClient& http, const Logger& log);
 
-    std::string GetUserAgent();
-    StringMap GetContextData();  // "a.DeviceName", "a.Resolution", "a.OSVersion", "a.CarrierName", "a.AppID"
-    std::string GetApplicationId();
-    std::string GetApplicationName();
-    std::string GetApplicationVersion();  // Major.Minor.Revision
-    std::string GetApplicationBuild();
+    std::string GetUserAgent() EXCLUDES(cacheMutex_);
+    // "a.DeviceName", "a.Resolution", "a.OSVersion", "a.CarrierName", "a.AppID"
+    StringMap GetContextData() EXCLUDES(cacheMutex_);
+    std::string GetApplicationId() EXCLUDES(cacheMutex_);
+    std::string GetApplicationName() EXCLUDES(cacheMutex_);
+    std::string GetApplicationVersion() EXCLUDES(cacheMutex_);  // Major.Minor.Revision
+    std::string GetApplicationBuild() EXCLUDES(cacheMutex_);
     std::string GetResolution();  // from the host's window callback; "Unknown" without one, kept once computed
-    std::string GetDeviceName();
+    std::string GetDeviceName() EXCLUDES(cacheMutex_);
     std::string GetOSVersion();  // the host's text, else the platform's
     std::string GetCarrierName();
     std::string GetAid();  // stored, else fetched from the tracking server, else generated; then stored
 
-    std::string GetVisitorId();
-    void SetVisitorId(const std::string& identifier);
+    // Both hold the visitor lock while they reach the settings.
+    std::string GetVisitorId() EXCLUDES(visitorMutex_);
+    void SetVisitorId(const std::string& identifier) EXCLUDES(visitorMutex_);
 
     std::string LanguageTag() const;  // for "Accept-Language", read anew on each call
     bool InternetAvailable() const;
@@ -72,6 +77,20 @@ private:
     std::string FetchAid();
     std::string ComputeAid();
 
+    // The texts built from the values below, each kept once built.
+    struct Cache {
+        std::optional<StringMap> context;
+        std::optional<std::string> userAgent;
+        std::optional<std::string> deviceName;
+        std::optional<std::string> applicationId;
+        std::optional<std::string> applicationName;
+        std::optional<std::string> applicationVersion;
+        std::optional<std::string> applicationBuild;
+    };
+    // The cached text of `slot`, else `build()`'s, which is then kept.
+    template <class Value, class Build>
+    Value Cached(std::optional<Value> Cache::*slot, Build build) EXCLUDES(cacheMutex_);
+
     const HostOptions& host_;
     std::function<const ConfigSettings&()> config_;
     std::function<SettingsStore&()> settings_;
@@ -84,29 +103,18 @@ private:
     std::once_flag applicationOnce_;
     ApplicationProperties application_;
 
-    // Lock order: context map first, then the single values; the application id before its parts.
-    std::mutex contextMutex_;
-    std::optional<StringMap> context_;
-    std::mutex userAgentMutex_;
-    std::optional<std::string> userAgent_;
-    std::mutex deviceNameMutex_;
-    std::optional<std::string> deviceName_;
-    std::mutex applicationIdMutex_;
-    std::optional<std::string> applicationId_;
-    std::mutex applicationNameMutex_;
-    std::optional<std::string> applicationName_;
-    std::mutex applicationVersionMutex_;
-    std::optional<std::string> applicationVersion_;
-    std::mutex applicationBuildMutex_;
-    std::optional<std::string> applicationBuild_;
+    // Held only to read or fill a slot, never while a text is built (building may call the host,
+    // and the host may call back), so it is never held with another lock.
+    Mutex cacheMutex_;
+    Cache cache_ GUARDED_BY(cacheMutex_);
 
     std::once_flag resolutionOnce_;
     std::string resolution_;
     std::once_flag aidOnce_;
     std::string aid_;
 
-    std::mutex visitorMutex_;
-    std::string visitorId_;
+    Mutex visitorMutex_;
+    std::string visitorId_ GUARDED_BY(visitorMutex_);
 
 };
 

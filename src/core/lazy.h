@@ -1,8 +1,9 @@
 #pragma once
 
+#include "core/mutex.h"
+
 #include <atomic>
 #include <memory>
-#include <mutex>
 
 namespace velmora {
 
@@ -14,7 +15,7 @@ public:
     T& Get(Make&& make) {
         T* value = value_.load(std::memory_order_acquire);
         if (value != nullptr) return *value;
-        std::lock_guard lock(mutex_);
+        RecursiveMutexLock lock(mutex_);
         if (!owned_) {
             owned_ = make();
             value_.store(owned_.get(), std::memory_order_release);
@@ -24,9 +25,10 @@ public:
     T* IfCreated() const { return value_.load(std::memory_order_acquire); }
 
 private:
-    std::recursive_mutex mutex_;
-    std::unique_ptr<T> owned_;
-    std::atomic<T*> value_{nullptr};
+    // Held while `make` runs, which gets the values it needs from other Lazy members.
+    RecursiveMutex mutex_;
+    std::unique_ptr<T> owned_ GUARDED_BY(mutex_);
+    std::atomic<T*> value_{nullptr};  // set once, under mutex_; read without it
 };
 
 }  // namespace velmora

@@ -38,6 +38,34 @@ private:
     Mutex& mutex_;
 };
 
+// std::recursive_mutex with the same annotations, for the one place that must let its own thread
+// in again (Lazy: making a value may reach the same Lazy through a host callback). The analysis
+// does not model re-entry; it checks only that the guarded members are touched under the lock.
+class CAPABILITY("mutex") RecursiveMutex {
+public:
+    RecursiveMutex() = default;
+    RecursiveMutex(const RecursiveMutex&) = delete;
+    RecursiveMutex& operator=(const RecursiveMutex&) = delete;
+
+    void Lock() ACQUIRE() { mutex_.lock(); }
+    void Unlock() RELEASE() { mutex_.unlock(); }
+
+private:
+    std::recursive_mutex mutex_;
+};
+
+// Holds a RecursiveMutex for its scope.
+class SCOPED_CAPABILITY RecursiveMutexLock {
+public:
+    explicit RecursiveMutexLock(RecursiveMutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.Lock(); }
+    ~RecursiveMutexLock() RELEASE() { mutex_.Unlock(); }
+    RecursiveMutexLock(const RecursiveMutexLock&) = delete;
+    RecursiveMutexLock& operator=(const RecursiveMutexLock&) = delete;
+
+private:
+    RecursiveMutex& mutex_;
+};
+
 // A condition variable; every wait names the Mutex the caller holds, so clang checks it.
 class CondVar {
 public:

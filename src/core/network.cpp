@@ -92,7 +92,7 @@ RouteMonitor::~RouteMonitor() {
 }
 
 bool RouteMonitor::RouteOffHost() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (ChangeAnnounced() || !known_) {
         answer_ = ReadTables();
         known_ = true;
@@ -102,7 +102,7 @@ bool RouteMonitor::RouteOffHost() {
 }
 
 std::size_t RouteMonitor::TableReads() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return tableReads_;
 }
 

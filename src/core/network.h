@@ -1,7 +1,8 @@
 #pragma once
 
+#include "core/mutex.h"
+
 #include <cstddef>
-#include <mutex>
 
 namespace velmora {
 
@@ -22,18 +23,18 @@ public:
     RouteMonitor(const RouteMonitor&) = delete;
     RouteMonitor& operator=(const RouteMonitor&) = delete;
 
-    bool RouteOffHost();
-    std::size_t TableReads() const;  // how often the routing tables were read
+    bool RouteOffHost() EXCLUDES(mutex_);
+    std::size_t TableReads() const EXCLUDES(mutex_);  // how often the routing tables were read
 
 private:
-    bool ChangeAnnounced();
+    bool ChangeAnnounced() REQUIRES(mutex_);
     bool ReadTables() const;
 
-    mutable std::mutex mutex_;
-    int socket_ = -1;
-    bool known_ = false;
-    bool answer_ = false;
-    std::size_t tableReads_ = 0;
+    mutable Mutex mutex_;
+    int socket_ GUARDED_BY(mutex_) = -1;
+    bool known_ GUARDED_BY(mutex_) = false;
+    bool answer_ GUARDED_BY(mutex_) = false;
+    std::size_t tableReads_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace velmora

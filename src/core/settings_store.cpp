@@ -77,7 +77,7 @@ void SettingsStore::Check(int rc, const char* what) {
 bool SettingsStore::HasKey(const std::string& key) { return Lookup(key).has_value(); }
 
 std::optional<SettingValue> SettingsStore::Lookup(const std::string& key) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     sqlite3_reset(select_);
     sqlite3_bind_text(select_, 1, key.data(), static_cast<int>(key.size()), SQLITE_TRANSIENT);
     int rc = sqlite3_step(select_);
@@ -102,12 +102,13 @@ std::optional<SettingValue> SettingsStore::Lookup(const std::string& key) {
 }
 
 void SettingsStore::Insert(const std::string& key, const SettingValue& value) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     sqlite3_reset(upsert_);
     sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_TRANSIENT);
     std::string text;
     std::visit(
         [&](const auto& v) {
+            mutex_.AssertHeld();  // std::visit calls it within this function's lock
             using T = std::decay_t<decltype(v)>;
             if constexpr (std::is_same_v<T, std::int32_t>) {
                 sqlite3_bind_int(upsert_, 2, kInt32);
@@ -131,7 +132,7 @@ void SettingsStore::Insert(const std::string& key, const SettingValue& value) {
 }
 
 void SettingsStore::Remove(const std::string& key) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     sqlite3_reset(delete_);
     sqlite3_bind_text(delete_, 1, key.data(), static_cast<int>(key.size()), SQLITE_TRANSIENT);
     int rc = sqlite3_step(delete_);

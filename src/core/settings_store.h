@@ -1,10 +1,10 @@
 #pragma once
 
 #include "core/log.h"
+#include "core/mutex.h"
 
 #include <cstdint>
 #include <filesystem>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -37,24 +37,28 @@ public:
     SettingsStore(const SettingsStore&) = delete;
     SettingsStore& operator=(const SettingsStore&) = delete;
 
-    virtual bool HasKey(const std::string& key);
-    virtual std::optional<SettingValue> Lookup(const std::string& key);
-    virtual void Insert(const std::string& key, const SettingValue& value);  // insert or replace
-    virtual void Remove(const std::string& key);
+    virtual bool HasKey(const std::string& key) EXCLUDES(mutex_);
+    virtual std::optional<SettingValue> Lookup(const std::string& key) EXCLUDES(mutex_);
+    virtual void Insert(const std::string& key, const SettingValue& value) EXCLUDES(mutex_);  // insert or replace
+    virtual void Remove(const std::string& key) EXCLUDES(mutex_);
 
     bool Persistent() const { return persistent_; }
 
 private:
-    void Open(const std::string& target);
-    void Check(int rc, const char* what);
-    void Close();
+    // The constructor and destructor call these without the lock: no other thread sees the store yet
+    // (or any more).
+    void Open(const std::string& target) REQUIRES(mutex_);
+    void Check(int rc, const char* what) REQUIRES(mutex_);
+    void Close() REQUIRES(mutex_);
 
-    std::mutex mutex_;
-    sqlite3* db_ = nullptr;
-    sqlite3_stmt* select_ = nullptr;
-    sqlite3_stmt* upsert_ = nullptr;
-    sqlite3_stmt* delete_ = nullptr;
-    bool persistent_ = false;
+    // The prepared statements are shared, so each use, from reset to the last column read, is
+    // under the lock.
+    Mutex mutex_;
+    sqlite3* db_ GUARDED_BY(mutex_) = nullptr;
+    sqlite3_stmt* select_ GUARDED_BY(mutex_) = nullptr;
+    sqlite3_stmt* upsert_ GUARDED_BY(mutex_) = nullptr;
+    sqlite3_stmt* delete_ GUARDED_BY(mutex_) = nullptr;
+    bool persistent_ = false;  // set by the constructor only
 };
 
 // Typed readers for the usual cases; a missing key or a value of another type gives nullopt.

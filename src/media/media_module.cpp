@@ -21,11 +21,11 @@ bool MediaModule::Flush(std::chrono::milliseconds timeout) { return queue_.Drain
 
 void MediaModule::Shutdown() {
     {
-        std::lock_guard lock(monitorLock_->mutex);
+        MutexLock lock(monitorLock_->mutex);
         monitorLock_->closed = true;
     }
     queue_.Shutdown();
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     for (auto& entry : items_) StopMonitor(entry.second);
 }
 
@@ -53,7 +53,7 @@ void MediaModule::Open(const std::shared_ptr<Velmora::MediaSettings>& settings) 
 }
 
 void MediaModule::OpenItem(Velmora::MediaSettings& settings) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     const std::string name = CleanMediaName(settings.Name);
     if (name.empty()) {
         log_.Warning("Analytics - VLMMediaSettings is required with a valid name. Media item not opened");
@@ -104,7 +104,7 @@ void MediaModule::OpenItem(Velmora::MediaSettings& settings) {
 void MediaModule::Close(const std::string& rawName) {
     if (!Gate()) return;
     const std::string name = CleanMediaName(rawName);
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     auto it = Find(name, "close");
     if (it != items_.end()) CloseItem(it);
 }
@@ -128,7 +128,7 @@ void MediaModule::CloseItem(Items::iterator it) {
 void MediaModule::Play(const std::string& rawName, double offset) {
     if (!Gate()) return;
     const std::string name = CleanMediaName(rawName);
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     auto it = Find(name, "play");
     if (it == items_.end()) return;
     MediaItem& item = it->second;
@@ -153,7 +153,7 @@ void MediaModule::Play(const std::string& rawName, double offset) {
 void MediaModule::Stop(const std::string& rawName, double offset) {
     if (!Gate()) return;
     const std::string name = CleanMediaName(rawName);
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     auto it = Find(name, "stop");
     if (it == items_.end() || !IsPlaying(it->second)) return;
     MediaItem& item = it->second;
@@ -167,7 +167,7 @@ void MediaModule::Stop(const std::string& rawName, double offset) {
 void MediaModule::Complete(const std::string& rawName, double offset) {
     if (!Gate()) return;
     const std::string name = CleanMediaName(rawName);
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     auto it = Find(name, "complete");
     if (it == items_.end() || !IsPlaying(it->second)) return;
     MediaItem& item = it->second;
@@ -185,7 +185,7 @@ void MediaModule::Complete(const std::string& rawName, double offset) {
 void MediaModule::Click(const std::string& rawName, double offset) {
     if (!Gate()) return;
     const std::string name = CleanMediaName(rawName);
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     auto it = Find(name, "click");
     if (it == items_.end() || !IsPlaying(it->second)) return;
     MediaItem& item = it->second;
@@ -198,7 +198,7 @@ void MediaModule::Click(const std::string& rawName, double offset) {
 void MediaModule::Track(const std::string& rawName, StringMap contextData) {
     if (!Gate()) return;
     const std::string name = CleanMediaName(rawName);
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     auto it = Find(name, "track");
     if (it == items_.end()) return;
     if (it->second.current) {
@@ -214,7 +214,7 @@ void MediaModule::Track(const std::string& rawName, StringMap contextData) {
 
 void MediaModule::StartMonitor(MediaItem& item) {
     if (item.monitor) {
-        std::lock_guard lock(monitorLock_->mutex);
+        MutexLock lock(monitorLock_->mutex);
         if (!item.monitor->cancelled) return;
     }
     auto record = std::make_shared<MonitorRecord>(item.name);
@@ -222,7 +222,7 @@ void MediaModule::StartMonitor(MediaItem& item) {
     // weakly, as the record holds the timer.
     std::weak_ptr<MonitorRecord> weak = record;
     record->timer = clock_.Every(std::chrono::milliseconds(1000), [this, shared = monitorLock_, weak] {
-        std::lock_guard lock(shared->mutex);
+        MutexLock lock(shared->mutex);
         auto live = weak.lock();
         if (shared->closed || !live || live->cancelled) return;
         queue_.Post([this, live] { MonitorTick(live); });
@@ -233,7 +233,7 @@ void MediaModule::StartMonitor(MediaItem& item) {
 void MediaModule::StopMonitor(MediaItem& item) {
     if (!item.monitor) return;
     {
-        std::lock_guard lock(monitorLock_->mutex);
+        MutexLock lock(monitorLock_->mutex);
         item.monitor->cancelled = true;
     }
     if (item.monitor->timer) item.monitor->timer->Cancel();
@@ -241,10 +241,10 @@ void MediaModule::StopMonitor(MediaItem& item) {
 }
 
 void MediaModule::MonitorTick(const std::shared_ptr<MonitorRecord>& record) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     {
         // A tick posted just before its monitor stopped belongs to nobody any more.
-        std::lock_guard monitorLock(monitorLock_->mutex);
+        MutexLock monitorLock(monitorLock_->mutex);
         if (record->cancelled) return;
     }
     auto it = items_.find(record->name);

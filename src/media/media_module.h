@@ -3,6 +3,7 @@
 #include "core/actions.h"
 #include "core/clock.h"
 #include "core/log.h"
+#include "core/mutex.h"
 #include "core/serial_queue.h"
 #include "media/media_item.h"
 
@@ -12,7 +13,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace velmora {
@@ -31,46 +31,48 @@ public:
 
 
     bool Flush(std::chrono::milliseconds timeout);
-    void Shutdown();
+    void Shutdown() EXCLUDES(mutex_);
 
     SerialQueue& Queue() { return queue_; }
 
-    void Open(const std::shared_ptr<Velmora::MediaSettings>& settings);
-    void Close(const std::string& name);
-    void Play(const std::string& name, double offset);
-    void Complete(const std::string& name, double offset);
-    void Stop(const std::string& name, double offset);
-    void Click(const std::string& name, double offset);
-    void Track(const std::string& name, StringMap contextData);
+    void Open(const std::shared_ptr<Velmora::MediaSettings>& settings) EXCLUDES(mutex_);
+    void Close(const std::string& name) EXCLUDES(mutex_);
+    void Play(const std::string& name, double offset) EXCLUDES(mutex_);
+    void Complete(const std::string& name, double offset) EXCLUDES(mutex_);
+    void Stop(const std::string& name, double offset) EXCLUDES(mutex_);
+    void Click(const std::string& name, double offset) EXCLUDES(mutex_);
+    void Track(const std::string& name, StringMap contextData) EXCLUDES(mutex_);
 
     // Opening without the analytics check. An ad's cleaned parent name is written back to `settings`.
-    void OpenItem(Velmora::MediaSettings& settings);
+    void OpenItem(Velmora::MediaSettings& settings) EXCLUDES(mutex_);
 
 
 private:
     using Items = std::map<std::string, MediaItem>;
 
     // Shared with the timer callbacks, so that a tick racing shutdown never touches a gone module.
+    // Taken after the media lock when both are held; it also guards each MonitorRecord's `cancelled`.
     struct MonitorLock {
-        std::mutex mutex;
-        bool closed = false;  // no more ticks are posted
+        Mutex mutex;
+        bool closed GUARDED_BY(mutex) = false;  // no more ticks are posted
     };
 
     bool Gate() const;
     // Cleans `name` and finds its item; logs "Tried to <verb> ..." when there is none.
-    Items::iterator Find(const std::string& name, const char* verb);
+    Items::iterator Find(const std::string& name, const char* verb) REQUIRES(mutex_);
 
-    void CloseItem(Items::iterator it);
-    void MonitorTick(const std::shared_ptr<MonitorRecord>& record);
-    void StartMonitor(MediaItem& item);
-    void StopMonitor(MediaItem& item);
+    // The helpers below change items of items_, so they run under the media lock.
+    void CloseItem(Items::iterator it) REQUIRES(mutex_);
+    void MonitorTick(const std::shared_ptr<MonitorRecord>& record) EXCLUDES(mutex_);
+    void StartMonitor(MediaItem& item) REQUIRES(mutex_);
+    void StopMonitor(MediaItem& item) REQUIRES(mutex_);
 
     // Each returns true when it removed the item (it reached the end); `it` is then invalid.
-    bool SendViewHit(Items::iterator it);
-    bool SendHit(Items::iterator it, StringMap data, bool force);
-    bool RemoveIfAtEnd(Items::iterator it);
-    void Dispatch(MediaItem& item, const StringMap& data);
-    void Erase(Items::iterator it);
+    bool SendViewHit(Items::iterator it) REQUIRES(mutex_);
+    bool SendHit(Items::iterator it, StringMap data, bool force) REQUIRES(mutex_);
+    bool RemoveIfAtEnd(Items::iterator it) REQUIRES(mutex_);
+    void Dispatch(MediaItem& item, const StringMap& data) REQUIRES(mutex_);
+    void Erase(Items::iterator it) REQUIRES(mutex_);
 
     const Logger& log_;
     Clock& clock_;
@@ -78,8 +80,8 @@ private:
     ActionTracker& tracker_;
     const std::shared_ptr<MonitorLock> monitorLock_ = std::make_shared<MonitorLock>();
 
-    std::mutex mutex_;  // the media lock
-    Items items_;       // guarded by mutex_
+    Mutex mutex_;  // the media lock
+    Items items_ GUARDED_BY(mutex_);
 
     SerialQueue queue_;  // last member: stops before anything it runs against
 };
