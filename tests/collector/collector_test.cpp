@@ -20,7 +20,6 @@ namespace velmora::collector {
 namespace {
 
 using nlohmann::json;
-namespace test = velmora::test;
 
 // A collector serving on a free loopback port for the life of the object. What it prints is kept
 // one write per entry: a JSON line or a hit block in `out`, a rejected request's line in `err`.
