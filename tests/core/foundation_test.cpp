@@ -6,12 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <set>
 #include <sstream>
-#include <sys/resource.h>
 #include <sys/wait.h>
-#include <thread>
 
 namespace velmora {
 namespace {
@@ -120,15 +116,10 @@ TEST(FileStore, WritesReplaceTheDocumentWholeOrNotAtAll) {
     EXPECT_EQ(files.Read("f.json"), "") << "a missing file is created empty";
     files.WriteAtomic("f.json", std::string(100000, 'a'));
     files.WriteAtomic("f.json", "old");
-    // A file-size limit makes write() fail as a full disk would, for root as well.
-    struct rlimit saved {};
-    ::getrlimit(RLIMIT_FSIZE, &saved);
-    auto previous = std::signal(SIGXFSZ, SIG_IGN);
-    const struct rlimit small {4096, saved.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &small);
-    EXPECT_THROW(files.WriteAtomic("f.json", std::string(100000, 'n')), std::runtime_error);
-    ::setrlimit(RLIMIT_FSIZE, &saved);
-    std::signal(SIGXFSZ, previous);
+    {
+        test::FileSizeLimit full(4096);
+        EXPECT_THROW(files.WriteAtomic("f.json", std::string(100000, 'n')), std::runtime_error);
+    }
     EXPECT_EQ(files.Read("f.json"), "old");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1) << "no temporary file stays";
 }

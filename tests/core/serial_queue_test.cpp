@@ -76,17 +76,5 @@ TEST(Executor, StartsAnotherWorkerWhileTheKeptOnesAreBusy) {
     EXPECT_GT(executor.Workers(), Executor::kKeptWorkers);
 }
 
-TEST(Executor, NamesItsWorkers) {
-    Logger log;
-    Executor executor;
-    SerialQueue queue("Test", log, executor);
-    auto name = queue.Submit([] {
-        char buffer[16] = {};
-        pthread_getname_np(pthread_self(), buffer, sizeof buffer);
-        return std::string(buffer);
-    });
-    EXPECT_EQ(name.get(), "velmora-work");
-}
-
 }  // namespace
 }  // namespace velmora

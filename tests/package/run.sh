@@ -27,41 +27,39 @@ check_privacy() {  # check_privacy LIBDIR PROGRAM...
     grep -qx "Velmora Debug:Config - Vantor not configured" "$work/$name.err" || fail "$program: no debug line"
   done
 }
-# A consumer built with pkg-config as C++20: the flags must not bring it down to C++17.
-build_with_pkg_config() {  # build_with_pkg_config ROOT OUTPUT
+# Every consumer of one installed root: with pkg-config, and with find_package (shared and static),
+# both as C++20, so that nothing the package adds may lower the standard.
+consume() {  # consume ROOT NAME
   local libdir flags
   libdir="$(libdir_of "$1")"
   flags="$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags velmora)"
   case "$flags" in *-std=*) fail "pkg-config --cflags velmora sets the standard: $flags" ;; esac
+  mkdir -p "$work/$2-pc"
   # shellcheck disable=SC2046
-  c++ -std=c++20 -DVELMORA_EXPECT_CXX20 $flags "$here/consumer.cpp" -o "$2" \
+  c++ -std=c++20 -DVELMORA_EXPECT_CXX20 $flags "$here/consumer.cpp" -o "$work/$2-pc/consumer" \
     $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --libs velmora) 2>"$work/pkg-config.err" \
     || fail "the pkg-config consumer of $1 does not build"
+  cmake -S "$here" -B "$work/$2" -G Ninja -DCMAKE_PREFIX_PATH="$1" -DCMAKE_CXX_STANDARD=20 \
+    -DCMAKE_CXX_FLAGS=-DVELMORA_EXPECT_CXX20 >/dev/null
+  cmake --build "$work/$2" >/dev/null || fail "the find_package consumer of $1 does not build"
+  check_privacy "$libdir" "$work/$2-pc/consumer" "$work/$2/consumer" "$work/$2/consumer_static"
 }
 
 prefix="$work/prefix"
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 libdir="$(libdir_of "$prefix")"
-export LD_LIBRARY_PATH="$libdir"
-cmake -S "$here" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$work/build" >/dev/null
-cmake -S "$here/../../examples/demo" -B "$work/demo" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$work/demo" >/dev/null
 PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --modversion velmora | grep -qx 4.0.0 \
   || fail "pkg-config does not find velmora 4.0.0"
-check_privacy "$libdir" "$work/build/consumer" "$work/build/consumer_static"
+consume "$prefix" build
+cmake -S "$here/../../examples/demo" -B "$work/demo" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/demo" >/dev/null
+export LD_LIBRARY_PATH="$libdir"
 "$prefix/bin/velmora-check" "$here/../../examples/demo" >"$work/check.out" || fail "velmora-check: $(cat "$work/check.out")"
 
 # An installed tree works where it lands: installed under one prefix, then moved.
 cmake --install "$build_dir" --prefix "$work/elsewhere/usr" >/dev/null
 mv "$work/elsewhere" "$work/moved"
-moved="$work/moved/usr"
-mkdir -p "$work/moved-pc" && build_with_pkg_config "$moved" "$work/moved-pc/consumer"
-cmake -S "$here" -B "$work/moved-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$moved" -DCMAKE_CXX_STANDARD=20 \
-  -DCMAKE_CXX_FLAGS=-DVELMORA_EXPECT_CXX20 >/dev/null
-cmake --build "$work/moved-cmake" >/dev/null || fail "the C++20 find_package consumer of the moved tree does not build"
-check_privacy "$(libdir_of "$moved")" "$work/moved-pc/consumer" "$work/moved-cmake/consumer" \
-  "$work/moved-cmake/consumer_static"
+consume "$work/moved/usr" moved
 
 # The Debian packages, unpacked into a directory: the runtime and -dev packages are all a
 # consumer needs.
@@ -70,11 +68,7 @@ for deb in "$work"/debs/libvelmora4_*.deb "$work"/debs/libvelmora-dev_*.deb; do
   [ -f "$deb" ] || fail "cpack made no $(basename "$deb")"
   dpkg-deb -x "$deb" "$work/deb"
 done
-mkdir -p "$work/deb-pc" && build_with_pkg_config "$work/deb/usr" "$work/deb-pc/consumer"
-cmake -S "$here" -B "$work/deb-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$work/deb/usr" >/dev/null
-cmake --build "$work/deb-cmake" >/dev/null || fail "the find_package consumer of the unpacked packages does not build"
-check_privacy "$(libdir_of "$work/deb/usr")" "$work/deb-pc/consumer" "$work/deb-cmake/consumer" \
-  "$work/deb-cmake/consumer_static"
+consume "$work/deb/usr" deb
 dpkg-deb -x "$(ls "$work"/debs/velmora-tools_*.deb)" "$work/deb-tools"
 "$work/deb-tools/usr/bin/velmora-check" --help | grep -q "^usage: velmora-check" || fail "packaged velmora-check"
 

@@ -9,8 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <sys/resource.h>
+#include <optional>
 
 namespace velmora::test {
 namespace {
@@ -26,44 +25,18 @@ public:
     std::atomic<bool> failing{false};
 };
 
-// How the directory fails, and the reason its failure names.
+// How the directory fails: the injected writer, or the kernel refusing to let the process grow a
+// file past the current document, so that the next, larger one fails part way through, as on a
+// full disk (root included); and the reason its failure names.
 struct DiskFailure {
     const char* name;
-    std::function<void(SwitchableFiles&, const std::filesystem::path& file)> start;
-    std::function<void(SwitchableFiles&)> stop;
+    bool injected;
     const char* reason;
 };
 void PrintTo(const DiskFailure& failure, std::ostream* out) { *out << failure.name; }
 
-// The kernel refuses to let the process grow a file past the current document: the next, larger
-// document fails part way through, as on a full disk (root included).
-struct FileSizeLimit {
-    void Start(const std::filesystem::path& file) {
-        ::getrlimit(RLIMIT_FSIZE, &saved);
-        previous = std::signal(SIGXFSZ, SIG_IGN);
-        rlimit limit = saved;
-        limit.rlim_cur = std::filesystem::file_size(file);
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    void Stop() {
-        ::setrlimit(RLIMIT_FSIZE, &saved);
-        std::signal(SIGXFSZ, previous);
-    }
-    rlimit saved{};
-    void (*previous)(int) = SIG_DFL;
-};
-
-FileSizeLimit& Limit() {
-    static FileSizeLimit limit;
-    return limit;
-}
-
-const DiskFailure kFailures[] = {
-    {"InjectedWriter", [](SwitchableFiles& files, const auto&) { files.failing = true; },
-     [](SwitchableFiles& files) { files.failing = false; }, "No space left on device"},
-    {"FileSizeLimit", [](SwitchableFiles&, const auto& file) { Limit().Start(file); },
-     [](SwitchableFiles&) { Limit().Stop(); }, "File too large"},
-};
+const DiskFailure kFailures[] = {{"InjectedWriter", true, "No space left on device"},
+                                 {"FileSizeLimit", false, "File too large"}};
 
 struct RecordingTracker : ActionTracker {
     void TrackAction(const std::string& name, const StringMap& data) override {
@@ -88,10 +61,20 @@ protected:
         return n;
     }
 
+    void Fail(const std::filesystem::path& file) {
+        if (GetParam().injected) files.failing = true;
+        else limit.emplace(std::filesystem::file_size(file));
+    }
+    void Heal() {
+        files.failing = false;
+        limit.reset();
+    }
+
     TempDir local;
     LogCapture capture;
     Logger log;
     SwitchableFiles files{local.path()};
+    std::optional<FileSizeLimit> limit;
 };
 
 TEST_P(DiskFaults, TheHitQueueKeepsItsHitsAndTheOldFile) {
@@ -122,10 +105,10 @@ TEST_P(DiskFaults, TheHitQueueKeepsItsHitsAndTheOldFile) {
     const std::string before = local.Read(HitQueue::kFileName);
     ASSERT_EQ(fileHits(), "AB");
 
-    GetParam().start(files, local / HitQueue::kFileName);
+    Fail(local / HitQueue::kFileName);
     queue.QueueHit(hit('C'), 3);
     const auto size = queue.SizeAfterPendingWork().get();
-    GetParam().stop(files);
+    Heal();
     EXPECT_EQ(size, 3u);
     EXPECT_EQ(local.Read(HitQueue::kFileName), before);
     EXPECT_EQ(Failures("Velmora Error:Analytics - Unable to save hit queue ("), 1u);
@@ -148,11 +131,11 @@ TEST_P(DiskFaults, TimedActionsKeepTheirMapAndTheOldFile) {
     ASSERT_TRUE(store.Exists("b").get());
     const std::string before = local.Read(TimedActionStore::kFileName);
 
-    GetParam().start(files, local / TimedActionStore::kFileName);
+    Fail(local / TimedActionStore::kFileName);
     store.Start("c", {{"k", "3"}});
     store.Update("a", {{"k", "2"}});
     const bool started = store.Exists("c").get();
-    GetParam().stop(files);
+    Heal();
     EXPECT_TRUE(started);
     EXPECT_EQ(local.Read(TimedActionStore::kFileName), before);
     EXPECT_EQ(Failures("Velmora Error:Analytics - Unable to save timed actions file ("), 2u);

@@ -2,60 +2,33 @@
 // a different moment in each round. After every kill the state must read back whole: every entry
 // the child made forms one gap-free sequence per round, everything seen in the file (or database)
 // before the kill is still there in the same order, and a new runtime loads it without an error.
-#include "analytics/hit_queue.h"
 #include "child_process.h"
 #include "runtime/runtime.h"
 #include "timed_actions/timed_actions.h"
-#include "support/loopback_server.h"
-#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <functional>
 #include <iostream>
 #include <random>
-#include <thread>
 
 namespace velmora::test {
 namespace {
 
-constexpr int kKills = 50;
+constexpr int kKills = 30;
 constexpr auto kLatestKill = std::chrono::microseconds(120'000);
 
 // One name per entry, as the child makes them: "r<round>n<index>", in the order they were made.
-struct Entry {
-    int round;
-    int index;
-};
-
-bool ParseName(const std::string& name, Entry& entry) {
+bool ParseName(const std::string& name, int& round, int& index) {
     char tail = 0;
-    return std::sscanf(name.c_str(), "r%3dn%6d%c", &entry.round, &entry.index, &tail) == 2;
+    return std::sscanf(name.c_str(), "r%3dn%6d%c", &round, &index, &tail) == 2;
 }
 
 // What one kind of state holds now, as entry names in stored order. Throws when it cannot be read
 // at all; checks each entry's own content as it goes.
-using Reader = std::function<std::vector<std::string>(const TempDir& local)>;
-// A new runtime on the directory: loads the state without an error and holds every entry.
-using Reloader = std::function<void(const TempDir& package, const TempDir& local, const std::vector<std::string>&)>;
-
-struct KillCase {
-    const char* mode;
-    Reader read;
-    Reloader reload;
-};
-void PrintTo(const KillCase& kind, std::ostream* out) { *out << kind.mode; }
-
-std::vector<std::string> ReadHits(const TempDir& local) {
-    std::vector<QueuedHit> hits;
-    ParseQueueFile(local.Read(HitQueue::kFileName), hits);
-    std::vector<std::string> names;
-    for (const auto& hit : hits) names.push_back(DecodeHit("/b/ss/rs/0/v/" + hit.hit).variables["pageName"]);
-    return names;
-}
+using Reader = std::vector<std::string> (*)(const TempDir& local);
 
 std::vector<std::string> ReadTimedActions(const TempDir& local) {
     TimedActionMap actions;
@@ -65,12 +38,12 @@ std::vector<std::string> ReadTimedActions(const TempDir& local) {
                           });
     std::vector<std::string> names;
     for (const auto& [name, action] : actions) {
-        Entry entry{};
-        if (ParseName(name, entry)) {
-            EXPECT_EQ(action.data.at("i"), std::to_string(entry.index)) << name;
+        int round = 0, index = 0;
+        if (ParseName(name, round, index)) {
+            EXPECT_EQ(action.data.at("i"), std::to_string(index)) << name;
             // An update names the successor; it is either there or not yet applied.
             if (auto next = action.data.find("next"); next != action.data.end()) {
-                EXPECT_EQ(next->second, std::to_string(entry.index + 1)) << name;
+                EXPECT_EQ(next->second, std::to_string(index + 1)) << name;
             }
         }
         names.push_back(name);
@@ -85,115 +58,82 @@ std::vector<std::string> ReadSettings(const TempDir& local) {
     const auto path = (local / SettingsStore::kFileName).string();
     if (!std::filesystem::exists(path)) return names;
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-        const std::string error = sqlite3_errmsg(db);
-        sqlite3_close(db);
-        throw std::runtime_error("cannot open the settings: " + error);
-    }
+    std::string error;
+    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) error = sqlite3_errmsg(db);
     sqlite3_busy_timeout(db, 10000);
     auto query = [&](const char* sql, const std::function<void(sqlite3_stmt*)>& row) {
         sqlite3_stmt* statement = nullptr;
-        int rc = sqlite3_prepare_v2(db, sql, -1, &statement, nullptr);
-        if (rc == SQLITE_OK) {
-            while ((rc = sqlite3_step(statement)) == SQLITE_ROW) row(statement);
+        int rc = error.empty() ? sqlite3_prepare_v2(db, sql, -1, &statement, nullptr) : SQLITE_DONE;
+        while (rc == SQLITE_OK && (rc = sqlite3_step(statement)) == SQLITE_ROW) {
+            row(statement);
+            rc = SQLITE_OK;
         }
-        const std::string error = sqlite3_errmsg(db);
+        if (rc != SQLITE_DONE) error = std::string(sql) + ": " + sqlite3_errstr(rc) + " (" + sqlite3_errmsg(db) + ")";
         sqlite3_finalize(statement);
-        if (rc != SQLITE_DONE && rc != SQLITE_OK) {
-            sqlite3_close(db);
-            throw std::runtime_error(std::string(sql) + ": " + sqlite3_errstr(rc) + " (" + error + ")");
-        }
     };
+    auto text = [](sqlite3_stmt* s) { return std::string(reinterpret_cast<const char*>(sqlite3_column_text(s, 0))); };
     // Before the first insert of a new database the table may not exist yet.
     bool hasTable = false;
     query("SELECT 1 FROM sqlite_master WHERE name = 'settings'", [&](sqlite3_stmt*) { hasTable = true; });
     if (hasTable) {
-        query("PRAGMA integrity_check", [](sqlite3_stmt* s) {
-            EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(s, 0)), "ok");
-        });
+        query("PRAGMA integrity_check", [&](sqlite3_stmt* s) { EXPECT_EQ(text(s), "ok"); });
         query("SELECT key, value FROM settings ORDER BY key", [&](sqlite3_stmt* s) {
-            std::string name = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
-            Entry entry{};
-            if (ParseName(name, entry)) {
-                EXPECT_EQ(sqlite3_column_int(s, 1), entry.index) << name;
+            int round = 0, index = 0;
+            if (ParseName(text(s), round, index)) {
+                EXPECT_EQ(sqlite3_column_int(s, 1), index) << text(s);
             }
-            names.push_back(std::move(name));
+            names.push_back(text(s));
         });
     }
     sqlite3_close(db);
+    if (!error.empty()) throw std::runtime_error("cannot read the settings: " + error);
     return names;
 }
 
-HostOptions Options(const TempDir& package, const TempDir& local, LogCapture& log) {
-    HostOptions options;
-    options.packageDirectory = package.path();
-    options.localDirectory = local.path();
-    options.logSink = log.Sink();
-    options.internetAvailable = [] { return false; };
-    return options;
-}
-
-void ExpectNoErrors(const LogCapture& log) {
+// A new start on the directory loads the state without an error line and holds the last entry.
+void ExpectReloads(const std::string& mode, const TempDir& package, const TempDir& local,
+                   const std::vector<std::string>& names) {
+    LogCapture log;
+    if (mode == "settings") {  // the child used the store alone
+        Logger logger(log.Sink());
+        SettingsStore store(local.path(), logger);
+        EXPECT_TRUE(store.Persistent());
+        EXPECT_TRUE(names.empty() || store.HasKey(names.back()));
+    } else {
+        HostOptions options;
+        options.packageDirectory = package.path();
+        options.localDirectory = local.path();
+        options.logSink = log.Sink();
+        options.internetAvailable = [] { return false; };
+        Runtime runtime(options, std::make_shared<ManualClock>());
+        if (mode == "hits") {
+            EXPECT_EQ(runtime.Hits().SizeAfterPendingWork().get(), names.size());
+        }
+        if (mode == "timed") {
+            EXPECT_TRUE(names.empty() || runtime.TimedActions().Exists(names.back()).get());
+            EXPECT_FALSE(runtime.TimedActions().Exists("r999n999999").get());
+        }
+        runtime.Shutdown(std::chrono::seconds(10), false);
+    }
     for (const auto& line : log.Lines()) EXPECT_NE(line.rfind("Velmora Error:", 0), 0u) << line;
-}
-
-void ReloadHits(const TempDir& package, const TempDir& local, const std::vector<std::string>& names) {
-    LogCapture log;
-    Runtime runtime(Options(package, local, log), std::make_shared<ManualClock>());
-    EXPECT_EQ(runtime.Hits().SizeAfterPendingWork().get(), names.size());
-    runtime.Shutdown(std::chrono::seconds(10), false);
-    ExpectNoErrors(log);
-}
-
-void ReloadTimedActions(const TempDir& package, const TempDir& local, const std::vector<std::string>& names) {
-    LogCapture log;
-    Runtime runtime(Options(package, local, log), std::make_shared<ManualClock>());
-    auto& store = runtime.TimedActions();
-    if (!names.empty()) {
-        EXPECT_TRUE(store.Exists(names.front()).get());
-        EXPECT_TRUE(store.Exists(names.back()).get());
-    }
-    EXPECT_FALSE(store.Exists("r999n999999").get());
-    runtime.Shutdown(std::chrono::seconds(10), false);
-    ExpectNoErrors(log);
-}
-
-void ReloadSettings(const TempDir&, const TempDir& local, const std::vector<std::string>& names) {
-    LogCapture log;
-    Logger logger(log.Sink());
-    SettingsStore store(local.path(), logger);
-    EXPECT_TRUE(store.Persistent());
-    if (!names.empty()) {
-        EXPECT_TRUE(store.HasKey(names.back()));
-    }
-    ExpectNoErrors(log);
 }
 
 // Entries of every round follow each other without a gap, rounds in order; a round may have none.
 ::testing::AssertionResult GapFree(const std::vector<std::string>& names) {
-    Entry last{-1, -1};
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        Entry entry{};
-        if (!ParseName(names[i], entry)) return ::testing::AssertionFailure() << "entry " << i << " is " << names[i];
-        const bool next = entry.round == last.round && entry.index == last.index + 1;
-        const bool firstOfRound = entry.round > last.round && entry.index == 0;
-        if (!next && !firstOfRound) {
-            return ::testing::AssertionFailure() << names[i] << " follows r" << last.round << "n" << last.index;
+    int lastRound = -1, lastIndex = -1;
+    for (const auto& name : names) {
+        int round = 0, index = 0;
+        if (!ParseName(name, round, index)) return ::testing::AssertionFailure() << "an entry is " << name;
+        if (!(round == lastRound && index == lastIndex + 1) && !(round > lastRound && index == 0)) {
+            return ::testing::AssertionFailure() << name << " follows r" << lastRound << "n" << lastIndex;
         }
-        last = entry;
+        lastRound = round, lastIndex = index;
     }
     return ::testing::AssertionSuccess();
 }
 
-::testing::AssertionResult StartsWith(const std::vector<std::string>& names, const std::vector<std::string>& prefix) {
-    if (names.size() < prefix.size()) {
-        return ::testing::AssertionFailure() << names.size() << " entries where " << prefix.size() << " were before";
-    }
-    const auto mismatch = std::mismatch(prefix.begin(), prefix.end(), names.begin());
-    if (mismatch.first != prefix.end()) {
-        return ::testing::AssertionFailure() << *mismatch.second << " where " << *mismatch.first << " was before";
-    }
-    return ::testing::AssertionSuccess();
+bool StartsWith(const std::vector<std::string>& names, const std::vector<std::string>& prefix) {
+    return names.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), names.begin());
 }
 
 std::size_t TemporaryFiles(const TempDir& local) {
@@ -204,65 +144,56 @@ std::size_t TemporaryFiles(const TempDir& local) {
     return count;
 }
 
-// Kill moments spread over the first 120 ms after the child's first entry, no two alike, in
-// shuffled order.
-std::vector<std::chrono::microseconds> KillDelays(std::mt19937& random) {
-    std::vector<std::chrono::microseconds> delays;
-    const auto slot = kLatestKill / kKills;
-    std::uniform_int_distribution<std::int64_t> within(0, slot.count() - 1);
-    for (int i = 0; i < kKills; ++i) delays.push_back(slot * i + std::chrono::microseconds(within(random)));
-    std::shuffle(delays.begin(), delays.end(), random);
-    return delays;
-}
-
-class KillTest : public ::testing::TestWithParam<KillCase> {};
+class KillTest : public ::testing::TestWithParam<std::pair<const char*, Reader>> {};
 
 TEST_P(KillTest, EveryKillLeavesWhatWasWrittenWholeAndInOrder) {
-    const KillCase& kind = GetParam();
+    const auto [mode, read] = GetParam();
     TempDir package, local;
     package.Write("VelmoraConfig.json",
                   R"({"analytics":{"rsids":"rs","server":"127.0.0.1:9","offlineEnabled":true,"batchLimit":0}})");
+    // Kill moments spread over the first 120 ms after the child's first entry, no two alike, in
+    // shuffled order.
     std::mt19937 random(20240611);
-    const auto delays = KillDelays(random);
+    std::vector<std::chrono::microseconds> delays;
+    const auto slot = kLatestKill / kKills;
+    for (int i = 0; i < kKills; ++i) delays.push_back(slot * i + std::chrono::microseconds(random() % slot.count()));
+    std::shuffle(delays.begin(), delays.end(), random);
 
     std::vector<std::string> committed;  // what the previous kill left
-    int roundsThatAdded = 0;
-    int killsDuringSave = 0;
+    int roundsThatAdded = 0, killsDuringSave = 0;
     for (int round = 0; round < kKills; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
-        ChildProcess child(VELMORA_KILL_CHILD,
-                           {kind.mode, package.path().string(), local.path().string(), std::to_string(round)},
+        ChildProcess child(VELMORA_KILL_CHILD, {mode, package.path().string(), local.path().string(), std::to_string(round)},
                            package / "child.err");
         std::string line;
         ASSERT_TRUE(child.ReadLine(line, std::chrono::seconds(30))) << child.ErrorOutput();
         ASSERT_EQ(line, "ready");
         std::this_thread::sleep_for(delays[round]);
-        const auto snapshot = kind.read(local);  // while the child is writing
+        const auto snapshot = read(local);  // while the child is writing
         ASSERT_TRUE(child.Kill()) << "the child ended by itself:\n" << child.ErrorOutput();
 
-        const auto after = kind.read(local);
+        const auto after = read(local);
         ASSERT_TRUE(GapFree(after));
-        ASSERT_TRUE(StartsWith(snapshot, committed));
-        ASSERT_TRUE(StartsWith(after, snapshot));
+        ASSERT_TRUE(StartsWith(snapshot, committed)) << snapshot.size() << " entries, " << committed.size() << " before";
+        ASSERT_TRUE(StartsWith(after, snapshot)) << after.size() << " entries, " << snapshot.size() << " before";
         // A kill in the middle of a save leaves the save's temporary file; the next start clears it.
         if (TemporaryFiles(local) > 0) ++killsDuringSave;
-        kind.reload(package, local, after);
+        ExpectReloads(mode, package, local, after);
         EXPECT_EQ(TemporaryFiles(local), 0u);
-        if (after.size() > committed.size()) ++roundsThatAdded;
+        roundsThatAdded += after.size() > committed.size();
         committed = after;
     }
     // Every child wrote its first entry before it said it was ready; none of them was lost.
     EXPECT_EQ(roundsThatAdded, kKills);
-    std::cout << "[ figures  ] " << kind.mode << ": " << kKills << " kills survived, " << committed.size()
-              << " entries kept, " << roundsThatAdded << " rounds added entries, " << killsDuringSave
-              << " kills left a save's temporary file\n";
+    std::cout << "[ figures  ] " << mode << ": " << kKills << " kills survived, " << committed.size()
+              << " entries kept, " << killsDuringSave << " kills left a save's temporary file\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(Reliability, KillTest,
-                         ::testing::Values(KillCase{"hits", ReadHits, ReloadHits},
-                                           KillCase{"timed", ReadTimedActions, ReloadTimedActions},
-                                           KillCase{"settings", ReadSettings, ReloadSettings}),
-                         [](const auto& info) { return std::string(info.param.mode); });
+                         ::testing::Values(std::pair<const char*, Reader>{"hits", QueuedNames},
+                                           std::pair<const char*, Reader>{"timed", ReadTimedActions},
+                                           std::pair<const char*, Reader>{"settings", ReadSettings}),
+                         [](const auto& info) { return std::string(info.param.first); });
 
 }  // namespace
 }  // namespace velmora::test

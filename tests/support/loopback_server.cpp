@@ -3,7 +3,6 @@
 #include "support/test_support.h"
 
 #include <hit_decoder.h>
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <set>
@@ -12,7 +11,7 @@
 #include <unistd.h>
 
 namespace velmora::test {
-// A TCP socket bound to a free port on 127.0.0.1.
+
 int BoundSocket(int& port) {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) throw std::runtime_error("socket");
@@ -34,11 +33,6 @@ ReceivedHit DecodeHit(const std::string& target) {
     return {target, hit.variables, hit.contextData};
 }
 
-std::string LoopbackServer::Request::Header(const std::string& name) const {
-    auto it = headers.find(name);
-    return it != headers.end() ? it->second : "";
-}
-
 LoopbackServer::LoopbackServer() {
     server_.Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
         Handler handler;
@@ -52,11 +46,8 @@ LoopbackServer::LoopbackServer() {
             }
             handler = handler_;
         }
-        if (scripted != 0) {
-            response.status = scripted;
-        } else if (handler) {
-            handler(request, response);
-        }
+        if (scripted != 0) response.status = scripted;
+        else if (handler) handler(request, response);
     });
     // An idle kept-alive connection must not hold the server open for long when it stops.
     server_.set_keep_alive_timeout(1);
@@ -72,51 +63,12 @@ LoopbackServer::~LoopbackServer() {
     if (thread_.joinable()) thread_.join();
 }
 
-void LoopbackServer::OnGet(Handler handler) {
-    std::lock_guard lock(mutex_);
-    handler_ = std::move(handler);
-}
-
-void LoopbackServer::Script(std::vector<int> statuses) {
-    std::lock_guard lock(mutex_);
-    script_.assign(statuses.begin(), statuses.end());
-}
-
-void LoopbackServer::Hold() {
-    std::unique_lock lock(mutex_);
-    released_.wait(lock, [this] { return release_; });
-}
-
-void LoopbackServer::Release() {
-    {
-        std::lock_guard lock(mutex_);
-        release_ = true;
-    }
-    released_.notify_all();
-}
-
-std::vector<LoopbackServer::Request> LoopbackServer::Requests() const {
-    std::lock_guard lock(mutex_);
-    return requests_;
-}
-
-std::vector<std::string> LoopbackServer::Targets() const {
-    std::vector<std::string> targets;
-    for (const auto& request : Requests()) targets.push_back(request.target);
-    return targets;
-}
-
 std::vector<ReceivedHit> LoopbackServer::Hits() const {
     std::vector<ReceivedHit> hits;
     for (const auto& request : Requests()) {
         if (request.path.rfind("/b/ss/", 0) == 0) hits.push_back(DecodeHit(request.target));
     }
     return hits;
-}
-
-std::size_t LoopbackServer::Count() const {
-    std::lock_guard lock(mutex_);
-    return requests_.size();
 }
 
 std::size_t LoopbackServer::Connections() const {
@@ -129,9 +81,5 @@ std::size_t LoopbackServer::Connections() const {
 bool LoopbackServer::WaitForRequests(std::size_t count, std::chrono::milliseconds limit) const {
     return WaitUntil([&] { return Count() >= count; }, limit);
 }
-
-ClosedPort::ClosedPort() { socket_ = BoundSocket(port_); }
-
-ClosedPort::~ClosedPort() { ::close(socket_); }
 
 }  // namespace velmora::test

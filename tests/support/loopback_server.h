@@ -1,6 +1,7 @@
 #pragma once
 
 #include <httplib.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -31,27 +32,53 @@ public:
         std::string path;
         httplib::Headers headers;
         int remotePort = -1;
-        std::string Header(const std::string& name) const;
+        std::string Header(const std::string& name) const {
+            auto it = headers.find(name);
+            return it != headers.end() ? it->second : "";
+        }
     };
     using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
 
     LoopbackServer();
     ~LoopbackServer();
 
-    void OnGet(Handler handler);
-    void Script(std::vector<int> statuses);  // answers for the next requests, in order
+    void OnGet(Handler handler) {
+        std::lock_guard lock(mutex_);
+        handler_ = std::move(handler);
+    }
+    void Script(std::vector<int> statuses) {  // answers for the next requests, in order
+        std::lock_guard lock(mutex_);
+        script_.assign(statuses.begin(), statuses.end());
+    }
     // For handlers: blocks until Release() or the end of the server.
-    void Hold();
-    void Release();
+    void Hold() {
+        std::unique_lock lock(mutex_);
+        released_.wait(lock, [this] { return release_; });
+    }
+    void Release() {
+        std::lock_guard lock(mutex_);
+        release_ = true;
+        released_.notify_all();
+    }
 
     int Port() const { return port_; }
     std::string Address() const { return "127.0.0.1:" + std::to_string(port_); }
     std::string Url(const std::string& path = "") const { return "http://" + Address() + path; }
 
-    std::vector<Request> Requests() const;
-    std::vector<std::string> Targets() const;
+    std::vector<Request> Requests() const {
+        std::lock_guard lock(mutex_);
+        return requests_;
+    }
+    std::vector<std::string> Targets() const {
+        std::vector<std::string> targets;
+        for (const auto& request : Requests()) targets.push_back(request.target);
+        return targets;
+    }
     std::vector<ReceivedHit> Hits() const;  // the requests under /b/ss/, decoded
-    std::size_t Count() const;
+    std::size_t Count() const {
+        std::lock_guard lock(mutex_);
+        return requests_.size();
+    }
     std::size_t Connections() const;  // distinct client ports seen
     bool WaitForRequests(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
 
@@ -73,13 +100,13 @@ int BoundSocket(int& port);
 // A port on 127.0.0.1 that is bound but never listens, so every connection attempt is refused.
 class ClosedPort {
 public:
-    ClosedPort();
-    ~ClosedPort();
+    ClosedPort() : socket_(BoundSocket(port_)) {}
+    ~ClosedPort() { ::close(socket_); }
     int Port() const { return port_; }
 
 private:
-    int socket_ = -1;
     int port_ = -1;
+    int socket_;
 };
 
 }  // namespace velmora::test

@@ -51,10 +51,6 @@ void Ending() {
     std::fflush(stdout);
 }
 
-void TrackStates(int count) {
-    for (int i = 0; i < count; ++i) Analytics::TrackState("S" + std::to_string(i), {{"i", i}});
-}
-
 int ReturnFullyLoaded() {
     Config::CollectLifecycleData();
     Config::SetUserIdentifier("user-1");
@@ -142,7 +138,7 @@ int main(int argc, char** argv) {
     } else if (mode == "loaded") {
         return ReturnFullyLoaded();
     } else {
-        TrackStates(mode == "cooldown" ? 1 : count);
+        for (int i = 0; i < (mode == "cooldown" ? 1 : count); ++i) Analytics::TrackState("S" + std::to_string(i), {{"i", i}});
     }
     if (!signal->awaited.empty() && !signal->Wait()) return 4;
     if (mode == "shutdown") {

@@ -23,15 +23,6 @@ void Breathe(int i, int every) {
     if (i % every == every - 1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
-void StartLibrary(const char* package, const char* local) {
-    Velmora::HostOptions options;
-    options.packageDirectory = package;
-    options.localDirectory = local;
-    options.internetAvailable = [] { return false; };
-    options.logSink = [](std::string_view line) { velmora::WriteToStandardError(line); };
-    Velmora::Host::Configure(options);
-}
-
 void Ready() {
     std::fputs("ready\n", stdout);
     std::fflush(stdout);
@@ -88,7 +79,12 @@ int main(int argc, char** argv) {
     const std::string mode = argv[1];
     const int round = std::stoi(argv[4]);
     if (mode == "settings") InsertSettings(argv[3], round);
-    StartLibrary(argv[2], argv[3]);
+    Velmora::HostOptions options;
+    options.packageDirectory = argv[2];
+    options.localDirectory = argv[3];
+    options.internetAvailable = [] { return false; };
+    options.logSink = [](std::string_view line) { velmora::WriteToStandardError(line); };
+    Velmora::Host::Configure(options);
     if (mode == "hits") TrackStates(round);
     if (mode == "timed") StartTimedActions(round);
     std::fprintf(stderr, "unknown mode %s\n", mode.c_str());

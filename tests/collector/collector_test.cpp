@@ -1,0 +1,286 @@
+// The collector's workings: its hit decoder, its command line, its server on a loopback port, and
+// its live page rendered by a real browser (headless Chromium loads it, lets its script poll the
+// feed, and hands back the resulting document). The program itself (its first line, --json output,
+// stopping on a signal) runs in the demo's end-to-end test.
+#include "analytics/hit_builder.h"
+#include "collector.h"
+#include "hit_decoder.h"
+#include "options.h"
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+namespace velmora::collector {
+namespace {
+
+using nlohmann::json;
+
+// A collector serving on a free loopback port for the life of the object. What it prints is kept
+// one write per entry: a JSON line or a hit block in `out`, a rejected request's line in `err`.
+class RunningCollector {
+public:
+    explicit RunningCollector(CollectorOptions options = {}) {
+        options.port = 0;
+        collector_ = std::make_unique<Collector>(options, Output{out.Sink(), err.Sink()});
+        collector_->Bind();
+        thread_ = std::thread([this] { collector_->Serve(); });
+    }
+    ~RunningCollector() { Stop(); }
+
+    void Stop() {
+        collector_->Stop();
+        if (thread_.joinable()) thread_.join();
+    }
+
+    Collector& collector() { return *collector_; }
+
+    // A client that sends targets exactly as given, escapes included.
+    std::unique_ptr<httplib::Client> Client() const {
+        auto client = std::make_unique<httplib::Client>("127.0.0.1", collector_->Port());
+        client->set_url_encode(false);
+        client->set_read_timeout(30, 0);
+        return client;
+    }
+
+    test::LogCapture out, err;  // declared first: they outlive the collector's threads
+
+private:
+    std::unique_ptr<Collector> collector_;
+    std::thread thread_;
+};
+
+// What the library writes comes back byte for byte; dots in context keys nest groups.
+TEST(CollectorDecoder, ReadsBackTrickyKeysAndValuesAsTheLibraryWritesThem) {
+    std::string ascii;
+    for (int c = 0; c < 128; ++c) ascii.push_back(static_cast<char>(c));
+    StringMap variables, context;
+    for (const std::string& text : {ascii, std::string("a b&c=d"), std::string("%41+"), std::string("&c."),
+                                    std::string("&.c"), std::string("K\xC3\xB6ln \xE6\x97\xA5\xF0\x9F\x8E\x89")}) {
+        std::string segment = "k" + text;  // its dots would start groups of their own
+        segment.erase(std::remove(segment.begin(), segment.end(), '.'), segment.end());
+        variables[text] = text;
+        context[segment] = context["group." + segment] = context["group." + segment + ".inner"] = text;
+    }
+    HitBuilder builder(0);
+    Hit hit = DecodeHit("/b/ss/rs/0/WINU-4.0.0/" + builder.Build({}, variables, 0, HitFacts{}));
+    for (const auto& [key, value] : variables) EXPECT_EQ(hit.variables[key], value);
+    hit = DecodeHit("/b/ss/rs/0/WINU-4.0.0/s1?AQB=1&ndh=1&c." + SerializeContextTree(context) + "&.c&AQE=1");
+    EXPECT_EQ(hit.contextData, context);
+}
+
+TEST(CollectorDecoder, ReadsThePathOtherGroupsAndEmptyValues) {
+    struct Case { std::string body; StringMap variables, context; };
+    const Case cases[] = {
+        {"&q=a+b", {{"q", "a+b"}}, {}},  // the library writes a blank as "%20"
+        {"&vid=&c.&k=&.c", {{"vid", ""}}, {{"k", ""}}},
+        {"&aid=1&c.&x=2&.c&list.&x=1&.list&a.b=3", {{"aid", "1"}, {"list.x", "1"}, {"a.b", "3"}}, {{"x", "2"}}},
+        {"", {}, {}},
+        // Bytes that are not UTF-8 are kept as sent; only what is shown replaces them.
+        {"&x=%FF%C0%AF&c.&k%ED%A0%80=%E2%82&.c", {{"x", "\xFF\xC0\xAF"}}, {{"k\xED\xA0\x80", "\xE2\x82"}}},
+    };
+    for (const Case& c : cases) {
+        Hit hit = DecodeHit("/b/ss/rs1,rs2/0/WINU-4.0.0/s4218470?AQB=1&ndh=1" + c.body + "&AQE=1");
+        EXPECT_EQ(std::tie(hit.variables, hit.contextData), std::tie(c.variables, c.context)) << c.body;
+        EXPECT_EQ(hit.reportSuites + " " + hit.platform + " " + hit.cacheBuster, "rs1,rs2 WINU-4.0.0 4218470");
+    }
+}
+
+TEST(CollectorDecoder, RefusesMalformedHitsWithTheReason) {
+    const std::string p = "/b/ss/r/0/WINU-4.0.0/s1?AQB=1&ndh=1";
+    const std::pair<std::string, const char*> cases[] = {
+        {p + "&x=%zz&AQE=1", "percent-encoding"}, {p + "&x=%4&AQE=1", "percent-encoding"},
+        {"/b/ss/r/0/WINU-4.0.0/s1", "query"},
+        {"/b/ss/r/0/WINU-4.0.0/s1?ndh=1&AQE=1", "AQB=1"}, {p + "&x=1", "AQE=1"}, {p + "&AQE=1&x=1", "AQE=1"},
+        {p + "&c.&a=1&AQE=1", "never closed"}, {p + "&c.&a.&b=1&.c&.a&AQE=1", "closes group \"a\""},
+        {p + "&.c&AQE=1", "never opened"}, {p + "&&x=1&AQE=1", "empty parameter"}, {p + "&flag&AQE=1", "without \"=\""},
+        {p + "&=1&AQE=1", "empty name"}, {"/b/ss//0/WINU-4.0.0/s1?AQB=1&AQE=1", "path"},
+        {"/b/ss/r/1/WINU-4.0.0/s1?AQB=1&AQE=1", "path"}, {"/b/ss/r/0/WINU-4.0.0/s12x?AQB=1&AQE=1", "s<number>"}};
+    for (const auto& [target, reason] : cases) {
+        try {
+            DecodeHit(target);
+            ADD_FAILURE() << "accepted " << target;
+        } catch (const MalformedRequest& e) {
+            EXPECT_NE(std::string(e.what()).find(reason), std::string::npos) << target << ": " << e.what();
+        }
+    }
+}
+
+TEST(CollectorOptions, ReadsFlagsAndRefusesBadOnes) {
+    CollectorOptions options = ParseArguments({"--port", "0", "--json", "--status", "503", "--delay-ms", "250",
+                                               "--dest", "http://a/", "--dest", "http://b/", "--keep", "5"});
+    EXPECT_EQ(std::tie(options.port, options.json, options.hitStatus, options.hitDelayMillis, options.keep),
+              std::make_tuple(0, true, 503, 250, std::size_t{5}));
+    EXPECT_EQ(options.destinations, (std::vector<std::string>{"http://a/", "http://b/"}));
+    for (const auto& bad : std::vector<std::vector<std::string>>{
+             {"--port"}, {"--port", "65536"}, {"--port", "8x"}, {"--status", "99"}, {"--keep", "0"}, {"--host", ""},
+             {"--colour"}}) {
+        EXPECT_THROW(ParseArguments(bad), UsageError) << bad[0];
+    }
+}
+
+std::string HitTarget(const std::string& cacheBuster, const std::string& body) {
+    return "/b/ss/demo.rsid/0/WINU-4.0.0/s" + cacheBuster + "?AQB=1&ndh=1" + body + "&AQE=1";
+}
+
+json Get(RunningCollector& running, const std::string& target) {
+    auto answer = running.Client()->Get(target);
+    EXPECT_TRUE(answer && answer->status == 200) << target;
+    return answer ? json::parse(answer->body, nullptr, false) : json();
+}
+
+TEST(CollectorServer, DecodesHitsIntoTheFeedAndOneJsonLineEachAndRejectsMalformedRequestsWithALogLine) {
+    CollectorOptions options;
+    options.json = true;
+    options.hitStatus = 202;
+    RunningCollector running(options);
+    auto client = running.Client();
+    const std::vector<std::string> bad = {HitTarget("1", "&x=%zz"), "/m2/c/ubox/raw?mbox=%",
+                                          "/hits.json?since=soon"};
+    for (const auto& target : bad) EXPECT_EQ(client->Get(target)->status, 400) << target;
+    EXPECT_EQ(client->Get("/nothing/here")->status, 404);
+    const std::string first = HitTarget("111", "&pageName=Home%20%26%20More&ts=1714564800&c.&a.&AppID=D%201&.a&.c");
+    const std::string second = HitTarget("222", "&pev2=Buy&c.&item=%C3%BC%FF&item.&n=2&.item&.c");
+    ASSERT_EQ(client->Get(first)->status, 202);
+    ASSERT_EQ(client->Get(second)->status, 202);
+
+    json feed = Get(running, "/hits.json");
+    EXPECT_EQ(feed["received"], 2);
+    ASSERT_EQ(feed["hits"].size(), 2u);
+    EXPECT_EQ(Get(running, "/hits.json?since=1")["hits"], json::array({feed["hits"][0]}));
+    // Printed lines are the same objects, in arrival order.
+    const auto lines = running.out.Lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(json::parse(lines[0]), feed["hits"][1]);
+    EXPECT_EQ(json::parse(lines[1]), feed["hits"][0]);
+    json oldest = feed["hits"][1];
+    oldest.erase("received");
+    EXPECT_EQ(oldest, (json{{"kind", "hit"}, {"id", 1}, {"status", 202}, {"reportSuites", "demo.rsid"},
+                            {"platform", "WINU-4.0.0"}, {"cacheBuster", "111"}, {"ts", 1714564800}, {"url", first},
+                            {"variables", {{"pageName", "Home & More"}, {"ts", "1714564800"}}},
+                            {"contextData", {{"a.AppID", "D 1"}}}}));
+    EXPECT_EQ(feed["hits"][0]["contextData"], (json{{"item", "\xC3\xBC\xEF\xBF\xBD"}, {"item.n", "2"}}));
+
+    auto errors = running.err.Lines();
+    ASSERT_EQ(errors.size(), bad.size() + 1);
+    for (std::size_t i = 0; i < bad.size(); ++i) {
+        EXPECT_EQ(errors[i].rfind("velmora-collector: 400 for GET " + bad[i] + ": ", 0), 0u) << errors[i];
+    }
+    EXPECT_EQ(errors.back(), "velmora-collector: 404 for GET /nothing/here: no such endpoint");
+}
+
+// Hits from several clients at once, each held by the chosen delay and answered with the chosen status.
+TEST(CollectorServer, DelayedHitsGetDistinctNumbersAndPrintBlocksThatValuesCannotSteer) {
+    CollectorOptions options;
+    options.hitStatus = 503;
+    options.hitDelayMillis = 600000;
+    options.keep = 2;
+    RunningCollector running(options);
+    std::vector<std::thread> senders;
+    std::atomic<int> answered{0};
+    // The HTTP library is prebuilt without ThreadSanitizer: what it sets up on its first request is
+    // shared out of the sanitizer's sight and reported as a race. One request alone goes first.
+    for (int t = 0; t < 6; ++t) {
+        senders.emplace_back([&running, &answered, t] {
+            const std::string tricky = "&ts=1714564800&pageName=a%1B%5B2J%0Ab&c.&k%C3%BC=v%E2%82&long=w&.c";
+            running.Client()->Get(HitTarget("1", t == 0 ? tricky : "&n=" + std::to_string(t)));
+            ++answered;
+        });
+        EXPECT_TRUE(test::WaitUntil([&] { return running.collector().Hits().TotalReceived() >= 1; }));
+    }
+    EXPECT_TRUE(test::WaitUntil([&] { return running.collector().Hits().TotalReceived() == 6; }));
+    json feed = Get(running, "/hits.json");
+    EXPECT_EQ(feed["hits"].size(), 2u) << "only the newest are kept";
+    EXPECT_EQ(feed["hits"][0]["status"], 503);
+    EXPECT_EQ(answered, 0) << "each waits its delay";
+    running.Stop();
+    for (auto& sender : senders) sender.join();
+    EXPECT_EQ(answered, 6) << "stopping cut the delay short";
+    const auto blocks = running.out.Lines();
+    ASSERT_EQ(blocks.size(), 6u);
+    for (std::size_t i = 0; i < blocks.size(); ++i) EXPECT_EQ(blocks[i].rfind("hit #" + std::to_string(i + 1), 0), 0u);
+    EXPECT_EQ(blocks[0].substr(blocks[0].find(" UTC")),
+              " UTC  answered 503\n"
+              "  report suite demo.rsid  (WINU-4.0.0, s1)\n"
+              "  ts           1714564800 (2024-05-01 12:00:00 UTC)\n"
+              "  variables\n"
+              "    pageName = a\\x1B[2J\\nb\n"
+              "    ts       = 1714564800\n"
+              "  context data\n"
+              "    k\xC3\xBC   = v\xEF\xBF\xBD\n"
+              "    long = w\n");
+}
+
+TEST(CollectorServer, AnswersIdentifierOfferAndAudienceRequests) {
+    CollectorOptions options;
+    options.destinations = {"http://127.0.0.1:1/dest?a=1"};
+    RunningCollector running(options);
+    EXPECT_EQ(Get(running, "/id"), (json{{"id", options.aid}}));
+    // A visitor that brings its identifiers keeps them.
+    for (auto [cookie, pc, session] : {std::tuple{"", "collector-pc-0001", "collector-session-0001"},
+                                       {"mboxPC=pc-7; mboxSession=s-9", "pc-7", "s-9"}}) {
+        auto offer = running.Client()->Get("/m2/client/ubox/raw?mbox=home", {{"Cookie", cookie}});
+        ASSERT_TRUE(offer);
+        EXPECT_EQ(offer->body, options.offerContent);
+        EXPECT_EQ(offer->get_header_value("Set-Cookie", 0), "mboxPC=" + std::string(pc) + "; Path=/");
+        EXPECT_EQ(offer->get_header_value("Set-Cookie", 1), "mboxSession=" + std::string(session) + "; Path=/");
+    }
+    EXPECT_EQ(Get(running, "/event?c_a_b=1&c_x=y%20z&d_uuid=old&d_ptfm=win8&d_dst=1&d_rtbd=json"),
+              (json{{"uuid", options.uuid},
+                    {"dests", json::array({{{"c", "http://127.0.0.1:1/dest?a=1"}}})},
+                    {"stuff", json::array({{{"cn", "a_b"}, {"cv", "1"}}, {{"cn", "x"}, {"cv", "y z"}}})}}));
+    EXPECT_EQ(Get(running, "/event?d_ptfm=win8")["stuff"], json::array());
+    EXPECT_TRUE(running.err.Lines().empty());
+}
+
+std::string RenderedDom(const std::string& url, const test::TempDir& profile) {
+    const std::string command =
+        "timeout 120 chromium --headless --no-sandbox --disable-gpu --disable-background-networking "
+        "--disable-component-update --disable-sync --no-first-run --user-data-dir='" + profile.path().string() +
+        "' --virtual-time-budget=3000 --dump-dom '" + url + "' 2>/dev/null";
+    std::string dom;
+    if (FILE* pipe = ::popen(command.c_str(), "r")) {
+        char chunk[4096];
+        for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;) dom.append(chunk, n);
+        ::pclose(pipe);
+    }
+    return dom;
+}
+
+TEST(CollectorPage, ListsHitsNewestFirstWithTheirTablesInABrowser) {
+    RunningCollector running;
+    auto client = running.Client();
+    if (std::system("command -v chromium >/dev/null 2>&1") != 0) GTEST_SKIP() << "chromium is not installed";
+    ASSERT_EQ(client->Get("/b/ss/demo.rsid/0/WINU-4.0.0/s1?AQB=1&ndh=1&pageName=Welcome%20Screen&ts=1714564800"
+                          "&c.&a.&AppID=Demo%201.0&.a&note=%3Cb%3Enot%20bold%3C%2Fb%3E&.c&AQE=1")->status, 200);
+    ASSERT_EQ(client->Get("/b/ss/demo.rsid/0/WINU-4.0.0/s2?AQB=1&ndh=1&pev2=Checkout&c.&city=K%C3%B6ln&.c&AQE=1")
+                  ->status, 200);
+
+    test::TempDir profile;
+    const std::string base = "http://127.0.0.1:" + std::to_string(running.collector().Port()) + "/";
+    std::string dom = RenderedDom(base, profile);
+    for (const char* expected :
+         {"2 hits", "report suite demo.rsid", "<th>a.AppID</th><td>Demo 1.0</td>",
+          "<th>city</th><td>K\xC3\xB6ln</td>", "<th>pageName</th><td>Welcome Screen</td>",
+          "/b/ss/demo.rsid/0/WINU-4.0.0/s2?AQB=1&amp;ndh=1&amp;pev2=Checkout",
+          "2024-05-01T12:00:00.000Z", "<td>&lt;b&gt;not bold&lt;/b&gt;</td>"}) {  // a value is text, never markup
+        EXPECT_NE(dom.find(expected), std::string::npos) << expected << "\n" << dom;
+    }
+    EXPECT_LT(dom.find("Checkout"), dom.find("Welcome Screen")) << "newest first";
+
+    // The filter box, prefilled from the address, hides the hits that do not match.
+    std::string filtered = RenderedDom(base + "?filter=k%C3%B6ln", profile);
+    EXPECT_NE(filtered.find("2 hits, 1 shown"), std::string::npos) << filtered;
+    std::size_t section = filtered.rfind("<section", filtered.find("Welcome Screen"));
+    ASSERT_NE(section, std::string::npos);
+    EXPECT_EQ(filtered.compare(section, 44, "<section class=\"hit\" style=\"display: none;\">"), 0)
+        << filtered.substr(section, 80);
+}
+
+}  // namespace
+}  // namespace velmora::collector
