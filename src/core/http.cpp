@@ -1,5 +1,7 @@
 #include "core/http.h"
 
+#include "core/mutex.h"
+
 #include <curl/curl.h>
 #include <openssl/crypto.h>
 
@@ -160,15 +162,15 @@ struct HttpClient::Shared {
     };
 
     Slist connectTo;
-    std::mutex mutex;
-    std::vector<Handle> idle;
-    std::vector<CURLM*> active;
-    bool aborted = false;
+    Mutex mutex;
+    std::vector<Handle> idle GUARDED_BY(mutex);
+    std::vector<CURLM*> active GUARDED_BY(mutex);  // transfers that Abort must wake
+    bool aborted GUARDED_BY(mutex) = false;
 
     // Null once aborted: no new request starts.
     std::optional<Handle> Take() {
         {
-            std::lock_guard lock(mutex);
+            MutexLock lock(mutex);
             if (aborted) return std::nullopt;
             if (!idle.empty()) {
                 Handle handle = idle.back();
@@ -186,7 +188,7 @@ struct HttpClient::Shared {
 
     void Give(Handle handle) {
         {
-            std::lock_guard lock(mutex);
+            MutexLock lock(mutex);
             if (idle.size() < kMaxIdleHandles) {
                 idle.push_back(handle);
                 return;
@@ -197,17 +199,17 @@ struct HttpClient::Shared {
 
     // False when the client was aborted before the transfer could be registered.
     bool Register(CURLM* multi) {
-        std::lock_guard lock(mutex);
+        MutexLock lock(mutex);
         if (aborted) return false;
         active.push_back(multi);
         return true;
     }
     void Unregister(CURLM* multi) {
-        std::lock_guard lock(mutex);
+        MutexLock lock(mutex);
         active.erase(std::remove(active.begin(), active.end(), multi), active.end());
     }
     bool Aborted() {
-        std::lock_guard lock(mutex);
+        MutexLock lock(mutex);
         return aborted;
     }
 
@@ -255,11 +257,12 @@ HttpClient::HttpClient(const Logger& log, std::vector<std::string> connectTo)
 }
 
 HttpClient::~HttpClient() {
+    MutexLock lock(shared_->mutex);
     for (const auto& handle : shared_->idle) Shared::Close(handle);
 }
 
 void HttpClient::Abort() {
-    std::lock_guard lock(shared_->mutex);
+    MutexLock lock(shared_->mutex);
     shared_->aborted = true;
     for (CURLM* multi : shared_->active) curl_multi_wakeup(multi);
 }
