@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <stdexcept>
+#include <string_view>
 
 namespace velmora {
 namespace {
@@ -154,21 +156,104 @@ bool NeedsEscaping(const std::string& text) {
     return false;
 }
 
-}  // namespace
+// The file exactly as this library writes it: {"Hits":[{"T":<integer>,"H":"<printable ASCII, no
+// escapes>"},...]}, read in chunks straight into the hits, several times faster than the JSON
+// lexer and without a copy of the whole text. Any other text (escapes, spaces, other members,
+// damage) makes Read return false, and the caller goes to the full parser, which also salvages
+// the entries before a damaged one.
+class OwnFormatReader {
+public:
+    explicit OwnFormatReader(std::istream& in) : in_(in) {}
 
-void ParseQueueFile(std::istream& text, std::vector<QueuedHit>& hits) {
+    bool Read(std::vector<QueuedHit>& hits, bool withMembers) {
+        if (!Take("{\"Hits\":[")) return false;
+        if (!Take("]}")) {
+            do {
+                if (!ReadHit(hits.emplace_back())) return false;
+                if (withMembers) {
+                    hits.back().json = std::make_shared<const std::string>(QueueFileMember(hits.back().hit, hits.back().timestamp));
+                }
+            } while (Take(","));
+            if (!Take("]}")) return false;
+        }
+        return !Available(1);
+    }
+
+private:
+    static constexpr std::size_t kChunk = 64 * 1024;
+
+    bool ReadHit(QueuedHit& queued) {
+        if (!Take("{\"T\":")) return false;
+        const bool negative = Take("-");
+        std::int64_t value = 0;
+        int digits = 0;
+        for (; Available(1) && Digit(buffer_[at_]) && digits < 12; ++digits) {
+            if (digits == 1 && value == 0) return false;  // a leading zero
+            value = value * 10 + (buffer_[at_++] - '0');
+        }
+        if (digits == 0 || digits == 12) return false;
+        queued.timestamp = static_cast<std::int32_t>(std::clamp<std::int64_t>(negative ? -value : value, kMinTimestamp, kMaxTimestamp));
+        if (!Take(",\"H\":\"")) return false;
+        for (;;) {
+            std::size_t end = at_;
+            while (end < buffer_.size() && Plain(buffer_[end])) ++end;
+            queued.hit.append(buffer_, at_, end - at_);
+            at_ = end;
+            if (at_ < buffer_.size()) break;
+            if (!Refill()) return false;
+        }
+        return Take("\"}");
+    }
+
+    static bool Digit(char c) { return c >= '0' && c <= '9'; }
+    static bool Plain(char c) { return c >= 0x20 && c < 0x7F && c != '"' && c != '\\'; }
+
+    bool Take(std::string_view expected) {
+        if (!Available(expected.size()) || buffer_.compare(at_, expected.size(), expected) != 0) return false;
+        at_ += expected.size();
+        return true;
+    }
+    bool Available(std::size_t count) {
+        while (buffer_.size() - at_ < count) {
+            if (!Refill()) return false;
+        }
+        return true;
+    }
+    bool Refill() {
+        buffer_.erase(0, at_);
+        at_ = 0;
+        const std::size_t kept = buffer_.size();
+        buffer_.resize(kept + kChunk);
+        in_.read(buffer_.data() + kept, kChunk);
+        buffer_.resize(kept + static_cast<std::size_t>(in_.gcount()));
+        return buffer_.size() > kept;
+    }
+
+    std::istream& in_;
+    std::string buffer_;
+    std::size_t at_ = 0;
+};
+
+void Parse(std::istream& text, std::size_t sizeHint, std::vector<QueuedHit>& hits, bool withMembers) {
     if (text.peek() == std::char_traits<char>::eof()) return;  // a file that did not exist yet
-    QueueFileReader reader(hits, false);
+    hits.reserve(hits.size() + sizeHint / 256);  // hits are rarely shorter
+    const std::size_t before = hits.size();
+    if (OwnFormatReader(text).Read(hits, withMembers)) return;
+    hits.resize(before);
+    text.clear();
+    if (!text.seekg(0)) throw std::runtime_error("the queue file cannot be read again");
+    QueueFileReader reader(hits, withMembers);
     Json::sax_parse(text, &reader);
     if (!reader.SawHits()) throw std::runtime_error("the document has no \"Hits\" array");
 }
 
+}  // namespace
+
+void ParseQueueFile(std::istream& text, std::vector<QueuedHit>& hits) { Parse(text, 0, hits, false); }
+
 void ParseQueueFile(const std::string& text, std::vector<QueuedHit>& hits, bool withMembers) {
-    if (text.empty()) return;  // a file that did not exist yet
-    hits.reserve(hits.size() + text.size() / 256);  // hits are rarely shorter
-    QueueFileReader reader(hits, withMembers);
-    Json::sax_parse(text, &reader);
-    if (!reader.SawHits()) throw std::runtime_error("the document has no \"Hits\" array");
+    std::istringstream in(text);
+    Parse(in, text.size(), hits, withMembers);
 }
 
 std::string QueueFileMember(const std::string& hit, std::int32_t timestamp) {

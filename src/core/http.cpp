@@ -178,6 +178,7 @@ struct HttpClient::Shared {
                 return handle;
             }
         }
+        InitCurlOnce();  // here, not in the constructor: starting the TLS library costs milliseconds
         Handle handle{curl_easy_init(), curl_multi_init()};
         if (handle.easy == nullptr || handle.multi == nullptr) {
             Close(handle);
@@ -252,7 +253,6 @@ CURLcode RunTransfer(HttpClient::Shared& shared, const HttpClient::Shared::Handl
 
 HttpClient::HttpClient(const Logger& log, std::vector<std::string> connectTo)
     : log_(log), shared_(std::make_unique<Shared>()) {
-    InitCurlOnce();
     shared_->connectTo = MakeSlist(connectTo);
 }
 
