@@ -3,6 +3,8 @@
 
 #include <velmora/Velmora.h>
 
+#include <gmock/gmock.h>
+
 #include <cstdlib>
 
 namespace velmora::test {
@@ -42,17 +44,22 @@ TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
                       {"count", std::int32_t{3}}, {"ratio", 1.5}, {"flag", true}, {"when", Velmora::DateTime{}},
                       {"none", nullptr}});
     Velmora::Analytics::TrackAction("Buy/Now\xC3", {{"a.OSVersion", std::string("mine")}, {"a.action", std::string("me")}});
-    ASSERT_TRUE(server_.WaitForRequests(2));
+    Velmora::Analytics::TrackAction("Go", {});
+    ASSERT_TRUE(server_.WaitForRequests(3));
     EXPECT_TRUE(Velmora::Host::Flush(kWait));
     const std::string aid = std::string("?AQB=1&ndh=1&aid=") + kAid + "&ce=UTF-8&pageName=";
     const std::string app = "Demo%201.2.4%20%283%29", zone = "&t=00%2F00%2F0000%2000%3A00%3A00%200%20300";
     const std::string device = "&c.&aAppID=" + app + "&aDeviceName=Acme%20Phone1&aOSVersion=";
-    EXPECT_EQ(server_.Targets(),
+    const std::vector<std::string> targets = server_.Targets();
+    ASSERT_EQ(targets.size(), 3u);
+    EXPECT_EQ(std::vector<std::string>(targets.begin(), targets.begin() + 2),
               (std::vector<std::string>{
                   kHitPath + ("s1949254" + aid) + "Moved&pe=m_s" + zone + device + "Windows%20Phone%208.1" +
                       "&aResolution=Unknown&ab=x&cafbrcde=y&count=3&flag=true&mykey=v%201&ratio=1.5&.c&AQE=1",
                   kHitPath + ("s3442559" + aid) + app + "&pe=lnk_o&pev2=AMACTION%3ABuy%2FNow%EF%BF%BD" + zone + device +
                       "mine&aResolution=Unknown&aaction=me&.c&AQE=1"}));
+    EXPECT_THAT(targets[2], ::testing::EndsWith("&pe=lnk_o&pev2=AMACTION%3AGo" + zone + device +
+                                                "Windows%20Phone%208.1&aResolution=Unknown&aaction=Go&.c&AQE=1"));
 }
 
 TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEarlierCall) {
