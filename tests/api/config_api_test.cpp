@@ -1,4 +1,5 @@
 #include "core/device.h"
+#include "lifecycle/lifecycle.h"
 #include "support/test_support.h"
 
 #include <velmora/Velmora.h>
@@ -54,6 +55,16 @@ TEST_F(ConfigApi, UserIdentifierIsSetInTheBackgroundAndStored) {
     ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
     EXPECT_EQ(Config::GetUserIdentifier(), "user-42");
     EXPECT_EQ(LookupText(t.Restart()->Settings(), kVisitorIdKey), "user-42");
+}
+
+TEST_F(ConfigApi, LifecycleCallsStartAndPauseTheSessionInTheBackground) {
+    Start("{}");
+    Config::CollectLifecycleData();
+    ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
+    EXPECT_FALSE(LookupText(t.Restart()->Settings(), kPauseDateKey));
+    Config::PauseCollectingLifecycleData();
+    ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
+    EXPECT_TRUE(LookupText(t.Restart()->Settings(), kPauseDateKey));
 }
 
 }  // namespace
