@@ -1,3 +1,4 @@
+#include "core/clock.h"
 #include "core/config.h"
 #include "core/file_store.h"
 #include "core/serial_queue.h"
@@ -6,6 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <condition_variable>
+#include <mutex>
 #include <sstream>
 #include <sys/wait.h>
 
@@ -84,6 +87,29 @@ INSTANTIATE_TEST_SUITE_P(
                                               ["c",1,2,3,4],["d",1.5,2.5,0],"x"]}})", 0,
                    "1.0 p1 lt300 UTF-8 vt0 a@40.7,-111.9/150 d@1.5,2.5/0", nullptr}),
     [](const auto& p) { return std::string(p.param.name); });
+
+TEST(SystemClock, ATimerTicksAgainAndAgainAndAWakerEndsASleepEarly) {
+    SystemClock clock;
+    std::mutex mutex;
+    std::condition_variable ticked;
+    int ticks = 0;
+    auto timer = clock.Every(std::chrono::milliseconds(5), [&] {
+        std::lock_guard lock(mutex);
+        ++ticks;
+        ticked.notify_all();
+    });
+    {
+        std::unique_lock lock(mutex);
+        EXPECT_TRUE(ticked.wait_for(lock, std::chrono::seconds(10), [&] { return ticks >= 3; }));
+    }
+    timer->Cancel();
+    Waker waker;
+    auto wake = clock.Every(std::chrono::milliseconds(20), [&waker] { waker.Wake(); });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(clock.SleepFor(std::chrono::seconds(30), waker));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20)) << "the wake went unnoticed";
+    wake->Cancel();
+}
 
 TEST(SettingsStore, EveryTypeSurvivesARestartAndAnInsertMayChangeTheType) {
     test::TestRuntime t;
