@@ -23,6 +23,7 @@ struct Step {
     Step& Milestones(std::string list) { return settings.Milestones = std::move(list), *this; }
     Step& OffsetMilestones(std::string list) { return settings.OffsetMilestones = std::move(list), *this; }
     Step& SegmentByMilestones() { return settings.SegmentByMilestones = true, *this; }
+    Step& SegmentByOffsetMilestones() { return settings.SegmentByOffsetMilestones = true, *this; }
     Step& TrackSeconds(std::int32_t seconds) { return settings.TrackSeconds = seconds, *this; }
     Step& PlayerId(std::string id) { return settings.PlayerID = std::move(id), *this; }
     Step& NoPlayerName() { return settings.PlayerName.clear(), *this; }
@@ -169,6 +170,9 @@ INSTANTIATE_TEST_SUITE_P(
                  {"0s m_s Doc segment=M:0-50 segmentNum=1 view=true",
                   "10s m_i Doc milestone=50 segment=M:0-50 segmentNum=1 segmentView=true timePlayed=10",
                   "15s m_i Doc segment=M:50-100 segmentNum=2 segmentView=true timePlayed=5"}},
+        Scenario{"SegmentsByOffsetNeedOffsetMilestones",
+                 {Open("Ep", 100).Milestones("50").SegmentByOffsetMilestones(), Play("Ep"), Tick(50)},
+                 {"0s m_s Ep view=true", "50s m_i Ep milestone=50 timePlayed=50"}},
         Scenario{"RefusedItemsAndUnknownNames",
                  {Open("\r\n--**--", 10), Open("Ad", 10).Ad(), OpenNull(), Close("Ad\n"), Play("Ad\n"), Complete("Ad\n", 0),
                   Stop("Ad\n"), Click("Ad\n", 0), Track("Ad\n", {{"k", "v"}})},
