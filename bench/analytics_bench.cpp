@@ -145,6 +145,19 @@ void BM_TrackStateCallerThread(benchmark::State& state) {
 }
 BENCHMARK(BM_TrackStateCallerThread)->Iterations(20000);
 
+// A runtime whose queue holds `hits` tracked hits for the server on `port`, waiting for opt-in.
+std::unique_ptr<Runtime> RuntimeWithBacklog(const ScratchDir& package, const ScratchDir& local, int port, int hits,
+                                            benchmark::State& state) {
+    package.Write("VelmoraConfig.json", ConfigJson("127.0.0.1:" + std::to_string(port), true, "optunknown"));
+    auto runtime = std::make_unique<Runtime>(Options(package, local, true));
+    runtime->Settings().Insert(kAidKey, std::string(kAid));
+    auto& tracker = runtime->Tracker();
+    const StringMap context = TranslateContextData(TenEntries(), runtime->Log());
+    for (int i = 0; i < hits; ++i) tracker.GatedTrackState("Page " + std::to_string(i), context);
+    if (tracker.QueueSize() != static_cast<std::uint32_t>(hits)) state.SkipWithError("hits were not queued");
+    return runtime;
+}
+
 void BM_DeliverToLoopback(benchmark::State& state) {
     constexpr int kHits = 20000;
     for (auto _ : state) {
@@ -167,14 +180,7 @@ void BM_DeliverToLoopback(benchmark::State& state) {
         std::thread listener([&] { server.listen_after_bind(); });
 
         ScratchDir package, local;
-        package.Write("VelmoraConfig.json", ConfigJson("127.0.0.1:" + std::to_string(port), true, "optunknown"));
-        auto runtime = std::make_unique<Runtime>(Options(package, local, true));
-        runtime->Settings().Insert(kAidKey, std::string(kAid));
-        auto& tracker = runtime->Tracker();
-        const StringMap context = TranslateContextData(TenEntries(), runtime->Log());
-        for (int i = 0; i < kHits; ++i) tracker.GatedTrackState("Page " + std::to_string(i), context);
-        if (tracker.QueueSize() != static_cast<std::uint32_t>(kHits)) state.SkipWithError("hits were not queued");
-
+        auto runtime = RuntimeWithBacklog(package, local, port, kHits, state);
         const auto start = Clock::now();
         runtime->GeneralQueue().Post([&runtime] { runtime->SetPrivacyStatus(kPrivacyOptIn); });
         allReceived.get_future().wait();
@@ -255,17 +261,10 @@ void BM_DeliverToNginx(benchmark::State& state) {
             state.SkipWithError("nginx is not installed or did not start");
             return;
         }
-        package.Write("VelmoraConfig.json", ConfigJson("127.0.0.1:" + std::to_string(nginx.Port()), true, "optunknown"));
-        auto runtime = std::make_unique<Runtime>(Options(package, local, true));
-        runtime->Settings().Insert(kAidKey, std::string(kAid));
-        auto& tracker = runtime->Tracker();
-        const StringMap context = TranslateContextData(TenEntries(), runtime->Log());
-        for (int i = 0; i < kHits; ++i) tracker.GatedTrackState("Page " + std::to_string(i), context);
-        if (tracker.QueueSize() != static_cast<std::uint32_t>(kHits)) state.SkipWithError("hits were not queued");
-
+        auto runtime = RuntimeWithBacklog(package, local, nginx.Port(), kHits, state);
         const auto start = Clock::now();
         runtime->GeneralQueue().Post([&runtime] { runtime->SetPrivacyStatus(kPrivacyOptIn); });
-        const bool delivered = runtime->Flush(std::chrono::seconds(60)) && tracker.QueueSize() == 0;
+        const bool delivered = runtime->Flush(std::chrono::seconds(60)) && runtime->Tracker().QueueSize() == 0;
         const auto elapsed = Clock::now() - start;
         if (!delivered) state.SkipWithError("the backlog was not delivered");
         state.SetIterationTime(std::chrono::duration<double>(elapsed).count());
