@@ -24,6 +24,8 @@ namespace {
 class Descriptor {
 public:
     explicit Descriptor(int fd) : fd_(fd) {}
+    Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
+    Descriptor& operator=(Descriptor&&) = delete;
     ~Descriptor() { if (fd_ >= 0) ::close(fd_); }
     int get() const { return fd_; }
     int release() { int fd = fd_; fd_ = -1; return fd; }
@@ -49,21 +51,28 @@ void RemoveAbandonedTemporaries(const std::filesystem::path& directory, const st
     }
 }
 
+// The file open for reading, or no descriptor when it did not exist and was created empty. Either
+// way the temporaries that crashed writers left beside it are gone afterwards.
+Descriptor OpenOrCreate(const std::filesystem::path& directory, const std::string& name) {
+    const auto path = directory / name;
+    Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        if (errno != ENOENT) Fail("Cannot open", path, errno);
+        Descriptor created(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+        if (created.get() < 0) Fail("Cannot create", path, errno);
+    }
+    RemoveAbandonedTemporaries(directory, name);
+    return fd;
+}
+
 }  // namespace
 
 FileStore::FileStore(std::filesystem::path directory) : directory_(std::move(directory)) {}
 
 std::string FileStore::Read(const std::string& name) {
     const auto path = directory_ / name;
-    Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) {
-        if (errno != ENOENT) Fail("Cannot open", path, errno);
-        Descriptor created(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-        if (created.get() < 0) Fail("Cannot create", path, errno);
-        RemoveAbandonedTemporaries(directory_, name);
-        return {};
-    }
-    RemoveAbandonedTemporaries(directory_, name);
+    Descriptor fd = OpenOrCreate(directory_, name);
+    if (fd.get() < 0) return {};
     // Read straight into a string of the file's size: a queue file of several megabytes is not
     // copied through a growing buffer. The size is a hint; a file that grows meanwhile is read whole.
     struct stat info {};
@@ -86,17 +95,7 @@ std::string FileStore::Read(const std::string& name) {
 
 std::unique_ptr<std::istream> FileStore::OpenForReading(const std::string& name) {
     const auto path = directory_ / name;
-    {
-        Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        if (fd.get() < 0) {
-            if (errno != ENOENT) Fail("Cannot open", path, errno);
-            Descriptor created(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-            if (created.get() < 0) Fail("Cannot create", path, errno);
-            RemoveAbandonedTemporaries(directory_, name);
-            return std::make_unique<std::istringstream>();
-        }
-    }
-    RemoveAbandonedTemporaries(directory_, name);
+    if (OpenOrCreate(directory_, name).get() < 0) return std::make_unique<std::istringstream>();
     auto stream = std::make_unique<std::ifstream>(path, std::ios::binary);
     if (!*stream) Fail("Cannot open", path, errno);
     return stream;
