@@ -1,6 +1,5 @@
 // velmora-check over a table of configuration texts: which problems it names (by key, in order,
 // and no others) and which lines explain the values the library uses.
-
 #include "check.h"
 #include "support/test_support.h"
 
@@ -108,36 +107,31 @@ TEST(ConfigCheck, ExplainsEveryKeyAndNamesEachProblem) {
 TEST(ConfigCheck, ReadsTheManifestAndRunsAsACommand) {
     test::TempDir dir;
     dir.Write("VelmoraConfig.json", kCases[0].config);
-    dir.Write("AppxManifest.xml",
-              "<Package><Identity Name='x' Version='1.2.3.4'/><Properties><DisplayName>Shop</DisplayName>"
-              "</Properties></Package>");
+    dir.Write("AppxManifest.xml", "<Package><Identity Name='x' Version='1.2.3.4'/><Properties><DisplayName>Shop"
+                                  "</DisplayName></Properties></Package>");
     std::ostringstream out, err;
-    EXPECT_EQ(RunCheck({dir.path().string()}, out, err), 0) << out.str();
-    EXPECT_NE(out.str().find("AppxManifest.xml: name \"Shop\", version 1.2.4, build 3; hits carry a.AppID "
-                             "\"Shop 1.2.4 (3)\""),
-              std::string::npos)
-        << out.str();
-    EXPECT_NE(out.str().find("\nno problems found\n"), std::string::npos);
+    const auto run = [&](const std::vector<std::string>& arguments) {
+        out.str("");
+        return RunCheck(arguments, out, err);
+    };
+    const auto shows = [&](const std::string& text) { return out.str().find(text) != std::string::npos; };
+    EXPECT_EQ(run({dir.path().string()}), 0) << out.str();
+    EXPECT_TRUE(shows("AppxManifest.xml: name \"Shop\", version 1.2.4, build 3; hits carry a.AppID \"Shop 1.2.4 (3)\""));
+    EXPECT_TRUE(shows("\nno problems found\n"));
 
     dir.Write("AppxManifest.xml", "<Package><Identity Version='1.2'/></Package>");
-    out.str("");
-    EXPECT_EQ(RunCheck({(dir / "VelmoraConfig.json").string()}, out, err), 1);
-    EXPECT_NE(out.str().find("problem: AppxManifest.xml: Identity@Version: \"1.2\" is not"), std::string::npos);
-    EXPECT_NE(out.str().find("problem: AppxManifest.xml: the library logs \"Velmora Error:Analytics - Unable to "
-                             "read AppxManifest file to obtain Application name (No DisplayName element found)\""),
-              std::string::npos)
-        << out.str();
+    EXPECT_EQ(run({(dir / "VelmoraConfig.json").string()}), 1);
+    EXPECT_TRUE(shows("problem: AppxManifest.xml: Identity@Version: \"1.2\" is not")) << out.str();
+    EXPECT_TRUE(shows("problem: AppxManifest.xml: the library logs \"Velmora Error:Analytics - Unable to read "
+                      "AppxManifest file to obtain Application name (No DisplayName element found)\""));
 
     std::filesystem::remove(dir / "VelmoraConfig.json");
-    out.str("");
-    EXPECT_EQ(RunCheck({dir.path().string()}, out, err), 1);
-    EXPECT_NE(out.str().find("problem: VelmoraConfig.json: cannot be read"), std::string::npos);
-
+    EXPECT_EQ(run({dir.path().string()}), 1);
+    EXPECT_TRUE(shows("problem: VelmoraConfig.json: cannot be read"));
     for (const auto& usage : std::vector<std::vector<std::string>>{{"--verbose"}, {"a", "b"}, {"/no/such/dir"}}) {
-        EXPECT_EQ(RunCheck(usage, out, err), 2) << usage[0];
+        EXPECT_EQ(run(usage), 2) << usage[0];
     }
-    out.str("");
-    EXPECT_EQ(RunCheck({"--help"}, out, err), 0);
+    EXPECT_EQ(run({"--help"}), 0);
     EXPECT_EQ(out.str().rfind("usage: velmora-check", 0), 0u);
 }
 
