@@ -22,7 +22,6 @@
 namespace velmora {
 namespace {
 
-using ::testing::HasSubstr;
 using test::LogCapture;
 using test::TempDir;
 
@@ -122,7 +121,7 @@ TEST(SettingsStore, UnopenableDirectoryFallsBackToMemoryWithOneLineNamingIt) {
     LogCapture capture;
     Logger log(capture.Sink());
     SettingsStore store(dir / "missing" / "deeper", log);
-    EXPECT_THAT(capture.Lines(), ::testing::ElementsAre(HasSubstr((dir / "missing" / "deeper").string())));
+    EXPECT_THAT(capture.Lines(), ::testing::ElementsAre(::testing::HasSubstr((dir / "missing" / "deeper").string())));
     store.Insert("k", true);
     EXPECT_EQ(LookupBool(store, "k"), true);
 }
@@ -252,9 +251,7 @@ TEST(Executor, StartsAnotherWorkerWhileTheKeptOnesAreBusy) {
 TEST(Utf8, ReplacesEachIllFormedPartAndKeepsValidText) {
     const std::string r = "\xEF\xBF\xBD", valid = "\xC3\xA9 \xE2\x82\xAC \xEF\xBF\xBF \xF0\x9F\x8E\x89 \xF4\x8F\xBF\xBF";
     const std::pair<std::string, std::string> cases[] = {
-        {"", ""},
-        {std::string("ascii ~\x7F\0", 9), std::string("ascii ~\x7F\0", 9)},
-        {valid, valid},
+        {"", ""}, {std::string("ascii ~\x7F\0", 9), std::string("ascii ~\x7F\0", 9)}, {valid, valid},
         {"\xC0\xAF|\xC1\xBF", r + r + "|" + r + r},               // overlong two-byte forms
         {"\xE0\x80\xAF|\xF0\x8F\xBF\xBF", r + r + r + "|" + r + r + r + r},  // overlong three- and four-byte
         {"\xED\xA0\x80|\xED\xBF\xBF|\xED\x9F\xBF", r + r + r + "|" + r + r + r + "|\xED\x9F\xBF"},  // surrogates
