@@ -34,7 +34,6 @@ std::string Describe(const ConfigSettings& c) {
 }
 
 constexpr const char* kFolder = "<folder>";
-constexpr const char* kDefaults = "1.0 p1 lt300 UTF-8 vt0";
 
 struct ConfigCase {
     const char *name, *file;  // file nullptr: none at all; kFolder: a directory of the file's name
@@ -50,18 +49,17 @@ const ConfigCase kConfigCases[] = {
     {"only a version", "\xEF\xBB\xBF{\"version\":\"2.0\"}", 0, "2.0 p0 lt0  vt0", "Velmora Debug:Config - Vantor not configured"},
     {"wrong types", R"({"version":3,"analytics":{"lifecycleTimeout":"30","charset":5,"privacyDefault":2},
                         "vantor":{"timeout":"9"}})", 0, "1.0 p1 lt300 UTF-8 vt2", nullptr},
-    {"truncation", R"({"analytics":{"lifecycleTimeout":12.9},"vantor":{"timeout":-3.7}})", 0, "1.0 p1 lt12 UTF-8 vt-3", nullptr},
-    {"clamped", R"({"analytics":{"lifecycleTimeout":1e40}})", 0, "1.0 p1 lt2147483647 UTF-8 vt0", nullptr},
-    {"opted out", R"({"analytics":{"privacyDefault":"optedout"}})", 0, "1.0 p2 lt300 UTF-8 vt0", nullptr},
-    {"other case is opt-in", R"({"analytics":{"privacyDefault":"OptedOut"}})", 0, kDefaults, nullptr},
-    {"unknown without offline", R"({"analytics":{"privacyDefault":"optunknown"}})", 0, kDefaults,
+    {"truncation, opted out", R"({"analytics":{"lifecycleTimeout":12.9,"privacyDefault":"optedout"},"vantor":{"timeout":-3.7}})", 0,
+     "1.0 p2 lt12 UTF-8 vt-3", nullptr},
+    {"clamped, other case is opt-in", R"({"analytics":{"lifecycleTimeout":1e40,"privacyDefault":"OptedOut"}})", 0,
+     "1.0 p1 lt2147483647 UTF-8 vt0", nullptr},
+    {"unknown without offline", R"({"analytics":{"privacyDefault":"optunknown"}})", 0, "1.0 p1 lt300 UTF-8 vt0",
      "Velmora Warning:Analytics - Default privacy status cannot be Unknown when offline tracking is disabled, overriding to OptIn"},
-    {"unknown with offline", R"({"analytics":{"privacyDefault":"optunknown","offlineEnabled":true}})", 0,
-     "1.0 p3 lt300 UTF-8 vt0", nullptr},
     {"stored status wins", R"({"analytics":{"privacyDefault":"optedin"}})", 2, "1.0 p2 lt300 UTF-8 vt0", nullptr},
     {"stored out of range kept", R"({"analytics":{}})", 7, "1.0 p7 lt300 UTF-8 vt0", nullptr},
-    {"only well-formed points", R"({"analytics":{"poi":[["a",40.7,-111.9,150],["b",1,2],[3,1,2,3],["c",1,2,3,4],
-                                   ["d",1.5,2.5,0],"x"]}})", 0, "1.0 p1 lt300 UTF-8 vt0 a@40.7,-111.9/150 d@1.5,2.5/0", nullptr},
+    {"only well-formed points, unknown with offline", R"({"analytics":{"privacyDefault":"optunknown","offlineEnabled":true,
+        "poi":[["a",40.7,-111.9,150],["b",1,2],[3,1,2,3],["c",1,2,3,4],["d",1.5,2.5,0],"x"]}})", 0,
+     "1.0 p3 lt300 UTF-8 vt0 a@40.7,-111.9/150 d@1.5,2.5/0", nullptr},
 };
 
 TEST(ConfigLoading, FollowsTheFileAndTheStoredStatus) {
