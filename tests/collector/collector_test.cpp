@@ -30,12 +30,14 @@ struct RunningCollector {
         thread_ = std::thread([this] { collector_->Serve(); });
     }
     ~RunningCollector() { Stop(); }
+
     void Stop() {
         collector_->Stop();
         if (thread_.joinable()) thread_.join();
     }
 
     Collector& collector() { return *collector_; }
+
     // A client that sends targets exactly as given, escapes included.
     std::unique_ptr<httplib::Client> Client() const {
         auto client = std::make_unique<httplib::Client>("127.0.0.1", collector_->Port());
