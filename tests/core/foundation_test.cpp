@@ -1,21 +1,27 @@
+#include "analytics/values.h"
 #include "core/clock.h"
 #include "core/config.h"
 #include "core/file_store.h"
+#include "core/network.h"
 #include "core/serial_queue.h"
+#include "core/utf8.h"
 #include "support/test_support.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <sched.h>
 #include <sstream>
 #include <sys/wait.h>
+#include <thread>
 
 namespace velmora {
 namespace {
 
-using ::testing::HasSubstr;
 using test::LogCapture;
 using test::TempDir;
 
@@ -27,86 +33,68 @@ std::string Describe(const ConfigSettings& c) {
     return text.str();
 }
 
+constexpr const char* kFolder = "<folder>";
+
 struct ConfigCase {
     const char *name, *file;  // file nullptr: none at all; kFolder: a directory of the file's name
     std::int32_t stored;      // privacy status in the settings; 0: none
     const char *expected, *line;  // Describe() of the result; a line that must be logged, the only error allowed
 };
+const ConfigCase kConfigCases[] = {
+    {"no file", nullptr, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to find local VelmoraConfig.json file"},
+    {"unreadable", kFolder, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to load local config file (Is a directory)"},
+    {"empty", "", 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to parse local config file (empty or malformed json)"},
+    {"malformed", "{\"analytics\": {", 0, " p0 lt0  vt0",
+     "Velmora Error:Config - Unable to parse local config file (empty or malformed json)"},
+    {"only a version", "\xEF\xBB\xBF{\"version\":\"2.0\"}", 0, "2.0 p0 lt0  vt0", "Velmora Debug:Config - Vantor not configured"},
+    {"wrong types", R"({"version":3,"analytics":{"lifecycleTimeout":"30","charset":5,"privacyDefault":2},
+                        "vantor":{"timeout":"9"}})", 0, "1.0 p1 lt300 UTF-8 vt2", nullptr},
+    {"truncation, opted out", R"({"analytics":{"lifecycleTimeout":12.9,"privacyDefault":"optedout"},"vantor":{"timeout":-3.7}})", 0,
+     "1.0 p2 lt12 UTF-8 vt-3", nullptr},
+    {"clamped, other case is opt-in", R"({"analytics":{"lifecycleTimeout":1e40,"privacyDefault":"OptedOut"}})", 0,
+     "1.0 p1 lt2147483647 UTF-8 vt0", nullptr},
+    {"unknown without offline", R"({"analytics":{"privacyDefault":"optunknown"}})", 0, "1.0 p1 lt300 UTF-8 vt0",
+     "Velmora Warning:Analytics - Default privacy status cannot be Unknown when offline tracking is disabled, overriding to OptIn"},
+    {"stored status wins", R"({"analytics":{"privacyDefault":"optedin"}})", 2, "1.0 p2 lt300 UTF-8 vt0", nullptr},
+    {"stored out of range kept", R"({"analytics":{}})", 7, "1.0 p7 lt300 UTF-8 vt0", nullptr},
+    {"only well-formed points, unknown with offline", R"({"analytics":{"privacyDefault":"optunknown","offlineEnabled":true,
+        "poi":[["a",40.7,-111.9,150],["b",1,2],[3,1,2,3],["c",1,2,3,4],["d",1.5,2.5,0],"x"]}})", 0,
+     "1.0 p3 lt300 UTF-8 vt0 a@40.7,-111.9/150 d@1.5,2.5/0", nullptr},
+};
 
-constexpr const char* kFolder = "<folder>";
-
-void PrintTo(const ConfigCase& c, std::ostream* os) { *os << c.name; }
-
-class ConfigLoading : public ::testing::TestWithParam<ConfigCase> {};
-
-TEST_P(ConfigLoading, FollowsTheFileAndTheStoredStatus) {
-    const auto& c = GetParam();
-    TempDir package, local;
-    LogCapture capture;
-    Logger log(capture.Sink());
-    log.SetDebugEnabled(true);
-    if (c.file == kFolder) std::filesystem::create_directory(package / "VelmoraConfig.json");
-    else if (c.file != nullptr) package.Write("VelmoraConfig.json", c.file);
-    SettingsStore settings(local.path(), log);
-    if (c.stored != 0) settings.Insert(kPrivacyStatusKey, c.stored);
-    EXPECT_EQ(Describe(*LoadConfig(package.path(), settings, log)), c.expected);
-    const std::string line = c.line ? c.line : "";
-    EXPECT_TRUE(line.empty() || capture.Contains(line)) << line;
-    // A file that gives no configuration is also named by its full path, once.
-    const std::string path = "Velmora Error:Config - The config file looked for is " +
-                             (package / "VelmoraConfig.json").string() + " (velmora-check explains it)";
-    EXPECT_EQ(capture.Count(path), line.rfind("Velmora Error:", 0) == 0 ? 1u : 0u);
-    for (const auto& l : capture.Lines()) EXPECT_TRUE(l.rfind("Velmora Error:", 0) != 0 || l == line || l == path) << l;
+TEST(ConfigLoading, FollowsTheFileAndTheStoredStatus) {
+    for (const ConfigCase& c : kConfigCases) {
+        SCOPED_TRACE(c.name);
+        TempDir package, local;
+        LogCapture capture;
+        Logger log(capture.Sink());
+        log.SetDebugEnabled(true);
+        if (c.file == kFolder) std::filesystem::create_directory(package / "VelmoraConfig.json");
+        else if (c.file != nullptr) package.Write("VelmoraConfig.json", c.file);
+        SettingsStore settings(local.path(), log);
+        if (c.stored != 0) settings.Insert(kPrivacyStatusKey, c.stored);
+        EXPECT_EQ(Describe(*LoadConfig(package.path(), settings, log)), c.expected);
+        const std::string line = c.line ? c.line : "";
+        EXPECT_TRUE(line.empty() || capture.Contains(line)) << line;
+        // A file that gives no configuration is also named by its full path, once.
+        const std::string path = "Velmora Error:Config - The config file looked for is " +
+                                 (package / "VelmoraConfig.json").string() + " (velmora-check explains it)";
+        EXPECT_EQ(capture.Count(path), line.rfind("Velmora Error:", 0) == 0 ? 1u : 0u);
+        for (const auto& l : capture.Lines()) EXPECT_TRUE(l.rfind("Velmora Error:", 0) != 0 || l == line || l == path) << l;
+    }
 }
-
-constexpr const char* kDefaults = "1.0 p1 lt300 UTF-8 vt0";
-
-INSTANTIATE_TEST_SUITE_P(
-    Files, ConfigLoading,
-    ::testing::Values(
-        ConfigCase{"NoFile", nullptr, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to find local VelmoraConfig.json file"},
-        ConfigCase{"Unreadable", kFolder, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to load local config file (Is a directory)"},
-        ConfigCase{"Empty", "", 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to parse local config file (empty or malformed json)"},
-        ConfigCase{"Malformed", "{\"analytics\": {", 0, " p0 lt0  vt0",
-                   "Velmora Error:Config - Unable to parse local config file (empty or malformed json)"},
-        ConfigCase{"OnlyVersion", "\xEF\xBB\xBF{\"version\":\"2.0\"}", 0, "2.0 p0 lt0  vt0", "Velmora Debug:Config - Vantor not configured"},
-        ConfigCase{"WrongTypes", R"({"version":3,"analytics":{"lifecycleTimeout":"30","charset":5,"privacyDefault":2},
-                                    "vantor":{"timeout":"9"}})", 0, "1.0 p1 lt300 UTF-8 vt2", nullptr},
-        ConfigCase{"Truncation", R"({"analytics":{"lifecycleTimeout":12.9},"vantor":{"timeout":-3.7}})", 0, "1.0 p1 lt12 UTF-8 vt-3", nullptr},
-        ConfigCase{"Clamped", R"({"analytics":{"lifecycleTimeout":1e40}})", 0, "1.0 p1 lt2147483647 UTF-8 vt0", nullptr},
-        ConfigCase{"OptedOut", R"({"analytics":{"privacyDefault":"optedout"}})", 0, "1.0 p2 lt300 UTF-8 vt0", nullptr},
-        ConfigCase{"OtherCaseIsOptIn", R"({"analytics":{"privacyDefault":"OptedOut"}})", 0, kDefaults, nullptr},
-        ConfigCase{"UnknownWithoutOffline", R"({"analytics":{"privacyDefault":"optunknown"}})", 0, kDefaults,
-                   "Velmora Warning:Analytics - Default privacy status cannot be Unknown when offline tracking is "
-                   "disabled, overriding to OptIn"},
-        ConfigCase{"UnknownWithOffline", R"({"analytics":{"privacyDefault":"optunknown","offlineEnabled":true}})", 0,
-                   "1.0 p3 lt300 UTF-8 vt0", nullptr},
-        ConfigCase{"StoredStatusWins", R"({"analytics":{"privacyDefault":"optedin"}})", 2, "1.0 p2 lt300 UTF-8 vt0", nullptr},
-        ConfigCase{"StoredOutOfRangeKept", R"({"analytics":{}})", 7, "1.0 p7 lt300 UTF-8 vt0", nullptr},
-        ConfigCase{"OnlyWellFormedPoints", R"({"analytics":{"poi":[["a",40.7,-111.9,150],["b",1,2],[3,1,2,3],
-                                              ["c",1,2,3,4],["d",1.5,2.5,0],"x"]}})", 0,
-                   "1.0 p1 lt300 UTF-8 vt0 a@40.7,-111.9/150 d@1.5,2.5/0", nullptr}),
-    [](const auto& p) { return std::string(p.param.name); });
 
 TEST(SystemClock, ATimerTicksAgainAndAgainAndAWakerEndsASleepEarly) {
     SystemClock clock;
-    std::mutex mutex;
-    std::condition_variable ticked;
-    int ticks = 0;
-    auto timer = clock.Every(std::chrono::milliseconds(5), [&] {
-        std::lock_guard lock(mutex);
-        ++ticks;
-        ticked.notify_all();
-    });
-    {
-        std::unique_lock lock(mutex);
-        EXPECT_TRUE(ticked.wait_for(lock, std::chrono::seconds(10), [&] { return ticks >= 3; }));
-    }
+    std::atomic<int> ticks{0};
+    auto timer = clock.Every(std::chrono::milliseconds(5), [&] { ++ticks; });
+    EXPECT_TRUE(test::WaitUntil([&] { return ticks >= 3; }));
     timer->Cancel();
     Waker waker;
     auto wake = clock.Every(std::chrono::milliseconds(20), [&waker] { waker.Wake(); });
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(clock.SleepFor(std::chrono::seconds(30), waker));
+    // Woken without a notification, the sleep would still end false, but only after its full length.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20)) << "the wake went unnoticed";
     wake->Cancel();
 }
@@ -131,23 +119,9 @@ TEST(SettingsStore, UnopenableDirectoryFallsBackToMemoryWithOneLineNamingIt) {
     LogCapture capture;
     Logger log(capture.Sink());
     SettingsStore store(dir / "missing" / "deeper", log);
-    EXPECT_THAT(capture.Lines(), ::testing::ElementsAre(HasSubstr((dir / "missing" / "deeper").string())));
+    EXPECT_THAT(capture.Lines(), ::testing::ElementsAre(::testing::HasSubstr((dir / "missing" / "deeper").string())));
     store.Insert("k", true);
     EXPECT_EQ(LookupBool(store, "k"), true);
-}
-
-TEST(FileStore, WritesReplaceTheDocumentWholeOrNotAtAll) {
-    TempDir dir;
-    FileStore files(dir.path());
-    EXPECT_EQ(files.Read("f.json"), "") << "a missing file is created empty";
-    files.WriteAtomic("f.json", std::string(100000, 'a'));
-    files.WriteAtomic("f.json", "old");
-    {
-        test::FileSizeLimit full(4096);
-        EXPECT_THROW(files.WriteAtomic("f.json", std::string(100000, 'n')), std::runtime_error);
-    }
-    EXPECT_EQ(files.Read("f.json"), "old");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1) << "no temporary file stays";
 }
 
 TEST(Logger, GatesDebugAndWarningButNeverErrorsAndHandsOverWholeLines) {
@@ -180,19 +154,156 @@ TEST(FileStore, ReadingAFileRemovesTheTemporariesOfProcessesThatAreGone) {
     ::waitpid(gone, nullptr, 0);
     TempDir dir;
     FileStore files(dir.path());
+    EXPECT_EQ(files.Read("f.json"), "") << "a missing file is created empty";
+    files.WriteAtomic("f.json", std::string(100000, 'a'));
     files.WriteAtomic("f.json", "kept");
-    const struct {
-        std::string name;
-        bool removed;
-    } cases[] = {
+    const std::pair<std::string, bool> cases[] = {  // a temporary, whether reading removes it
         {"f.json.tmp" + std::to_string(gone) + "-3", true},        // killed while saving
         {"f.json.tmp" + std::to_string(::getpid()) + "-9", false},  // this process: may be saving now
         {"f.json.tmp1-0", false},                                   // a process that still runs
         {"g.json.tmp" + std::to_string(gone) + "-3", false},        // another file's: its owner clears it
     };
-    for (const auto& c : cases) dir.Write(c.name, "partial");
+    for (const auto& [name, removed] : cases) dir.Write(name, "partial");
     EXPECT_EQ(files.Read("f.json"), "kept");
-    for (const auto& c : cases) EXPECT_EQ(std::filesystem::exists(dir / c.name), !c.removed) << c.name;
+    for (const auto& [name, removed] : cases) EXPECT_EQ(std::filesystem::exists(dir / name), !removed) << name;
+}
+
+TEST(SerialQueue, RunsOneClosureAtATimeInEachPostersOrder) {
+    Logger log;
+    Executor executor;
+    std::vector<std::pair<int, int>> seen;  // touched only by the queue's closures
+    std::atomic<int> running{0};
+    std::atomic<bool> overlapped{false};
+    {
+        SerialQueue queue("Test", log, executor);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < 500; ++i) {
+                    queue.Post([&, t, i] {
+                        if (running.fetch_add(1) != 0) overlapped = true;
+                        seen.emplace_back(t, i);
+                        running.fetch_sub(1);
+                    });
+                }
+            });
+        }
+        for (auto& thread : threads) thread.join();
+    }  // shutdown runs everything that was posted
+    EXPECT_FALSE(overlapped);
+    ASSERT_EQ(seen.size(), 2000u);
+    std::vector<int> next(4, 0);
+    for (auto [t, i] : seen) EXPECT_EQ(i, next[t]++) << "thread " << t;
+}
+
+TEST(SerialQueue, LogsThrowingClosuresAndDropsLatePosts) {
+    test::LogCapture capture;
+    Logger log(capture.Sink());
+    Executor executor;
+    SerialQueue queue("Media", log, executor);
+    queue.Post([] { throw std::invalid_argument("invalid stoi argument"); });
+    EXPECT_EQ(queue.Submit([]() -> int { throw std::out_of_range("out of range"); }).get(), 0);
+    EXPECT_EQ(queue.Submit([] { return 42; }).get(), 42);
+    EXPECT_FALSE(queue.Submit([&] { return queue.Drain(std::chrono::seconds(1)); }).get()) << "it cannot wait for itself";
+    queue.Shutdown();
+    EXPECT_EQ(queue.Submit([] { return 5; }).get(), 0);
+    EXPECT_EQ(capture.Lines(), (std::vector<std::string>{
+                                   "Velmora Error:Media - Unexpected error in background work (invalid stoi argument)",
+                                   "Velmora Error:Media - Unexpected error in background work (out of range)",
+                                   "Velmora Error:Media - Work posted after shutdown was dropped"}));
+}
+
+// Queues that wait on a slow server or on each other must not hold up the rest: a queue with work
+// gets a worker even while every kept worker is busy.
+TEST(Executor, StartsAnotherWorkerWhileTheKeptOnesAreBusy) {
+    Logger log;
+    Executor executor;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::vector<std::unique_ptr<SerialQueue>> blocked;
+    for (std::size_t i = 0; i < Executor::kKeptWorkers; ++i) {
+        blocked.push_back(std::make_unique<SerialQueue>("Blocked", log, executor));
+        blocked.back()->Post([released] { released.wait(); });
+    }
+    SerialQueue free("Free", log, executor);
+    auto ran = free.Submit([] { return true; });
+    const bool ranWhileBlocked = ran.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    release.set_value();
+    EXPECT_TRUE(ranWhileBlocked);
+    EXPECT_GT(executor.Workers(), Executor::kKeptWorkers);
+}
+
+// Each maximal ill-formed part becomes one U+FFFD; what is valid stays as it is.
+TEST(Utf8, ReplacesEachIllFormedPartAndKeepsValidText) {
+    const std::string r = "\xEF\xBF\xBD", valid = "\xC3\xA9 \xE2\x82\xAC \xEF\xBF\xBF \xF0\x9F\x8E\x89 \xF4\x8F\xBF\xBF";
+    const std::pair<std::string, std::string> cases[] = {
+        {"", ""}, {std::string("ascii ~\x7F\0", 9), std::string("ascii ~\x7F\0", 9)}, {valid, valid},
+        {"\xC0\xAF|\xC1\xBF", r + r + "|" + r + r},               // overlong two-byte forms
+        {"\xE0\x80\xAF|\xF0\x8F\xBF\xBF", r + r + r + "|" + r + r + r + r},  // overlong three- and four-byte
+        {"\xED\xA0\x80|\xED\xBF\xBF|\xED\x9F\xBF", r + r + r + "|" + r + r + r + "|\xED\x9F\xBF"},  // surrogates
+        {"a\xE2\x82", "a" + r}, {"a\xF0\x9F\x8E", "a" + r}, {"\xC3", r},  // cut short at the end
+        {"\xF0\x9F\x8Ex\xE2\x82\xC3\xA9", r + "x" + r + "\xC3\xA9"},  // cut short before another character
+        {"\x80x\xBF\xBF", r + "x" + r + r},                      // lone continuation bytes
+        {"\xF4\x90\x80\x80|\xF5\x80|\xFF\xFE", r + r + r + r + "|" + r + r + "|" + r + r},  // above U+10FFFF
+    };
+    for (const auto& [text, expected] : cases) {
+        EXPECT_EQ(ToValidUtf8(text), expected) << text;
+        EXPECT_EQ(IsValidUtf8(text), text == expected) << text;
+    }
+    // Context data enters through the value translation: keys and string values alike.
+    EXPECT_EQ(TranslateContextData({{"k\xFF", std::string("v\xC0")}, {"n", 2}}, Logger()),
+              (StringMap{{"k" + r, "v" + r}, {"n", "2"}}));
+}
+
+// The kernel's view of the network, in a network namespace of a forked child, so that routes can be
+// made and removed without touching the machine's own; no packet is sent.
+struct Step { const char* command; bool routeOffHost; };
+const Step kSteps[] = {
+    {"true", false},  // lo down; only the kernel's rejecting ::/0 on lo
+    {"ip link set lo up && ip route add default dev lo", false},
+    {"ip link add v0 type veth peer name v1 && ip link set v0 up && ip link set v1 up", false},
+    {"ip route replace default dev v0", true},
+    {"ip link set v1 down", false},  // no carrier
+    {"ip link set v1 up", true},
+    {"ip route replace unreachable default", false},
+    {"ip route replace blackhole default", false},
+    {"ip route del default && ip -6 route add default dev v0", true},
+    {"ip link set v0 down", false},
+};
+
+// Whether each monitor sees a route off the host after each step, one line per step and monitor;
+// first the table reads of two questions without a change in between.
+std::string Observed() {
+    RouteMonitor watching, polling(false);
+    watching.RouteOffHost(), watching.RouteOffHost(), polling.RouteOffHost(), polling.RouteOffHost();
+    std::string out = "reads " + std::to_string(watching.TableReads()) + " " + std::to_string(polling.TableReads()) + "\n";
+    for (const Step& step : kSteps) {
+        if (std::system(step.command) != 0) out += "failed: ";
+        for (RouteMonitor* monitor : {&watching, &polling}) {
+            // A carrier change reaches the interface flags a moment after the command returns.
+            test::WaitUntil([&] { return monitor->RouteOffHost() == step.routeOffHost; }, std::chrono::seconds(5));
+            out += std::string(step.command) + (monitor->RouteOffHost() ? ": route\n" : ": none\n");
+        }
+    }
+    return out;
+}
+
+TEST(RouteMonitor, AnswersWhetherADefaultRouteLeavesTheHostAndReadsTheTablesOnlyAfterAChange) {
+    if (std::system("unshare --net ip link add v0 type veth peer name v1 >/dev/null 2>&1") != 0) {
+        GTEST_SKIP() << "no network namespace can be made here with a veth pair (needs CAP_SYS_ADMIN, iproute2 and veth)";
+    }
+    std::string expected = "reads 1 2\n";
+    for (const Step& step : kSteps) {
+        for (int monitor = 0; monitor < 2; ++monitor) expected += std::string(step.command) + (step.routeOffHost ? ": route\n" : ": none\n");
+    }
+    // The child runs in a namespace of its own and prints what it saw, which a failure shows.
+    EXPECT_EXIT(
+        {
+            const std::string got = ::unshare(CLONE_NEWNET) == 0 ? Observed() : "unshare failed";
+            std::fputs(got.c_str(), stderr);
+            std::_Exit(got == expected ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 // A program built against the installed package, as an application would be.
-//   consumer privacy              prints the privacy status resolved for VELMORA_PACKAGE_DIR's config
-//   consumer aid                  prints the tracking identifier
-//   consumer track PREFIX COUNT   tracks COUNT actions PREFIX1.., flushes and prints what is still queued
-// The collection server's host is routed with $VELMORA_CONNECT_TO.
+//   consumer privacy   prints the privacy status resolved for VELMORA_PACKAGE_DIR's config
+//   consumer aid       prints the tracking identifier
 #include <velmora/Velmora.h>
 
 #if defined(VELMORA_EXPECT_CXX20)
@@ -30,13 +28,6 @@ int main(int argc, char** argv) {
         std::cout << "aid " << Velmora::Analytics::GetTrackingIdentifierAsync().get() << std::endl;
         return 0;
     }
-    if (mode == "track" && argc == 4) {
-        const int count = std::stoi(argv[3]);
-        for (int i = 1; i <= count; ++i) Velmora::Analytics::TrackAction(argv[2] + std::to_string(i), {{"n", i}});
-        const bool delivered = Velmora::Host::Flush(std::chrono::seconds(3));
-        std::cout << "queued " << Velmora::Analytics::GetQueueSize() << (delivered ? " delivered" : "") << std::endl;
-        return 0;
-    }
-    std::cerr << "usage: consumer [privacy | aid | track PREFIX COUNT]\n";
+    std::cerr << "usage: consumer [privacy | aid]\n";
     return 2;
 }

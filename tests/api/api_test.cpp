@@ -12,8 +12,8 @@ namespace {
 using Velmora::Config;
 using Velmora::VelmoraPrivacyStatus;
 
-// Each test runs in its own process, so the process-wide runtime starts fresh in each. The test
-// runtime only lends its directories and log, and makes a later run's runtime with Restart().
+// Each test runs in its own process, so the process-wide runtime starts fresh in each; the test
+// runtime lends its directories and log, and Restart() makes a later run's runtime.
 struct ConfigApi : ::testing::Test {
     void Start(const std::string& config) {
         t.runtime.reset();
@@ -48,23 +48,36 @@ TEST_F(ConfigApi, PrivacyStatusKeepsAnInvalidValueInMemoryOnlyAndStoresTheRest) 
     EXPECT_TRUE(t.log.Contains("Velmora Warning:Analytics - Invalid privacy status was ignored (7)"));
 }
 
-TEST_F(ConfigApi, UserIdentifierIsSetInTheBackgroundAndStored) {
+// The identifier and the lifecycle calls return at once; what their background work stores is
+// what the next run finds.
+TEST_F(ConfigApi, IdentifierAndLifecycleCallsStoreTheirStateInTheBackground) {
     Start("{}");
     EXPECT_EQ(Config::GetUserIdentifier(), "");
     Config::SetUserIdentifier("user-42");
+    Config::CollectLifecycleData();
     ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
     EXPECT_EQ(Config::GetUserIdentifier(), "user-42");
     EXPECT_EQ(LookupText(t.Restart()->Settings(), kVisitorIdKey), "user-42");
-}
-
-TEST_F(ConfigApi, LifecycleCallsStartAndPauseTheSessionInTheBackground) {
-    Start("{}");
-    Config::CollectLifecycleData();
-    ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
     EXPECT_FALSE(LookupText(t.Restart()->Settings(), kPauseDateKey));
     Config::PauseCollectingLifecycleData();
     ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
     EXPECT_TRUE(LookupText(t.Restart()->Settings(), kPauseDateKey));
+}
+
+// An order confirmation carries its three order values under the service's keys, over any the
+// caller put in its parameters; nothing is loaded, so no library thread starts.
+TEST(VantorApi, AnOrderConfirmationCarriesItsOrderValuesUnderTheServiceKeys) {
+    using Velmora::ObjectMap;
+    using Velmora::Vantor;
+    const ObjectMap parameters{{"orderId", std::string("caller")}, {"color", std::string("red")}, {"qty", 2}};
+    const auto order = Vantor::CreateOrderConfirmRequest("thanks", "o-17", "9.90", "p-3", parameters);
+    const auto plain = Vantor::CreateRequest("home", "fallback", parameters);
+    ASSERT_TRUE(order && plain);
+    EXPECT_EQ(std::tie(order->Name, order->DefaultContent, plain->Name, plain->DefaultContent, plain->Parameters),
+              std::make_tuple("thanks", "", "home", "fallback", parameters));
+    EXPECT_EQ(order->Parameters, (ObjectMap{{"orderId", std::string("o-17")}, {"orderTotal", std::string("9.90")},
+                                            {"productPurchasedId", std::string("p-3")}, {"color", std::string("red")},
+                                            {"qty", 2}}));
 }
 
 }  // namespace
