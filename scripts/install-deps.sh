@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
   libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libsqlite3-dev libpugixml-dev libcpp-httplib-dev
-  libgtest-dev libgmock-dev libbenchmark-dev chromium iproute2 locales
+  libgtest-dev libgmock-dev libbenchmark-dev iproute2 locales
   doxygen dpkg-dev file
 )
 packages+=("$@")
