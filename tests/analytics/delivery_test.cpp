@@ -1,8 +1,7 @@
+// The hit store (the queue file) and the sender that drains it.
 #include "analytics/hit_sender.h"
-#include "support/loopback_server.h"
-#include "support/test_support.h"
-
-#include <gtest/gtest.h>
+#include "analytics/hit_store.h"
+#include "analytics_test.h"
 
 #include <deque>
 #include <mutex>
@@ -14,47 +13,60 @@ constexpr int kTransportFailure = -1, kRefusedUrl = -2;
 constexpr std::int32_t kNow = 1'400'000'000;  // the manual clock's start
 const std::string kBase = "http://collect.test/b/ss/rs/0/WINU-4.0.0/";
 
+// The local folder, counting the saves of the queue file.
+struct CountingFiles : FileStore {
+    using FileStore::FileStore;
+    void WriteAtomic(const std::string& name, std::string_view text) override {
+        ++saves;
+        FileStore::WriteAtomic(name, text);
+    }
+    std::atomic<int> saves{0};
+};
+
 // Answers with the statuses or failures given in turn, then 200; records every URL.
-class FakeTransport : public Transport {
-public:
+struct FakeTransport : Transport {
     std::int32_t Get(const std::string& url, const Headers&, std::int32_t) override {
-        std::lock_guard lock(mutex_);
-        urls_.push_back(url);
+        std::lock_guard lock(mutex);
+        urls.push_back(url);
         const int answer = answers.empty() ? 200 : answers.front();
         if (!answers.empty()) answers.pop_front();
         if (answer == kTransportFailure) throw TransportError(0x80072EFF, "connection reset");
         if (answer == kRefusedUrl) throw TransportError(0x80072EE5, "malformed URL", true);
         return answer;
     }
-    std::vector<std::string> Urls() const {
-        std::lock_guard lock(mutex_);
-        return urls_;
+    std::vector<std::string> Urls() {
+        std::lock_guard lock(mutex);
+        return urls;
     }
     std::deque<int> answers;  // set while the sender is idle
-private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> urls_;
+    std::mutex mutex;
+    std::vector<std::string> urls;
 };
 
-class HitSenderTest : public ::testing::Test {
+class Delivery : public ::testing::Test {
 protected:
-    HitSenderTest() : log(capture.Sink()) {
-        log.SetDebugEnabled(true);
+    Delivery() : log(capture.Sink()) {
         config.rsids = "rs";
         config.server = "collect.test";
         config.privacyStatus = kPrivacyOptIn;
         host.languageTag = "en-US";
         host.internetAvailable = [this] { return online.load(); };
     }
-    std::unique_ptr<HitSender> MakeSender(Transport& transport) {
-        return std::make_unique<HitSender>(log, clock, config, host, store, transport, [] { return "Agent/1"; },
+    std::unique_ptr<HitSender> MakeSender(Transport& through) {
+        return std::make_unique<HitSender>(log, clock, config, host, store, through, [] { return "Agent/1"; },
                                            [this] { ++restarts; });
+    }
+    std::string File() const { return dir.Read(HitStore::kFileName); }
+    std::vector<std::string> Take(HitStore& from) {  // the hits, oldest first, as the sender gets them
+        std::vector<std::string> hits;
+        for (; auto hit = from.TakeFront(); from.RemoveFront()) hits.push_back(hit->hit);
+        return hits;
     }
     // Queues the hits and lets one run send what it can.
     void SendAll(const std::vector<std::pair<std::string, std::int32_t>>& hits) {
         for (const auto& [hit, timestamp] : hits) store.Append(hit, timestamp);
         sender->Start();
-        ASSERT_TRUE(sender->WaitUntilResting(std::chrono::steady_clock::now() + std::chrono::seconds(10)));
+        ASSERT_TRUE(sender->WaitUntilResting(std::chrono::steady_clock::now() + kWait));
     }
 
     TempDir dir;
@@ -65,13 +77,58 @@ protected:
     HostOptions host;
     std::atomic<bool> online{true};
     std::atomic<int> restarts{0};
-    FileStore files{dir.path()};
+    CountingFiles files{dir.path()};
     HitStore store{log, files};
     FakeTransport transport;
     std::unique_ptr<HitSender> sender = MakeSender(transport);
 };
 
+using HitStoreTest = Delivery;
+using HitSenderTest = Delivery;
+
+TEST_F(HitStoreTest, FiveHundredAppendsAnnouncedAheadAreWrittenInAtMostFiveSaves) {
+    for (int i = 0; i < 500; ++i) store.Announce();
+    for (int i = 0; i < 500; ++i) store.Append("s" + std::to_string(i), i);
+    EXPECT_LE(files.saves.load(), 5);
+    HitStore next(log, files);
+    next.Load();
+    EXPECT_EQ(next.Size(), 500u);
+}
+
+TEST_F(HitStoreTest, ADamagedFileKeepsTheWholeEntriesBeforeTheDamageAndSaysSoOnce) {
+    dir.Write(HitStore::kFileName, R"({"Hits":[{"T":1,"H":"s1"},{"T":2,"H":"s2"},{"T":"x","H":"s3"},{"T":4}]})");
+    store.Load();
+    EXPECT_EQ(capture.Lines(), std::vector<std::string>{"Velmora Error:Analytics - Unable to load queued hits "
+                                                        "(a queued hit's \"T\" is not a number)"});
+    EXPECT_EQ(Take(store), (std::vector<std::string>{"s1", "s2"}));
+}
+
+TEST_F(HitStoreTest, AHitIsInTheFileBeforeTheSenderGetsItAndUntilItsAnswerIsKnown) {
+    for (int i = 0; i < 3; ++i) store.Announce();
+    store.Append("s0", 0);  // saved: the first change after a quiet spell
+    store.Append("s1?a=\"q\"", 1);  // a third change is on its way: a save may wait for it
+    store.TakeFront();
+    store.RemoveFront();
+    auto taken = store.TakeFront();
+    ASSERT_TRUE(taken);
+    EXPECT_EQ(File(), R"({"Hits":[{"T":1,"H":"s1?a=\"q\""}]})");
+    store.Append("s2", -2);
+    EXPECT_EQ(File(), R"({"Hits":[{"T":1,"H":"s1?a=\"q\""},{"T":-2,"H":"s2"}]})");
+    store.Return(std::move(*taken));  // to be tried again: first in line
+    EXPECT_EQ(Take(store), (std::vector<std::string>{"s1?a=\"q\"", "s2"}));
+}
+
+TEST_F(HitStoreTest, AHitTakenWhenTheQueueIsClearedDoesNotComeBack) {
+    store.Append("s1", 1);
+    auto taken = store.TakeFront();
+    ASSERT_TRUE(taken);
+    store.Clear();
+    store.Return(std::move(*taken));
+    EXPECT_EQ(File(), R"({"Hits":[]})");
+}
+
 TEST_F(HitSenderTest, EachAnswerIsDeliveredRetriedOrDroppedByTheRules) {
+    log.SetDebugEnabled(true);
     using Outcome = HitSender::Outcome;
     const std::string line = "Velmora Debug:Analytics - ", sending = line + "Sending hit (" + kBase + "s1?ts=1)";
     const std::string recover = line + "Unable to send hit, attempting to recover";
@@ -106,6 +163,7 @@ TEST_F(HitSenderTest, EachAnswerIsDeliveredRetriedOrDroppedByTheRules) {
 }
 
 TEST_F(HitSenderTest, WithOfflineTrackingATimestampBehindTheLastSentOneIsMovedJustAfterIt) {
+    log.SetDebugEnabled(true);
     config.offlineEnabled = true;
     SendAll({{"s1?a=1&ts=100", 100}, {"s2?a=1&ts=100", 100}, {"s3?a=1&ts=99&b=&ts=99", 99}});
     EXPECT_EQ(transport.Urls(), (std::vector<std::string>{kBase + "s1?a=1&ts=100", kBase + "s2?a=1&ts=100",
@@ -116,7 +174,7 @@ TEST_F(HitSenderTest, WithOfflineTrackingATimestampBehindTheLastSentOneIsMovedJu
 TEST_F(HitSenderTest, WithoutOfflineTrackingAHitMoreThanFiveSecondsOldIsDroppedUnsent) {
     SendAll({{"old", kNow - 6}, {"recent", kNow - 5}});
     EXPECT_EQ(transport.Urls(), std::vector<std::string>{kBase + "recent"});
-    EXPECT_EQ(dir.Read(HitStore::kFileName), R"({"Hits":[]})");
+    EXPECT_EQ(File(), R"({"Hits":[]})");
 }
 
 TEST_F(HitSenderTest, ARetriedHitWaitsInTheFileThroughTheCooldownAndIsSentAgainAfterIt) {
@@ -125,7 +183,7 @@ TEST_F(HitSenderTest, ARetriedHitWaitsInTheFileThroughTheCooldownAndIsSentAgainA
     store.Append("s1", kNow);
     sender->Start();
     ASSERT_TRUE(clock.AwaitSleepers(1));
-    EXPECT_EQ(dir.Read(HitStore::kFileName), R"({"Hits":[{"T":1400000000,"H":"s1"}]})");
+    EXPECT_EQ(File(), R"({"Hits":[{"T":1400000000,"H":"s1"}]})");
     clock.Advance(std::chrono::seconds(29));
     EXPECT_EQ(transport.Urls().size(), 1u);  // 29 seconds in, still cooling down
     ASSERT_TRUE(WaitUntil([&] {
@@ -140,7 +198,7 @@ TEST_F(HitSenderTest, ShutdownCutsACooldownShortAndKeepsTheHit) {
     sender->Start();
     ASSERT_TRUE(clock.AwaitSleepers(1));
     sender->BeginShutdown();
-    EXPECT_TRUE(sender->WaitUntilIdle(std::chrono::steady_clock::now() + std::chrono::seconds(10)));
+    EXPECT_TRUE(sender->WaitUntilIdle(std::chrono::steady_clock::now() + kWait));
     EXPECT_EQ(store.Size(), 1u);
 }
 
@@ -160,9 +218,9 @@ TEST_F(HitSenderTest, OverRealHttpAHitArrivesWithItsHeaders) {
     sender = MakeSender(http);
     SendAll({{"s1?AQB=1&ndh=1&pageName=P&AQE=1", kNow}});
     ASSERT_TRUE(server.WaitForRequests(1));
-    EXPECT_EQ(server.Requests()[0].target, "/b/ss/rs/0/WINU-4.0.0/s1?AQB=1&ndh=1&pageName=P&AQE=1");
-    EXPECT_EQ(server.Requests()[0].Header("User-Agent"), "Agent/1");
-    EXPECT_EQ(server.Requests()[0].Header("Accept-Language"), "en-US");
+    const auto request = server.Requests()[0];
+    EXPECT_EQ(request.target, "/b/ss/rs/0/WINU-4.0.0/s1?AQB=1&ndh=1&pageName=P&AQE=1");
+    EXPECT_EQ(request.Header("User-Agent") + "|" + request.Header("Accept-Language"), "Agent/1|en-US");
 }
 
 }  // namespace

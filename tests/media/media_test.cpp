@@ -1,15 +1,81 @@
+// Media items: milestones and segments alone, the module on a runtime, and the public class.
+#include "media/media_item.h"
 #include "media/media_module.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
+#include <velmora/Velmora.h>
+
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <future>
+#include <stdexcept>
 
 namespace velmora {
 namespace {
 
 using namespace std::chrono_literals;
+
+TEST(MediaMilestones, ParseOrRaiseTheStandardConversionError) {
+    // `error`: what() of the std::invalid_argument or std::out_of_range raised instead.
+    struct Case { const char* text; bool offsets; double length; std::vector<std::int32_t> list; const char* error; };
+    const Case cases[] = {
+        {"25,50,25,150,0", false, 100, {0, 25, 50}, nullptr},
+        {" 75, 10x,+5,100,101,-1", false, 100, {0, 5, 10, 75, 100}, nullptr},
+        {"10,20,999", true, 60, {0, 10, 20}, nullptr},
+        {"10,20,999", true, -1, {0, 10, 20, 999}, nullptr},
+        {"60,61,0,-4", true, 60, {0, 60}, nullptr},
+        {"31,30", true, 30.5, {0, 30}, nullptr},
+        {"2147483647", true, -1, {0, 2147483647}, nullptr},
+        {"25,,50", true, -1, {}, "invalid stoi argument"},
+        {"10,2147483648", true, -1, {}, "stoi argument out of range"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        try {
+            EXPECT_EQ(c.offsets ? ParseOffsetMilestones(c.text, c.length) : ParseMilestones(c.text), c.list);
+            EXPECT_EQ(c.error, nullptr);
+        } catch (const std::logic_error& e) {  // the base of both
+            EXPECT_STREQ(e.what(), c.error);
+        }
+    }
+}
+
+// A play at 0 s, then a click five seconds later at `offset`.
+TEST(MediaSegments, FollowThePositionAndTheFlags) {
+    struct Case {
+        double length; const char *milestones, *offsets; bool byMilestones, byOffsets; double offset;
+        std::string segment; std::int32_t segmentNum; bool complete; double played;
+    };
+    const Case cases[] = {
+        {100, "25,50", "", true, false, 30, "M:25-50", 2, false, 30},
+        {100, "25,50", "", true, false, 60, "M:50-100", 3, false, 60},
+        {-1, "", "10,20", false, true, 25, "O:20-E", 3, false, 25},
+        {30.5, "", "10", false, true, 15, "O:10-30", 2, false, 15},
+        {100, "50", "10", true, true, 20, "M:0-50", 1, false, 20},  // the percentage wins
+        {100, "25,50", "", true, false, 150, "M:50-100", 3, true, 150},
+        {100, "", "10", false, true, -5, "O:0-10", 1, false, 5},  // negative: where the clock says
+        {-1, "25", "", true, false, 50, "", 0, false, 50},          // no percentage without a length
+        {100, "25", "10", true, true, std::nan(""), "", 0, false, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.length) + c.milestones + "/" + c.offsets + " at " + std::to_string(c.offset));
+        MediaItem item;
+        item.length = c.length;
+        item.milestones = ParseMilestones(c.milestones);
+        item.offsetMilestones = ParseOffsetMilestones(c.offsets, c.length);
+        item.segmentByMilestones = c.byMilestones;
+        item.segmentByOffsetMilestones = c.byOffsets;
+        NewSnapshot(item, 1000);
+        UpdateState(item, kMediaPlay, 0);
+        NewSnapshot(item, 1005);
+        UpdateState(item, kMediaClick, c.offset);
+        const MediaState& s = *item.current;
+        EXPECT_EQ(std::tie(s.segment, s.segmentNum, s.complete, s.timePlayed),
+                  std::tie(c.segment, c.segmentNum, c.complete, c.played));
+    }
+}
 
 // One call on the media queue, or time passing: Tick advances the clock second by second, Busy
 // moves it on while the queue is held, so the ticks that waited find the time moved on.
@@ -197,6 +263,48 @@ INSTANTIATE_TEST_SUITE_P(
                                              "Analytics"),
                  false}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// The public class on the process-wide runtime (fresh in each test's process) up to a loopback server.
+TEST(MediaApi, OpensACopyTranslatesTrackDataAndSendsTheCostOnlyWithThePlay) {
+    test::LoopbackServer server;
+    test::TempDir package, local;
+    test::LogCapture log;
+    package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"suite","server":")" + server.Address() + R"("}})");
+    Velmora::HostOptions options;
+    options.packageDirectory = package.path();
+    options.localDirectory = local.path();
+    options.logSink = log.Sink();
+    options.internetAvailable = [] { return true; };  // the server is on this machine
+    ASSERT_TRUE(Velmora::Host::Configure(options));
+
+    // Cleaning the parent name twice would also drop the "--**--" its first cleaning leaves.
+    auto settings = Velmora::Media::AdSettingsWith("Spot\n", 15.7, "Ads", "Mo\r\nvie--*--**--*--", "pod", 2.9, "3");
+    Velmora::Media::Open(settings);
+    settings->Name = "Changed";  // the open item keeps what was passed
+    Velmora::Media::Open(nullptr);  // refused on the queue, without a copy to make
+    Velmora::Media::Play("Spot", 0);
+    Velmora::Media::Track("Spot", {{"count", std::int32_t{3}}, {"flag", true}, {"ratio", 0.5},
+                                   {"empty", std::string()}, {"none", nullptr}});
+    ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(30)));
+
+    EXPECT_EQ(settings->ParentName, "Movie--**--") << "the application's object shows the cleaned parent name";
+    const auto hits = server.Hits();
+    ASSERT_EQ(hits.size(), 2u);
+    // Before any tick there is one snapshot, so the tracked hit has the view form too, without the cost.
+    StringMap view{{"acontentType", "videoAd"}, {"ainternalaction", "Media"}, {"amediaadname", "Spot"},
+                   {"amediaadplayerName", "Ads"}, {"amedianame", "Movie--**--"}, {"amediaadlength", "15"},
+                   {"amediaadpod", "pod"}, {"amediaadpodPosition", "2"}, {"amediaadview", "true"}};
+    StringMap tracked = view;
+    tracked.insert({{"count", "3"}, {"flag", "true"}, {"ratio", "0.5"}});
+    view["amediaadCPM"] = "3";
+    for (std::size_t i = 0; i < hits.size(); ++i) {
+        StringMap context = hits[i].context;
+        for (const char* key : {"aAppID", "aDeviceName", "aOSVersion", "aResolution"}) context.erase(key);
+        EXPECT_EQ(context, i == 0 ? view : tracked);
+        EXPECT_EQ(hits[i].variables.at("pe"), "m_s");
+        EXPECT_EQ(hits[i].variables.at("pev3"), "videoAd");
+    }
+}
 
 }  // namespace
 }  // namespace velmora
