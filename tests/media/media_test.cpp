@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <future>
 #include <stdexcept>
 
@@ -80,37 +81,38 @@ TEST(MediaSegments, FollowThePositionAndTheFlags) {
 // One call on the media queue, or time passing: Tick advances the clock second by second, Busy
 // moves it on while the queue is held, so the ticks that waited find the time moved on.
 struct Step {
-    enum Verb { kOpen, kOpenNull, kClose, kPlay, kStop, kComplete, kClick, kTrack, kTick, kBusy } verb;
-    std::string name;
-    double number = 0;  // the offset, the length of an opened item, or seconds to pass
-    Velmora::MediaSettings settings = {};
-    StringMap data = {};
-
-    Step& Milestones(std::string list) { return settings.Milestones = std::move(list), *this; }
-    Step& OffsetMilestones(std::string list) { return settings.OffsetMilestones = std::move(list), *this; }
-    Step& SegmentByMilestones() { return settings.SegmentByMilestones = true, *this; }
-    Step& SegmentByOffsetMilestones() { return settings.SegmentByOffsetMilestones = true, *this; }
-    Step& TrackSeconds(std::int32_t seconds) { return settings.TrackSeconds = seconds, *this; }
-    Step& PlayerId(std::string id) { return settings.PlayerID = std::move(id), *this; }
-    Step& NoPlayerName() { return settings.PlayerName.clear(), *this; }
-    Step& Ad() { return settings.IsMediaAd = true, *this; }
+    std::function<void(MediaModule&)> call;
+    int tick = 0, busy = 0;
 };
-Step Open(std::string name, double length) {
-    Step step{Step::kOpen, name, length};
-    step.settings.Name = std::move(name);
-    step.settings.Length = length;
-    step.settings.PlayerName = "Player";
+// An Open step, its settings set fluently.
+struct Opening {
+    Velmora::MediaSettings settings;
+    Opening& Milestones(std::string list) { return settings.Milestones = std::move(list), *this; }
+    Opening& OffsetMilestones(std::string list) { return settings.OffsetMilestones = std::move(list), *this; }
+    Opening& SegmentByMilestones() { return settings.SegmentByMilestones = true, *this; }
+    Opening& SegmentByOffsetMilestones() { return settings.SegmentByOffsetMilestones = true, *this; }
+    Opening& TrackSeconds(std::int32_t seconds) { return settings.TrackSeconds = seconds, *this; }
+    Opening& PlayerId(std::string id) { return settings.PlayerID = std::move(id), *this; }
+    Opening& NoPlayerName() { return settings.PlayerName.clear(), *this; }
+    Opening& Ad() { return settings.IsMediaAd = true, *this; }
+    operator Step() const {
+        return {[s = settings](MediaModule& m) { m.Open(std::make_shared<Velmora::MediaSettings>(s)); }};
+    }
+};
+Opening Open(std::string name, double length) {
+    Opening step;
+    step.settings.Name = std::move(name), step.settings.Length = length, step.settings.PlayerName = "Player";
     return step;
 }
-Step OpenNull() { return {Step::kOpenNull, ""}; }
-Step Close(std::string name) { return {Step::kClose, std::move(name)}; }
-Step Play(std::string name, double offset = 0) { return {Step::kPlay, std::move(name), offset}; }
-Step Stop(std::string name, double offset = 0) { return {Step::kStop, std::move(name), offset}; }
-Step Complete(std::string name, double offset) { return {Step::kComplete, std::move(name), offset}; }
-Step Click(std::string name, double offset) { return {Step::kClick, std::move(name), offset}; }
-Step Track(std::string name, StringMap data = {}) { return {Step::kTrack, std::move(name), 0, {}, std::move(data)}; }
-Step Tick(int seconds) { return {Step::kTick, "", static_cast<double>(seconds)}; }
-Step Busy(int seconds) { return {Step::kBusy, "", static_cast<double>(seconds)}; }
+Step OpenNull() { return {[](MediaModule& m) { m.Open(nullptr); }}; }
+Step Close(std::string n) { return {[=](MediaModule& m) { m.Close(n); }}; }
+Step Play(std::string n, double at = 0) { return {[=](MediaModule& m) { m.Play(n, at); }}; }
+Step Stop(std::string n, double at = 0) { return {[=](MediaModule& m) { m.Stop(n, at); }}; }
+Step Complete(std::string n, double at) { return {[=](MediaModule& m) { m.Complete(n, at); }}; }
+Step Click(std::string n, double at) { return {[=](MediaModule& m) { m.Click(n, at); }}; }
+Step Track(std::string n, StringMap data = {}) { return {[=](MediaModule& m) { m.Track(n, data); }}; }
+Step Tick(int seconds) { return {nullptr, seconds}; }
+Step Busy(int seconds) { return {nullptr, 0, seconds}; }
 
 struct Scenario {
     const char* name;
@@ -162,29 +164,17 @@ TEST_P(MediaScenario, SendsTheseHitsAndLogsTheseLines) {
         }
     };
     for (const Step& step : GetParam().steps) {
-        if (step.verb == Step::kBusy) {
+        if (step.busy) {
             std::promise<void> release;
             media.Queue().Post([gate = release.get_future().share()] { gate.wait(); });
-            env.clock->Advance(std::chrono::seconds(static_cast<int>(step.number)));
+            env.clock->Advance(std::chrono::seconds(step.busy));
             release.set_value();
         }
-        for (int i = 0; step.verb == Step::kTick && i < step.number; ++i) {
+        for (int i = 0; i < step.tick; ++i) {
             env.clock->Advance(1s);
             settle();
         }
-        media.Queue().Post([&media, &step] {
-            switch (step.verb) {
-                case Step::kOpen: return media.Open(std::make_shared<Velmora::MediaSettings>(step.settings));
-                case Step::kOpenNull: return media.Open(nullptr);
-                case Step::kClose: return media.Close(step.name);
-                case Step::kPlay: return media.Play(step.name, step.number);
-                case Step::kStop: return media.Stop(step.name, step.number);
-                case Step::kComplete: return media.Complete(step.name, step.number);
-                case Step::kClick: return media.Click(step.name, step.number);
-                case Step::kTrack: return media.Track(step.name, step.data);
-                default: return;
-            }
-        });
+        if (step.call) media.Queue().Post([&media, &step] { step.call(media); });
         settle();
     }
     EXPECT_EQ(transcript, GetParam().transcript);
