@@ -134,16 +134,9 @@ TEST_F(HitSenderTest, EachAnswerIsDeliveredRetriedOrDroppedByTheRules) {
     const std::string recover = line + "Unable to send hit, attempting to recover";
     const std::string invalid = line + "Invalid hit (removed)";
     auto cooldown = [&line](int status) {
-        return line + "Recoverable network error (" + std::to_string(status) +
-               "), imposing internal cooldown (30 seconds)";
+        return line + "Recoverable network error (" + std::to_string(status) + "), imposing internal cooldown (30 seconds)";
     };
-    struct Case {
-        int answer;
-        bool offline;
-        Outcome outcome;
-        std::string lastLine;
-        std::string hit = "s1?ts=1";
-    };
+    struct Case { int answer; bool offline; Outcome outcome; std::string lastLine, hit = "s1?ts=1"; };
     for (const Case& c : std::vector<Case>{
              {200, true, Outcome::kDelivered, sending},
              {307, false, Outcome::kDelivered, sending},

@@ -46,7 +46,6 @@ TEST(Builder, CacheBustersFollowSeededRandAndLeaveTheApplicationsRandAlone) {
         const std::uint64_t a = std::rand(), b = std::rand();
         EXPECT_EQ(hits[n - 1].substr(0, hits[n - 1].find('?')), "s" + std::to_string(((a << 32) + b) % 10'000'000));
     }
-    EXPECT_EQ(hits[0].rfind("s1949254?", 0), 0u);
 }
 
 TEST(QueueFile, AnyValidJsonReadsLikeTheFilesThisLibraryWritesAndDamageKeepsTheEntriesBefore) {

@@ -45,10 +45,8 @@ TEST(MediaMilestones, ParseOrRaiseTheStandardConversionError) {
 
 // A play at 0 s, then a click five seconds later at `offset`.
 TEST(MediaSegments, FollowThePositionAndTheFlags) {
-    struct Case {
-        double length; const char *milestones, *offsets; bool byMilestones, byOffsets; double offset;
-        std::string segment; std::int32_t segmentNum; bool complete; double played;
-    };
+    struct Case { double length; const char *milestones, *offsets; bool byMilestones, byOffsets; double offset;
+                  std::string segment; std::int32_t segmentNum; bool complete; double played; };
     const Case cases[] = {
         {100, "25,50", "", true, false, 30, "M:25-50", 2, false, 30},
         {100, "25,50", "", true, false, 60, "M:50-100", 3, false, 60},
@@ -63,11 +61,8 @@ TEST(MediaSegments, FollowThePositionAndTheFlags) {
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.length) + c.milestones + "/" + c.offsets + " at " + std::to_string(c.offset));
         MediaItem item;
-        item.length = c.length;
-        item.milestones = ParseMilestones(c.milestones);
-        item.offsetMilestones = ParseOffsetMilestones(c.offsets, c.length);
-        item.segmentByMilestones = c.byMilestones;
-        item.segmentByOffsetMilestones = c.byOffsets;
+        item.length = c.length, item.segmentByMilestones = c.byMilestones, item.segmentByOffsetMilestones = c.byOffsets;
+        item.milestones = ParseMilestones(c.milestones), item.offsetMilestones = ParseOffsetMilestones(c.offsets, c.length);
         NewSnapshot(item, 1000);
         UpdateState(item, kMediaPlay, 0);
         NewSnapshot(item, 1005);
