@@ -24,8 +24,7 @@ TEST(Builder, AddsTheStandardVariablesAndMergesTheDeviceContext) {
     for (const auto& [context, adjust, body] : cases) {
         HitFacts facts;
         facts.deviceContext = {{"a.DeviceName", "Acme Phone"}, {"a.OSVersion", "Linux"}};
-        facts.aid = "AID-1";
-        facts.charset = "UTF-8";
+        facts.aid = "AID-1", facts.charset = "UTF-8";
         adjust(facts);
         EXPECT_EQ(HitBuilder(300).Build(context, {}, 1400000000, facts),
                   head + body + (body.empty() ? "" : "&.c") + "&AQE=1");
@@ -55,11 +54,7 @@ TEST(QueueFile, AnyValidJsonReadsLikeTheFilesThisLibraryWritesAndDamageKeepsTheE
     EXPECT_EQ(QueueFileMember("s1?a=\"q\"\\\t%20/", -1), R"({"T":-1,"H":"s1?a=\"q\"\\\t%20/"})");
     using Hits = std::vector<std::pair<std::int32_t, std::string>>;
     const std::string big(70000, 'x');  // longer than one read of the file
-    const struct {
-        std::string text;
-        Hits hits;
-        bool damaged;
-    } cases[] = {
+    const struct { std::string text; Hits hits; bool damaged; } cases[] = {
         {"", {}, false},
         {R"({"Hits":[]})", {}, false},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":-2,"H":"b"},{"T":0,"H":""}]})", {{1, "a"}, {-2, "b"}, {0, ""}}, false},

@@ -256,9 +256,7 @@ TEST(MediaApi, OpensACopyTranslatesTrackDataAndSendsTheCostOnlyWithThePlay) {
     test::LogCapture log;
     package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"suite","server":")" + server.Address() + R"("}})");
     Velmora::HostOptions options;
-    options.packageDirectory = package.path();
-    options.localDirectory = local.path();
-    options.logSink = log.Sink();
+    options.packageDirectory = package.path(), options.localDirectory = local.path(), options.logSink = log.Sink();
     options.internetAvailable = [] { return true; };  // the server is on this machine
     ASSERT_TRUE(Velmora::Host::Configure(options));
 
