@@ -27,8 +27,11 @@ protected:
         package_.Write("AppxManifest.xml", R"(<Package><Identity Version="1.2.3.4"/><Properties>
             <DisplayName>Demo</DisplayName></Properties></Package>)");
         Velmora::HostOptions options;
-        options.packageDirectory = package_.path(), options.localDirectory = local_.path(), options.logSink = log_.Sink();
-        options.deviceManufacturer = "Acme", options.deviceModel = "Phone1";
+        options.packageDirectory = package_.path();
+        options.localDirectory = local_.path();
+        options.logSink = log_.Sink();
+        options.deviceManufacturer = "Acme";
+        options.deviceModel = "Phone1";
         options.internetAvailable = [] { return true; };  // the server is on this machine
         ASSERT_TRUE(Velmora::Host::Configure(options));
         Runtime::Process().Settings().Insert(kAidKey, std::string(kAid));

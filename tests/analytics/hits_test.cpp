@@ -24,7 +24,8 @@ TEST(Builder, AddsTheStandardVariablesAndMergesTheDeviceContext) {
     for (const auto& [context, adjust, body] : cases) {
         HitFacts facts;
         facts.deviceContext = {{"a.DeviceName", "Acme Phone"}, {"a.OSVersion", "Linux"}};
-        facts.aid = "AID-1", facts.charset = "UTF-8";
+        facts.aid = "AID-1";
+        facts.charset = "UTF-8";
         adjust(facts);
         EXPECT_EQ(HitBuilder(300).Build(context, {}, 1400000000, facts),
                   head + body + (body.empty() ? "" : "&.c") + "&AQE=1");

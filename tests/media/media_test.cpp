@@ -61,8 +61,11 @@ TEST(MediaSegments, FollowThePositionAndTheFlags) {
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.length) + c.milestones + "/" + c.offsets + " at " + std::to_string(c.offset));
         MediaItem item;
-        item.length = c.length, item.segmentByMilestones = c.byMilestones, item.segmentByOffsetMilestones = c.byOffsets;
-        item.milestones = ParseMilestones(c.milestones), item.offsetMilestones = ParseOffsetMilestones(c.offsets, c.length);
+        item.length = c.length;
+        item.segmentByMilestones = c.byMilestones;
+        item.segmentByOffsetMilestones = c.byOffsets;
+        item.milestones = ParseMilestones(c.milestones);
+        item.offsetMilestones = ParseOffsetMilestones(c.offsets, c.length);
         NewSnapshot(item, 1000);
         UpdateState(item, kMediaPlay, 0);
         NewSnapshot(item, 1005);
@@ -256,7 +259,9 @@ TEST(MediaApi, OpensACopyTranslatesTrackDataAndSendsTheCostOnlyWithThePlay) {
     test::LogCapture log;
     package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"suite","server":")" + server.Address() + R"("}})");
     Velmora::HostOptions options;
-    options.packageDirectory = package.path(), options.localDirectory = local.path(), options.logSink = log.Sink();
+    options.packageDirectory = package.path();
+    options.localDirectory = local.path();
+    options.logSink = log.Sink();
     options.internetAvailable = [] { return true; };  // the server is on this machine
     ASSERT_TRUE(Velmora::Host::Configure(options));
 
