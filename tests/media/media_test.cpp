@@ -99,7 +99,9 @@ struct Opening {
 };
 Opening Open(std::string name, double length) {
     Opening step;
-    step.settings.Name = std::move(name), step.settings.Length = length, step.settings.PlayerName = "Player";
+    step.settings.Name = std::move(name);
+    step.settings.Length = length;
+    step.settings.PlayerName = "Player";
     return step;
 }
 Step OpenNull() { return {[](MediaModule& m) { m.Open(nullptr); }}; }
