@@ -117,11 +117,10 @@ TEST(ConfigCheck, ReadsTheManifestAndRunsAsACommand) {
     std::filesystem::remove(dir / "VelmoraConfig.json");
     EXPECT_EQ(run({dir.path().string()}), 1);
     EXPECT_TRUE(shows("problem: VelmoraConfig.json: cannot be read"));
-    for (const auto& usage : std::vector<std::vector<std::string>>{{"--verbose"}, {"a", "b"}, {"/no/such/dir"}}) {
-        EXPECT_EQ(run(usage), 2) << usage[0];
-    }
-    EXPECT_EQ(run({"--help"}), 0);
-    EXPECT_EQ(out.str().rfind("usage: velmora-check", 0), 0u);
+    using Args = std::vector<std::string>;
+    for (const Args& usage : {Args{"--verbose"}, Args{"a", "b"}, Args{"/no/such/dir"}, Args{"--help"}})
+        EXPECT_EQ(run(usage), usage[0] == "--help" ? 0 : 2) << usage[0];
+    EXPECT_EQ(out.str().rfind("usage: velmora-check", 0), 0u) << "--help prints the usage";
 }
 
 }  // namespace

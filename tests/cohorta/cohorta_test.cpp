@@ -38,9 +38,8 @@ TEST_F(Application, AudienceRequestsAreBuiltInTheirFixedOrderAndFailuresLeaveThe
         Cohorta().SetDpidAndDpuuid(row.dpid, row.dpuuid);
         const std::size_t before = audience.Count();
         EXPECT_EQ(Cohorta().SubmitSignal(row.traits).get(), std::nullopt);
-        const std::string target = "/event?" + row.query + kTail;
         EXPECT_EQ(audience.Count() - before, host == audience.Address() ? 1 + row.dests : 0u) << "the signal and destinations";
-        EXPECT_THAT(env.log.Lines(), Contains("Velmora Debug:Cohorta - request (http://" + host + target + ")"));
+        EXPECT_THAT(env.log.Lines(), Contains("Velmora Debug:Cohorta - request (http://" + host + "/event?" + row.query + kTail + ")"));
         EXPECT_THAT(env.log.Lines(), Contains(StartsWith(row.line)));
         EXPECT_EQ(LookupText(Settings(), kCohortaUserIdKey), row.userId);
         EXPECT_EQ(Cohorta().GetVisitorProfile(Settings()), (StringMap{{"old", "1"}}));

@@ -44,8 +44,6 @@ const ConfigCase kConfigCases[] = {
     {"no file", nullptr, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to find local VelmoraConfig.json file"},
     {"unreadable", kFolder, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to load local config file (Is a directory)"},
     {"empty", "", 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to parse local config file (empty or malformed json)"},
-    {"malformed", "{\"analytics\": {", 0, " p0 lt0  vt0",
-     "Velmora Error:Config - Unable to parse local config file (empty or malformed json)"},
     {"only a version", "\xEF\xBB\xBF{\"version\":\"2.0\"}", 0, "2.0 p0 lt0  vt0", "Velmora Debug:Config - Vantor not configured"},
     {"wrong types", R"({"version":3,"analytics":{"lifecycleTimeout":"30","charset":5,"privacyDefault":2},
                         "vantor":{"timeout":"9"}})", 0, "1.0 p1 lt300 UTF-8 vt2", nullptr},
@@ -142,7 +140,6 @@ TEST(Logger, GatesDebugAndWarningButNeverErrorsAndHandsOverWholeLines) {
     while (wide.size() < 20000) wide += "\xC3\xBC";
     log.Error("x%s", wide.c_str());
     EXPECT_EQ(calls.back().substr(calls.back().size() - 3), "\xC3\xBC\n") << "a truncated line ends on a whole character";
-    EXPECT_EQ(FormatMapForLog({{"b", "2"}, {"a", "1"}}), "\n    a = 1\n    b = 2");
     Logger broken([](std::string_view) { throw std::runtime_error("sink down"); });
     EXPECT_NO_THROW(broken.Error("Config - anything"));
 }
@@ -168,9 +165,13 @@ TEST(FileStore, ReadingAFileRemovesTheTemporariesOfProcessesThatAreGone) {
     for (const auto& [name, removed] : cases) EXPECT_EQ(std::filesystem::exists(dir / name), !removed) << name;
 }
 
-TEST(SerialQueue, RunsOneClosureAtATimeInEachPostersOrder) {
-    Logger log;
+struct Queues : ::testing::Test {
+    LogCapture capture;
+    Logger log{capture.Sink()};
     Executor executor;
+};
+
+TEST_F(Queues, RunOneClosureAtATimeInEachPostersOrder) {
     std::vector<std::pair<int, int>> seen;  // touched only by the queue's closures
     std::atomic<int> running{0};
     std::atomic<bool> overlapped{false};
@@ -179,13 +180,11 @@ TEST(SerialQueue, RunsOneClosureAtATimeInEachPostersOrder) {
         std::vector<std::thread> threads;
         for (int t = 0; t < 4; ++t) {
             threads.emplace_back([&, t] {
-                for (int i = 0; i < 500; ++i) {
-                    queue.Post([&, t, i] {
-                        if (running.fetch_add(1) != 0) overlapped = true;
-                        seen.emplace_back(t, i);
-                        running.fetch_sub(1);
-                    });
-                }
+                for (int i = 0; i < 500; ++i) queue.Post([&, t, i] {
+                    if (running.fetch_add(1) != 0) overlapped = true;
+                    seen.emplace_back(t, i);
+                    running.fetch_sub(1);
+                });
             });
         }
         for (auto& thread : threads) thread.join();
@@ -196,10 +195,7 @@ TEST(SerialQueue, RunsOneClosureAtATimeInEachPostersOrder) {
     for (auto [t, i] : seen) EXPECT_EQ(i, next[t]++) << "thread " << t;
 }
 
-TEST(SerialQueue, LogsThrowingClosuresAndDropsLatePosts) {
-    test::LogCapture capture;
-    Logger log(capture.Sink());
-    Executor executor;
+TEST_F(Queues, LogThrowingClosuresAndDropLatePosts) {
     SerialQueue queue("Media", log, executor);
     queue.Post([] { throw std::invalid_argument("invalid stoi argument"); });
     EXPECT_EQ(queue.Submit([]() -> int { throw std::out_of_range("out of range"); }).get(), 0);
@@ -215,9 +211,7 @@ TEST(SerialQueue, LogsThrowingClosuresAndDropsLatePosts) {
 
 // Queues that wait on a slow server or on each other must not hold up the rest: a queue with work
 // gets a worker even while every kept worker is busy.
-TEST(Executor, StartsAnotherWorkerWhileTheKeptOnesAreBusy) {
-    Logger log;
-    Executor executor;
+TEST_F(Queues, GetAnotherWorkerWhileTheKeptOnesAreBusy) {
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
     std::vector<std::unique_ptr<SerialQueue>> blocked;
@@ -271,18 +265,19 @@ const Step kSteps[] = {
     {"ip link set v0 down", false},
 };
 
-// Whether each monitor sees a route off the host after each step, one line per step and monitor;
-// first the table reads of two questions without a change in between.
-std::string Observed() {
+// What each monitor got wrong after each step, one line each; first the table reads of two
+// questions without a change in between.
+std::string Mistakes() {
     RouteMonitor watching, polling(false);
     watching.RouteOffHost(), watching.RouteOffHost(), polling.RouteOffHost(), polling.RouteOffHost();
-    std::string out = "reads " + std::to_string(watching.TableReads()) + " " + std::to_string(polling.TableReads()) + "\n";
+    std::string out = watching.TableReads() == 1 && polling.TableReads() == 2 ? "" : "tables read again without a change\n";
     for (const Step& step : kSteps) {
-        if (std::system(step.command) != 0) out += "failed: ";
+        if (std::system(step.command) != 0) out += std::string("failed: ") + step.command + "\n";
         for (RouteMonitor* monitor : {&watching, &polling}) {
             // A carrier change reaches the interface flags a moment after the command returns.
-            test::WaitUntil([&] { return monitor->RouteOffHost() == step.routeOffHost; }, std::chrono::seconds(5));
-            out += std::string(step.command) + (monitor->RouteOffHost() ? ": route\n" : ": none\n");
+            if (!test::WaitUntil([&] { return monitor->RouteOffHost() == step.routeOffHost; }, std::chrono::seconds(5))) {
+                out += (monitor == &polling ? "polling, " : "watching, ") + std::string(step.command) + "\n";
+            }
         }
     }
     return out;
@@ -292,16 +287,12 @@ TEST(RouteMonitor, AnswersWhetherADefaultRouteLeavesTheHostAndReadsTheTablesOnly
     if (std::system("unshare --net ip link add v0 type veth peer name v1 >/dev/null 2>&1") != 0) {
         GTEST_SKIP() << "no network namespace can be made here with a veth pair (needs CAP_SYS_ADMIN, iproute2 and veth)";
     }
-    std::string expected = "reads 1 2\n";
-    for (const Step& step : kSteps) {
-        for (int monitor = 0; monitor < 2; ++monitor) expected += std::string(step.command) + (step.routeOffHost ? ": route\n" : ": none\n");
-    }
-    // The child runs in a namespace of its own and prints what it saw, which a failure shows.
+    // The child runs in a namespace of its own and prints what it got wrong, which a failure shows.
     EXPECT_EXIT(
         {
-            const std::string got = ::unshare(CLONE_NEWNET) == 0 ? Observed() : "unshare failed";
+            const std::string got = ::unshare(CLONE_NEWNET) == 0 ? Mistakes() : "unshare failed";
             std::fputs(got.c_str(), stderr);
-            std::_Exit(got == expected ? 0 : 1);
+            std::_Exit(got.empty() ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
 }

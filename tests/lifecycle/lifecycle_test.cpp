@@ -1,10 +1,10 @@
 #include "lifecycle/lifecycle.h"
-
-#include <sstream>
 #include "support/application.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <sstream>
 
 namespace velmora::test {
 namespace {
@@ -103,9 +103,8 @@ struct LaunchHistory : Application, ::testing::WithParamInterface<History> {
             const auto equals = word.find('=');
             map["a." + word.substr(0, equals)] = equals == std::string::npos ? word : word.substr(equals + 1);
         }
-        auto& device = env.runtime->Device();
-        map["a.OSVersion"] = "Debian GNU/Linux 12";
-        map.merge(device.GetContextData());
+        map["a.OSVersion"] = "Debian GNU/Linux 12";  // the host's text, over the device's own
+        map.merge(env.runtime->Device().GetContextData());
         return map;
     }
 };
@@ -132,9 +131,7 @@ TEST_P(LaunchHistory, SendsTheLifecycleValuesAndStoresTheSessionState) {
         EXPECT_EQ(lifecycle->GetLifecycleContextData(), Expected(event.hit));
     }
     std::int32_t total = events.back().at - events.front().at, inApp = total;
-    for (std::size_t i = 0; i + 1 < events.size(); ++i) {
-        if (events[i].step == kBackground) inApp -= events[i + 1].at - events[i].at;
-    }
+    for (std::size_t i = 0; i + 1 < events.size(); ++i) inApp -= events[i].step == kBackground ? events[i + 1].at - events[i].at : 0;
     EXPECT_CALL(tracker, TrackAction("t", StringMap{{"a.action.time.inapp", std::to_string(inApp)},
                                                     {"a.action.time.total", std::to_string(total)}}));
     timed->End("t");
