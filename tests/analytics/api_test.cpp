@@ -100,7 +100,10 @@ struct ProcessLocale {
     explicit ProcessLocale(const char* name) : cpp(std::locale::global(std::locale(name))) {
         std::setlocale(LC_ALL, name);
     }
-    ~ProcessLocale() { std::locale::global(cpp), std::setlocale(LC_ALL, c.c_str()); }
+    ~ProcessLocale() {
+        std::locale::global(cpp);
+        std::setlocale(LC_ALL, c.c_str());
+    }
     std::string c = std::setlocale(LC_ALL, nullptr);
     std::locale cpp;
 };
@@ -129,8 +132,11 @@ Outcome RunUnder(const char* locale) {
     value.Increase(0.754f, data);  // continues from the stored text
     auto& media = runtime.Media();
     auto settings = std::make_shared<Velmora::MediaSettings>();
-    settings->Name = "clip", settings->PlayerName = "player", settings->Length = 130.7;
-    settings->Milestones = "25,50", settings->SegmentByMilestones = true;
+    settings->Name = "clip";
+    settings->PlayerName = "player";
+    settings->Length = 130.7;
+    settings->Milestones = "25,50";
+    settings->SegmentByMilestones = true;
     media.Queue().Post([&] {
         media.Open(settings);
         media.Play("clip", 10.5);
