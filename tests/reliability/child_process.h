@@ -1,20 +1,17 @@
 #pragma once
 
-// What the reliability tests share: a child program and the queue file's hits as page names.
+// What the reliability tests share: a child program, the queue file's hits as page names, and the
+// count of leftover temporary files.
 #include "analytics/hit_queue.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
-#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
-#include <iterator>
 #include <poll.h>
 #include <spawn.h>
-#include <stdexcept>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 extern char** environ;
@@ -50,7 +47,7 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    // The next line of standard output, or false when none came within `limit`.
+    // The next line of standard output, or false when none came within `limit` or the program ended.
     bool ReadLine(std::string& line, std::chrono::milliseconds limit) {
         const auto deadline = std::chrono::steady_clock::now() + limit;
         for (std::size_t end; (end = pending_.find('\n')) == std::string::npos;) {
@@ -60,7 +57,7 @@ public:
             if (ready < 0 && errno == EINTR) continue;
             char buffer[256];
             const ssize_t n = ready > 0 ? ::read(output_, buffer, sizeof buffer) : 0;
-            if (n <= 0) return false;  // too late, or the program closed its output: it ended
+            if (n <= 0) return false;
             pending_.append(buffer, static_cast<std::size_t>(n));
         }
         const auto end = pending_.find('\n');
@@ -69,27 +66,13 @@ public:
         return true;
     }
     // SIGKILL; true when the program was still running and died of it.
-    bool Kill() {
-        if (pid_ <= 0) return false;
-        ::kill(pid_, SIGKILL);
-        int status = 0;
-        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
-        pid_ = -1;
-        return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-    }
+    bool Kill() { return pid_ > 0 && ::kill(pid_, SIGKILL) == 0 && Reap(0) == 128 + SIGKILL; }
     // The exit status once the program ended within `limit`; otherwise it is killed and -1 returned.
     int Wait(std::chrono::milliseconds limit) {
-        for (const auto deadline = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < deadline;) {
-            int status = 0;
-            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        Kill();
-        return -1;
+        int status = -1;
+        WaitUntil([&] { return (status = Reap(WNOHANG)) >= 0; }, limit);
+        if (status < 0) Kill();
+        return status;
     }
     std::string ErrorOutput() const {
         std::ifstream file(errorFile_);
@@ -97,6 +80,16 @@ public:
     }
 
 private:
+    // The exit status (128 + signal when killed) once the program ended, else -1.
+    int Reap(int flags) {
+        int status = 0, rc;
+        while ((rc = ::waitpid(pid_, &status, flags)) < 0 && errno == EINTR) {
+        }
+        if (rc != pid_) return -1;
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
     pid_t pid_ = -1;
     int output_ = -1;
     std::string pending_;
@@ -110,6 +103,15 @@ inline std::vector<std::string> QueuedNames(const TempDir& local) {
     std::vector<std::string> names;
     for (const auto& hit : hits) names.push_back(DecodeHit("/b/ss/rs/0/v/" + hit.hit).variables["pageName"]);
     return names;
+}
+
+// A save's temporary files left in the directory.
+inline std::size_t TemporaryFiles(const TempDir& local) {
+    std::size_t count = 0;
+    for (const auto& file : std::filesystem::directory_iterator(local.path())) {
+        count += file.path().filename().string().find(".tmp") != std::string::npos;
+    }
+    return count;
 }
 
 }  // namespace velmora::test
