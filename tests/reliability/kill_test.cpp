@@ -4,7 +4,6 @@
 // before the kill is still there in the same order, and a new runtime loads it without an error.
 #include "child_process.h"
 #include "runtime/runtime.h"
-#include "timed_actions/timed_actions.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -24,30 +23,11 @@ bool ParseName(const std::string& name, int& round, int& index) {
     return std::sscanf(name.c_str(), "r%3dn%6d%c", &round, &index, &tail) == 2;
 }
 
-// What one kind of state holds now, as entry names in stored order, each entry's content checked.
-// Throws when it cannot be read at all.
+// What one kind of state holds now, as entry names in stored order; throws when it cannot be read.
 using Reader = std::vector<std::string> (*)(const TempDir& local);
 
-std::vector<std::string> ReadTimedActions(const TempDir& local) {
-    TimedActionMap actions;
-    ParseTimedActionsFile(local.Read(TimedActionStore::kFileName), actions,
-                          [](const std::string& name, const std::string& reason) { ADD_FAILURE() << name << ": " << reason; });
-    std::vector<std::string> names;
-    for (const auto& [name, action] : actions) {
-        int round = 0, index = 0;
-        if (ParseName(name, round, index)) {
-            EXPECT_EQ(action.data.at("i"), std::to_string(index)) << name;
-            // An update names the successor; it is either there or not yet applied.
-            if (auto next = action.data.find("next"); next != action.data.end()) {
-                EXPECT_EQ(next->second, std::to_string(index + 1)) << name;
-            }
-        }
-        names.push_back(name);
-    }
-    return names;
-}
-
-// Straight from the database file, as another program would see it: whole, rows in key order.
+// Straight from the database file, as another program would see it: whole, rows in key order, each
+// with its own value.
 std::vector<std::string> ReadSettings(const TempDir& local) {
     std::vector<std::string> names;
     sqlite3* db = nullptr;
@@ -90,13 +70,7 @@ void ExpectReloads(const std::string& mode, const TempDir& package, const TempDi
         options.logSink = log.Sink();
         options.internetAvailable = [] { return false; };
         Runtime runtime(options, std::make_shared<ManualClock>());
-        if (mode == "hits") {
-            EXPECT_EQ(runtime.Hits().SizeAfterPendingWork().get(), names.size());
-        }
-        if (mode == "timed") {
-            EXPECT_TRUE(runtime.TimedActions().Exists(names.back()).get());
-            EXPECT_FALSE(runtime.TimedActions().Exists("r999n999999").get());
-        }
+        EXPECT_EQ(runtime.Hits().SizeAfterPendingWork().get(), names.size());
         runtime.Shutdown(std::chrono::seconds(10), false);
     }
     for (const auto& line : log.Lines()) EXPECT_NE(line.rfind("Velmora Error:", 0), 0u) << line;
@@ -164,7 +138,6 @@ TEST_P(KillTest, EveryKillLeavesWhatWasWrittenWholeAndInOrder) {
 
 INSTANTIATE_TEST_SUITE_P(Reliability, KillTest,
                          ::testing::Values(std::pair<const char*, Reader>{"hits", QueuedNames},
-                                           std::pair<const char*, Reader>{"timed", ReadTimedActions},
                                            std::pair<const char*, Reader>{"settings", ReadSettings}),
                          [](const auto& info) { return std::string(info.param.first); });
 

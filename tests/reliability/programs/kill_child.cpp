@@ -1,8 +1,8 @@
 // The child of the kill tests. It writes one kind of persistent state as fast as an eager
 // application would, numbering what it writes, until its parent kills it:
-//   velmora_kill_child hits|timed|settings <package dir> <local dir> <round>
-// (states tracked while offline, timed actions started and updated, values inserted into the
-// settings). It prints "ready" once its first entry is written, and never ends by itself.
+//   velmora_kill_child hits|settings <package dir> <local dir> <round>
+// (states tracked while offline, or values inserted into the settings). It prints "ready" once its
+// first entry is written, and never ends by itself.
 #include "core/log.h"
 #include "core/settings_store.h"
 
@@ -44,28 +44,18 @@ int main(int argc, char** argv) {
         options.internetAvailable = [] { return false; };
         options.logSink = [](std::string_view line) { velmora::WriteToStandardError(line); };
         Host::Configure(options);
-        if (mode == "hits") {
-            write = [&](int i) {
-                Analytics::TrackState(Name(round, i));
-                if (i == 0) Host::Flush(std::chrono::seconds(30));  // false: the hit stays queued, but saved
-            };
-        } else {
-            write = [&](int i) {
-                Analytics::TrackTimedActionStart(Name(round, i), {{"i", std::int32_t{i}}});
-                // Each action is updated once, after its successor has started.
-                if (i > 0) Analytics::TrackTimedActionUpdate(Name(round, i - 1), {{"next", std::int32_t{i}}});
-                if (i == 0) Analytics::TrackingTimedActionExistsAsync(Name(round, 0)).get();  // after the save
-            };
-        }
+        write = [&](int i) {
+            Analytics::TrackState(Name(round, i));
+            if (i == 0) Host::Flush(std::chrono::seconds(30));  // false: the hit stays queued, but saved
+        };
     }
     write(0);
     std::fputs("ready\n", stdout);
     std::fflush(stdout);
     // Pauses give the library's threads room, so that a kill finds them at every stage of their
     // work, and keep the files of thirty rounds small enough to read back quickly.
-    const int every = mode == "hits" ? 1 : 4;
     for (int i = 1;; ++i) {
         write(i);
-        if (i % every == every - 1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (mode == "hits" || i % 4 == 3) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
