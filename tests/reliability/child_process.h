@@ -1,37 +1,31 @@
 #pragma once
 
-// What the reliability tests share: a child program and the queue file's hits as page names.
+// What the reliability tests share: a child program, the queue file's hits as page names, and the
+// count of leftover temporary files.
 #include "analytics/hit_queue.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
-#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
-#include <iterator>
-#include <poll.h>
 #include <spawn.h>
-#include <stdexcept>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 extern char** environ;
 
 namespace velmora::test {
 
-// A program started for a test, with its standard output on a pipe (read line by line) and its
-// standard error in a file. The destructor kills what is still running.
+// A program started for a test, with its standard output and error in files; its output is read
+// line by line. The destructor kills what is still running.
 class ChildProcess {
 public:
-    ChildProcess(const std::string& program, std::vector<std::string> arguments, std::filesystem::path errorFile)
-        : errorFile_(std::move(errorFile)) {
-        int fds[2];
-        if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    ChildProcess(const std::string& program, std::vector<std::string> arguments, const std::filesystem::path& errorFile)
+        : outputFile_(errorFile.string() + ".out"), errorFile_(errorFile) {
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errorFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         arguments.insert(arguments.begin(), program);
         std::vector<char*> argv;
@@ -39,68 +33,53 @@ public:
         argv.push_back(nullptr);
         const int rc = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
-        ::close(fds[1]);
-        output_ = fds[0];
         if (rc != 0) throw std::runtime_error("cannot start " + program + ": " + std::to_string(rc));
     }
-    ~ChildProcess() {
-        Kill();
-        ::close(output_);
-    }
+    ~ChildProcess() { Kill(); }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     // The next line of standard output, or false when none came within `limit`.
     bool ReadLine(std::string& line, std::chrono::milliseconds limit) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        for (std::size_t end; (end = pending_.find('\n')) == std::string::npos;) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            pollfd fd{output_, POLLIN, 0};
-            const int ready = left.count() > 0 ? ::poll(&fd, 1, static_cast<int>(left.count())) : 0;
-            if (ready < 0 && errno == EINTR) continue;
-            char buffer[256];
-            const ssize_t n = ready > 0 ? ::read(output_, buffer, sizeof buffer) : 0;
-            if (n <= 0) return false;  // too late, or the program closed its output: it ended
-            pending_.append(buffer, static_cast<std::size_t>(n));
+        std::string output;
+        std::size_t end = std::string::npos;
+        if (!WaitUntil([&] { return (end = (output = Read(outputFile_)).find('\n', read_)) != std::string::npos; }, limit)) {
+            return false;
         }
-        const auto end = pending_.find('\n');
-        line = pending_.substr(0, end);
-        pending_.erase(0, end + 1);
+        line = output.substr(read_, end - read_);
+        read_ = end + 1;
         return true;
     }
     // SIGKILL; true when the program was still running and died of it.
-    bool Kill() {
-        if (pid_ <= 0) return false;
-        ::kill(pid_, SIGKILL);
-        int status = 0;
-        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
-        pid_ = -1;
-        return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-    }
+    bool Kill() { return pid_ > 0 && ::kill(pid_, SIGKILL) == 0 && Reap(0) == 128 + SIGKILL; }
     // The exit status once the program ended within `limit`; otherwise it is killed and -1 returned.
     int Wait(std::chrono::milliseconds limit) {
-        for (const auto deadline = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < deadline;) {
-            int status = 0;
-            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        Kill();
-        return -1;
+        int status = -1;
+        WaitUntil([&] { return (status = Reap(WNOHANG)) >= 0; }, limit);
+        if (status < 0) Kill();
+        return status;
     }
-    std::string ErrorOutput() const {
-        std::ifstream file(errorFile_);
+    std::string ErrorOutput() const { return Read(errorFile_); }
+
+private:
+    // The exit status (128 + signal when killed) once the program ended, else -1.
+    int Reap(int flags) {
+        int status = 0, rc;
+        while ((rc = ::waitpid(pid_, &status, flags)) < 0 && errno == EINTR) {
+        }
+        if (rc != pid_) return -1;
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    static std::string Read(const std::filesystem::path& path) {
+        std::ifstream file(path);
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-private:
     pid_t pid_ = -1;
-    int output_ = -1;
-    std::string pending_;
-    std::filesystem::path errorFile_;
+    std::size_t read_ = 0;  // of the output file
+    std::filesystem::path outputFile_, errorFile_;
 };
 
 // The page names of the hits in the queue file, in queue order.
@@ -110,6 +89,15 @@ inline std::vector<std::string> QueuedNames(const TempDir& local) {
     std::vector<std::string> names;
     for (const auto& hit : hits) names.push_back(DecodeHit("/b/ss/rs/0/v/" + hit.hit).variables["pageName"]);
     return names;
+}
+
+// A save's temporary files left in the directory.
+inline std::size_t TemporaryFiles(const TempDir& local) {
+    std::size_t count = 0;
+    for (const auto& file : std::filesystem::directory_iterator(local.path())) {
+        count += file.path().filename().string().find(".tmp") != std::string::npos;
+    }
+    return count;
 }
 
 }  // namespace velmora::test

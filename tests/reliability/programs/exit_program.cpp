@@ -4,57 +4,34 @@
 //   return, exit      track COUNT states "S0", "S1", ..., then return from main or call exit()
 //   shutdown          track COUNT states, print "shutdown 1" when Host::Shutdown left nothing
 //                     queued ("shutdown 0" otherwise), then make two calls that must be ignored
-//   deliver           track COUNT states and return once the sender delivers them
+//   deliver           track COUNT states and return as soon as the first one is being sent
 //   flush             print "flush 1" when Host::Flush left nothing queued
-//   inflight          track COUNT states and return as soon as the first one is being sent
 //   cooldown          track a state and call exit() while the sender waits out a cooldown
-//   loaded            use every part (a session, a timed action, a playing media item with its
-//                     monitor, an offer, a signal) and return without stopping anything
+//   loaded            use every part (a timed action, a playing media item with its monitor, an
+//                     offer, a signal) and return once they answered, without stopping anything
 //   hung              the configuration file cannot be opened yet: every call that posts work
-//                     must return at once; then, once the file can be read, flush
+//                     must return at once ("returned <ms>"); then, once the file can be read, flush
 // Each mode prints "ending" just before it ends, so that the caller can time the end.
 #include <velmora/Velmora.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
-#include <mutex>
 #include <string>
 
 namespace {
 
 using namespace Velmora;
+constexpr auto kLimit = std::chrono::seconds(8);
 
-// Lives until the process ends: the library may log from its threads while exit() runs.
-struct Signal {
-    std::mutex mutex;
-    std::condition_variable reached;
-    bool seen = false;
-    std::string awaited;
-
-    void Note(std::string_view line) {
-        if (awaited.empty() || line.find(awaited) == std::string_view::npos) return;
-        std::lock_guard lock(mutex);
-        seen = true;
-        reached.notify_all();
-    }
-    bool Wait() {
-        std::unique_lock lock(mutex);
-        return reached.wait_for(lock, std::chrono::seconds(8), [this] { return seen; });
-    }
-};
-
-void Ending() {
-    std::puts("ending");
-    std::fflush(stdout);
-}
-
-int ReturnFullyLoaded() {
+// Calls into every part, "S0" the only state; the check waits for the answers.
+std::function<bool()> UseEveryPart() {
     Config::CollectLifecycleData();
     Config::SetUserIdentifier("user-1");
-    Analytics::TrackState("Home", {{"loaded", true}});
+    Analytics::TrackState("S0", {{"loaded", true}});
+    Analytics::TrackAction("Tap");
     Analytics::TrackLocation(40.7127837, -74.0059413, 5);
     Analytics::TrackLifetimeValueIncrease(2.5f);
     Analytics::TrackTimedActionStart("Stay", {{"step", 1}});
@@ -62,51 +39,21 @@ int ReturnFullyLoaded() {
     media->Milestones = "25,50,75";
     Media::Open(media);
     Media::Play("Clip", 0);
-    auto offer = Vantor::LoadRequest(Vantor::CreateRequest("home", "default", {}));
-    auto signal = Cohorta::SubmitSignal({{"trait", 1}});
-    auto exists = Analytics::TrackingTimedActionExistsAsync("Stay");
-    auto identifier = Analytics::GetTrackingIdentifierAsync();
-    const auto limit = std::chrono::seconds(8);
-    for (auto ready : {offer.wait_for(limit), signal.wait_for(limit), exists.wait_for(limit),
-                       identifier.wait_for(limit)}) {
-        if (ready != std::future_status::ready) return 4;
-    }
-    if (!exists.get() || offer.get() != "default") return 5;
-    Ending();
-    return 0;
+    auto offer = Vantor::LoadRequest(Vantor::CreateRequest("home", "default", {})).share();
+    auto signal = Cohorta::SubmitSignal({{"trait", 1}}).share();
+    auto exists = Analytics::TrackingTimedActionExistsAsync("Stay").share();
+    auto identifier = Analytics::GetTrackingIdentifierAsync().share();
+    return [=] {
+        for (auto ready : {offer.wait_for(kLimit), signal.wait_for(kLimit), exists.wait_for(kLimit), identifier.wait_for(kLimit)}) {
+            if (ready != std::future_status::ready) return false;
+        }
+        return exists.get() && offer.get() == "default";
+    };
 }
 
-// Every call that only posts work, once; none may wait for the configuration file.
-int CallWhileHung() {
-    const auto start = std::chrono::steady_clock::now();
-    Config::SetDebugLogging(true);
-    Analytics::ClearQueue();
-    Config::CollectLifecycleData();
-    Config::SetPrivacyStatus(VelmoraPrivacyStatus::OptIn);
-    Config::SetUserIdentifier("user-1");
-    Analytics::TrackState("S0");
-    Analytics::TrackAction("Tap");
-    Analytics::TrackLocation(40.7, -74.0, 5);
-    Analytics::TrackLifetimeValueIncrease(1);
-    Analytics::TrackTimedActionStart("Stay");
-    Analytics::TrackTimedActionEnd("Stay");
-    auto media = Media::SettingsWith("Clip", 10, "Player", "p1");
-    Media::Open(media);
-    Media::Play("Clip", 0);
-    Media::Close("Clip");
-    auto offer = Vantor::LoadRequest(Vantor::CreateRequest("home", "default", {}));
-    Vantor::ClearCookies();
-    Cohorta::SetDpidAndDpuuid("1", "2");
-    auto signal = Cohorta::SubmitSignal({{"trait", 1}});
-    auto identifier = Analytics::GetTrackingIdentifierAsync();
-    Analytics::TrackState("S1");
-    Config::PauseCollectingLifecycleData();
-    const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-    std::printf("returned %lld\n", static_cast<long long>(spent.count()));
+void Print(const std::string& line) {
+    std::puts(line.c_str());
     std::fflush(stdout);
-    std::printf("flush %d\n", Host::Flush(std::chrono::seconds(10)) ? 1 : 0);
-    Ending();
-    return 0;
 }
 
 }  // namespace
@@ -114,40 +61,58 @@ int CallWhileHung() {
 int main(int argc, char** argv) {
     if (argc != 6) return 2;
     const std::string mode = argv[1];
-    const int count = std::atoi(argv[2]);
+    const int count = mode == "cooldown" ? 1 : std::atoi(argv[2]);
     const bool up = std::string(argv[3]) == "up";
-    auto* signal = new Signal();
-    if (mode == "cooldown") signal->awaited = "Unable to send hit, attempting to recover";
-    if (mode == "inflight" || mode == "deliver") signal->awaited = "Analytics - Sending hit";
+    // Lives until the process ends: the library may log from its threads while exit() runs.
+    struct Awaited {
+        std::string line;
+        std::promise<void> seen;
+        std::atomic<bool> once{false};
+    }* awaited = new Awaited();
+    if (mode == "cooldown") awaited->line = "Unable to send hit, attempting to recover";
+    if (mode == "deliver") awaited->line = "Analytics - Sending hit";
+    auto seen = awaited->seen.get_future();
 
     HostOptions options;
     options.packageDirectory = argv[4];
     options.localDirectory = argv[5];
     options.internetAvailable = [up] { return up; };
     options.connectTo = {"acme.tt.vantor.example:80:127.0.0.1:9"};  // offers reach a closed port
-    options.logSink = [signal](std::string_view line) {
+    options.logSink = [awaited](std::string_view line) {
         std::fwrite(line.data(), 1, line.size(), stderr);
-        signal->Note(line);
+        if (!awaited->line.empty() && line.find(awaited->line) != std::string_view::npos && !awaited->once.exchange(true)) {
+            awaited->seen.set_value();
+        }
     };
     Host::Configure(options);
-    if (mode == "hung") return CallWhileHung();
-    Config::SetDebugLogging(true);
-
-    if (mode == "flush") {
-        std::printf("flush %d\n", Host::Flush(std::chrono::seconds(10)) ? 1 : 0);
-    } else if (mode == "loaded") {
-        return ReturnFullyLoaded();
-    } else {
-        for (int i = 0; i < (mode == "cooldown" ? 1 : count); ++i) Analytics::TrackState("S" + std::to_string(i), {{"i", i}});
+    if (mode == "hung") {
+        const auto start = std::chrono::steady_clock::now();
+        Config::SetDebugLogging(true);
+        Analytics::ClearQueue();
+        Config::SetPrivacyStatus(VelmoraPrivacyStatus::OptIn);
+        UseEveryPart();
+        Analytics::TrackTimedActionEnd("Stay");
+        Media::Close("Clip");
+        Vantor::ClearCookies();
+        Cohorta::SetDpidAndDpuuid("1", "2");
+        Analytics::TrackState("S1");
+        Config::PauseCollectingLifecycleData();
+        Print("returned " + std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                               std::chrono::steady_clock::now() - start).count()));
     }
-    if (!signal->awaited.empty() && !signal->Wait()) return 4;
+    Config::SetDebugLogging(true);
+    if (mode == "loaded" && !UseEveryPart()()) return 5;
+    if (mode == "flush" || mode == "hung") Print("flush " + std::to_string(Host::Flush(std::chrono::seconds(10))));
+    if (mode != "flush" && mode != "hung" && mode != "loaded") {
+        for (int i = 0; i < count; ++i) Analytics::TrackState("S" + std::to_string(i), {{"i", i}});
+    }
+    if (!awaited->line.empty() && seen.wait_for(kLimit) != std::future_status::ready) return 4;
     if (mode == "shutdown") {
-        std::printf("shutdown %d\n", Host::Shutdown(std::chrono::seconds(5)) ? 1 : 0);
+        Print("shutdown " + std::to_string(Host::Shutdown(std::chrono::seconds(5))));
         Analytics::TrackState("Ignored");
         Config::SetPrivacyStatus(VelmoraPrivacyStatus::OptOut);
     }
-    if (mode == "deliver") std::puts("tracked");
-    Ending();
+    Print("ending");
     if (mode == "exit" || mode == "cooldown") std::exit(0);
     return 0;
 }
