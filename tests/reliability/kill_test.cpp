@@ -9,6 +9,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <iostream>
 #include <random>
 
 namespace velmora::test {
@@ -133,7 +134,8 @@ TEST_P(KillTest, EveryKillLeavesWhatWasWrittenWholeAndInOrder) {
         EXPECT_EQ(TemporaryFiles(local), 0u);
         committed = after;
     }
-    RecordProperty("kills_during_save", killsDuringSave);
+    std::cout << "[ figures  ] " << mode << ": " << kKills << " kills survived, " << committed.size()
+              << " entries kept, " << killsDuringSave << " kills left a save's temporary file\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(Reliability, KillTest,
