@@ -92,6 +92,20 @@ TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEa
     EXPECT_EQ(server_.Count(), 0u);
 }
 
+// A refused hit must not hold back the save that the hits after it are waiting for.
+TEST_F(PublicAnalytics, AnOverLongHitIsRefusedAndTheHitsAfterItAreInTheFileAtOnce) {
+    Configure(AnalyticsConfig(server_.Address(), true, 10));  // held: fewer than the batch limit
+    Velmora::Analytics::TrackState("A");
+    Velmora::Analytics::TrackState("Long", {{"k", std::string(HitQueue::kMaxUrlBytes, 'x')}});
+    Velmora::Analytics::TrackState("B");
+    Velmora::Analytics::TrackState("C");
+    EXPECT_EQ(Velmora::Analytics::GetQueueSize(), 3u);
+    const std::string file = local_.Read(HitQueue::kFileName);
+    for (const char* name : {"pageName=A&", "pageName=B&", "pageName=C&"}) EXPECT_THAT(file, ::testing::HasSubstr(name));
+    EXPECT_THAT(log_.Lines(), ::testing::Contains(::testing::HasSubstr(
+                                  "Analytics - Unable to queue hit (the request URL would be ")));
+}
+
 // Numbers on the wire, in the settings and in log lines do not follow the application's locale.
 constexpr const char* kGerman = "de_DE.UTF-8";
 

@@ -127,7 +127,10 @@ protected:
         config.server = "collect.test";
         config.privacyStatus = kPrivacyOptIn;
         host.languageTag = "en-US";
-        host.internetAvailable = [this] { return online.load(); };
+        host.internetAvailable = [this] {
+            ++probes;
+            return online.load();
+        };
     }
     std::unique_ptr<HitSender> MakeSender(Transport& through) {
         return std::make_unique<HitSender>(log, clock, config, host, store, through, [] { return "Agent/1"; },
@@ -153,6 +156,7 @@ protected:
     ConfigSettings config;
     HostOptions host;
     std::atomic<bool> online{true};
+    std::atomic<int> probes{0};
     std::atomic<int> restarts{0};
     CountingFiles files{dir.path()};
     HitStore store{log, files};
@@ -268,10 +272,14 @@ TEST_F(HitSenderTest, ARetriedHitWaitsInTheFileThroughTheCooldownWhichShutdownCu
     EXPECT_EQ(store.Size(), 1u);
 }
 
-TEST_F(HitSenderTest, WithoutAConnectionNothingIsSentUntilTheWatchSeesItBack) {
+TEST_F(HitSenderTest, WithoutAConnectionNothingIsSentUntilTheOneWatchSeesItBack) {
     online = false;
     SendAll({{"s1", kNow}});
+    SendAll({{"s2", kNow}});  // a second run while offline starts no second watch
     EXPECT_TRUE(transport.Urls().empty());
+    probes = 0;
+    clock.Advance(HitSender::kConnectionCheckInterval);
+    EXPECT_EQ(probes.load(), 1);
     online = true;
     clock.Advance(HitSender::kConnectionCheckInterval);
     EXPECT_TRUE(WaitUntil([&] { return restarts.load() == 1; }));
