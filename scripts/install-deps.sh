@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, only when some are missing, and
-# generates the German locale that the locale tests run under, only when it is missing.
+# generates the German locales that the locale tests run under, only when they are missing.
 set -euo pipefail
 
 packages=(
@@ -27,13 +27,23 @@ if [ ${#missing[@]} -gt 0 ]; then
   $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
 
-# `locale -a` spells it "de_DE.utf8".
-if ! locale -a 2>/dev/null | grep -qix 'de_DE\.utf-\?8'; then
-  echo "Generating the de_DE.UTF-8 locale"
-  if grep -q '^# *de_DE\.UTF-8 UTF-8' /etc/locale.gen; then
-    $sudo sed -i 's/^# *\(de_DE\.UTF-8 UTF-8\)/\1/' /etc/locale.gen
-  elif ! grep -q '^de_DE\.UTF-8 UTF-8' /etc/locale.gen; then
-    echo 'de_DE.UTF-8 UTF-8' | $sudo tee -a /etc/locale.gen >/dev/null
+# The locale tests run under German in UTF-8 and in Latin-1, where the bytes above 0x7F are
+# letters. Each is generated only when `locale -a` (which spells them "de_DE.utf8" and
+# "de_DE.iso88591") lacks it.
+generate=false
+for entry in 'de_DE.UTF-8 UTF-8:de_DE\.utf-\?8' 'de_DE ISO-8859-1:de_DE\.iso-\?8859-\?1'; do
+  line=${entry%%:*}
+  if ! locale -a 2>/dev/null | grep -qix "${entry#*:}"; then
+    echo "Generating the ${line% *} ${line#* } locale"
+    pattern=$(printf '%s' "$line" | sed 's/\./\\./g')
+    if grep -q "^# *$pattern\$" /etc/locale.gen; then
+      $sudo sed -i "s/^# *\($pattern\)\$/\1/" /etc/locale.gen
+    elif ! grep -q "^$pattern\$" /etc/locale.gen; then
+      echo "$line" | $sudo tee -a /etc/locale.gen >/dev/null
+    fi
+    generate=true
   fi
+done
+if $generate; then
   $sudo locale-gen >/dev/null
 fi
