@@ -269,7 +269,7 @@ const Step kSteps[] = {
 // questions without a change in between.
 std::string Mistakes() {
     RouteMonitor watching, polling(false);
-    watching.RouteOffHost(), watching.RouteOffHost(), polling.RouteOffHost(), polling.RouteOffHost();
+    for (RouteMonitor* monitor : {&watching, &polling, &watching, &polling}) monitor->RouteOffHost();
     std::string out = watching.TableReads() == 1 && polling.TableReads() == 2 ? "" : "tables read again without a change\n";
     for (const Step& step : kSteps) {
         if (std::system(step.command) != 0) out += std::string("failed: ") + step.command + "\n";
