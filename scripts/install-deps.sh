@@ -34,7 +34,7 @@ generate=false
 for entry in 'de_DE.UTF-8 UTF-8:de_DE\.utf-\?8' 'de_DE ISO-8859-1:de_DE\.iso-\?8859-\?1'; do
   line=${entry%%:*}
   if ! locale -a 2>/dev/null | grep -qix "${entry#*:}"; then
-    echo "Generating the ${line% *} ${line#* } locale"
+    echo "Generating the locale $line"
     pattern=$(printf '%s' "$line" | sed 's/\./\\./g')
     if grep -q "^# *$pattern\$" /etc/locale.gen; then
       $sudo sed -i "s/^# *\($pattern\)\$/\1/" /etc/locale.gen
