@@ -85,14 +85,38 @@ struct Step {
 // An Open step, its settings set fluently.
 struct Opening {
     Velmora::MediaSettings settings;
-    Opening& Milestones(std::string list) { return settings.Milestones = std::move(list), *this; }
-    Opening& OffsetMilestones(std::string list) { return settings.OffsetMilestones = std::move(list), *this; }
-    Opening& SegmentByMilestones() { return settings.SegmentByMilestones = true, *this; }
-    Opening& SegmentByOffsetMilestones() { return settings.SegmentByOffsetMilestones = true, *this; }
-    Opening& TrackSeconds(std::int32_t seconds) { return settings.TrackSeconds = seconds, *this; }
-    Opening& PlayerId(std::string id) { return settings.PlayerID = std::move(id), *this; }
-    Opening& NoPlayerName() { return settings.PlayerName.clear(), *this; }
-    Opening& Ad() { return settings.IsMediaAd = true, *this; }
+    Opening& Milestones(std::string list) {
+        settings.Milestones = std::move(list);
+        return *this;
+    }
+    Opening& OffsetMilestones(std::string list) {
+        settings.OffsetMilestones = std::move(list);
+        return *this;
+    }
+    Opening& SegmentByMilestones() {
+        settings.SegmentByMilestones = true;
+        return *this;
+    }
+    Opening& SegmentByOffsetMilestones() {
+        settings.SegmentByOffsetMilestones = true;
+        return *this;
+    }
+    Opening& TrackSeconds(std::int32_t seconds) {
+        settings.TrackSeconds = seconds;
+        return *this;
+    }
+    Opening& PlayerId(std::string id) {
+        settings.PlayerID = std::move(id);
+        return *this;
+    }
+    Opening& NoPlayerName() {
+        settings.PlayerName.clear();
+        return *this;
+    }
+    Opening& Ad() {
+        settings.IsMediaAd = true;
+        return *this;
+    }
     operator Step() const {
         return {[s = settings](MediaModule& m) { m.Open(std::make_shared<Velmora::MediaSettings>(s)); }};
     }
