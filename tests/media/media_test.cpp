@@ -82,44 +82,18 @@ struct Step {
     std::function<void(MediaModule&)> call;
     int tick = 0, busy = 0;
 };
-// An Open step, its settings set fluently.
+// An Open step; With() sets one of its settings, fluently.
+using S = Velmora::MediaSettings;
 struct Opening {
-    Velmora::MediaSettings settings;
-    Opening& Milestones(std::string list) {
-        settings.Milestones = std::move(list);
-        return *this;
-    }
-    Opening& OffsetMilestones(std::string list) {
-        settings.OffsetMilestones = std::move(list);
-        return *this;
-    }
-    Opening& SegmentByMilestones() {
-        settings.SegmentByMilestones = true;
-        return *this;
-    }
-    Opening& SegmentByOffsetMilestones() {
-        settings.SegmentByOffsetMilestones = true;
-        return *this;
-    }
-    Opening& TrackSeconds(std::int32_t seconds) {
-        settings.TrackSeconds = seconds;
-        return *this;
-    }
-    Opening& PlayerId(std::string id) {
-        settings.PlayerID = std::move(id);
-        return *this;
-    }
-    Opening& NoPlayerName() {
-        settings.PlayerName.clear();
-        return *this;
-    }
-    Opening& Ad() {
-        settings.IsMediaAd = true;
+    template <class Field, class Value>
+    Opening& With(Field S::*field, Value value) {
+        settings.*field = std::move(value);
         return *this;
     }
     operator Step() const {
-        return {[s = settings](MediaModule& m) { m.Open(std::make_shared<Velmora::MediaSettings>(s)); }};
+        return {[s = settings](MediaModule& m) { m.Open(std::make_shared<S>(s)); }};
     }
+    S settings;
 };
 Opening Open(std::string name, double length) {
     Opening step;
@@ -212,19 +186,19 @@ INSTANTIATE_TEST_SUITE_P(
     Media, MediaScenario,
     ::testing::Values(
         Scenario{"MilestonesFromTheMonitorCompleteOnceThenRemoval",
-                 {Open("Movie", 100).Milestones("0,25,50,75"), Play("Movie"), Busy(30), Tick(75), Play("Movie")},
+                 {Open("Movie", 100).With(&S::Milestones, "0,25,50,75"), Play("Movie"), Busy(30), Tick(75), Play("Movie")},
                  {"0s m_s Movie view=true", "30s m_i Movie milestone=25 timePlayed=30",
                   "50s m_i Movie milestone=50 timePlayed=20", "75s m_i Movie milestone=75 timePlayed=25",
                   "100s m_i Movie complete=true timePlayed=25", NoItem("play", "Movie")}},
         Scenario{"TrackSecondsAndAClickAtTheEnd",
-                 {Open("Clip", 300).TrackSeconds(10), Play("Clip"), Tick(25), Click("Clip", 300), Stop("Clip")},
+                 {Open("Clip", 300).With(&S::TrackSeconds, 10), Play("Clip"), Tick(25), Click("Clip", 300), Stop("Clip")},
                  {"0s m_s Clip length=300 view=true", "10s m_i Clip length=300 timePlayed=10",
                   "20s m_i Clip length=300 timePlayed=10",
                   "25s m_i Clip clicked=true complete=true length=300 timePlayed=280", NoItem("stop", "Clip")}},
         // An open item is closed by an item of its player ID or of its name; an empty ID matches nothing.
         Scenario{"OpeningTheSamePlayerOrNameClosesTheOpenItem",
-                 {Open("A", 100).PlayerId("p1"), Play("A"), Tick(5), Open("B", 100).PlayerId("p1"), Play("A"), Open("A", 100),
-                  Play("A"), Open("C", 100), Tick(1), Open("A", 100), Play("A")},
+                 {Open("A", 100).With(&S::PlayerID, "p1"), Play("A"), Tick(5), Open("B", 100).With(&S::PlayerID, "p1"), Play("A"),
+                  Open("A", 100), Play("A"), Open("C", 100), Tick(1), Open("A", 100), Play("A")},
                  {"0s m_s A view=true", "5s m_i A timePlayed=5", NoItem("play", "A"), "5s m_s A view=true",
                   "6s m_i A timePlayed=1", "6s m_s A view=true"}},
         Scenario{"TrackDropsEmptyValuesAndAlwaysSends",
@@ -233,31 +207,31 @@ INSTANTIATE_TEST_SUITE_P(
                  {"0s m_s Show view=true", "0s m_s Show view=true kept=1", "3s m_i Show timePlayed=3 kept=2",
                   "3s m_i Show"}},
         Scenario{"SecondCompleteLeavesABlankSnapshotThatEndsPlaying",
-                 {Open("Song", 100).TrackSeconds(2), Play("Song"), Tick(3), Complete("Song", 3), Complete("Song", 3), Tick(4),
-                  Play("Song", 10), Tick(2), Complete("Song", 12), Complete("Song", 12), Close("Song")},
+                 {Open("Song", 100).With(&S::TrackSeconds, 2), Play("Song"), Tick(3), Complete("Song", 3), Complete("Song", 3),
+                  Tick(4), Play("Song", 10), Tick(2), Complete("Song", 12), Complete("Song", 12), Close("Song")},
                  {"0s m_s Song view=true", "2s m_i Song timePlayed=2", "3s m_i Song complete=true timePlayed=1",
                   "9s m_i Song timePlayed=2"}},
         Scenario{"CloseCompletesWithUnknownLengthOrNearTheEnd",
-                 {Open("Idle", 100), Close("Idle"), Close("Idle"), Open("Live", 0).NoPlayerName(), Play("Live"), Tick(4),
-                  Close("Live"), Open("Live", 5).NoPlayerName(), Play("Live"), Tick(4), Close("Live")},
+                 {Open("Idle", 100), Close("Idle"), Close("Idle"), Open("Live", 0).With(&S::PlayerName, ""), Play("Live"),
+                  Tick(4), Close("Live"), Open("Live", 5).With(&S::PlayerName, ""), Play("Live"), Tick(4), Close("Live")},
                  {NoItem("close", "Idle"), "0s m_s Live length= playerName=Not_Specified view=true",
                   "4s m_i Live complete=true length= playerName=Not_Specified timePlayed=4",
                   "4s m_s Live length=5 playerName=Not_Specified view=true",
                   "8s m_i Live complete=true length=5 playerName=Not_Specified timePlayed=4"}},
         Scenario{"SegmentsReportTheSegmentJustLeft",
-                 {Open("Doc", 100).Milestones("50").SegmentByMilestones(), Play("Doc"), Tick(10), Stop("Doc", 10),
-                  Play("Doc", 70), Tick(5), Stop("Doc", 75), Play("Doc", 20)},
+                 {Open("Doc", 100).With(&S::Milestones, "50").With(&S::SegmentByMilestones, true), Play("Doc"), Tick(10),
+                  Stop("Doc", 10), Play("Doc", 70), Tick(5), Stop("Doc", 75), Play("Doc", 20)},
                  {"0s m_s Doc segment=M:0-50 segmentNum=1 view=true",
                   "10s m_i Doc milestone=50 segment=M:0-50 segmentNum=1 segmentView=true timePlayed=10",
                   "15s m_i Doc segment=M:50-100 segmentNum=2 segmentView=true timePlayed=5"}},
         Scenario{"SegmentsByOffsetNeedOffsetMilestones",
-                 {Open("Ep", 100).Milestones("50").SegmentByOffsetMilestones(), Play("Ep"), Tick(50),
-                  Open("Ep", 100).OffsetMilestones("20"), Play("Ep"), Tick(20)},
+                 {Open("Ep", 100).With(&S::Milestones, "50").With(&S::SegmentByOffsetMilestones, true), Play("Ep"), Tick(50),
+                  Open("Ep", 100).With(&S::OffsetMilestones, "20"), Play("Ep"), Tick(20)},
                  {"0s m_s Ep view=true", "50s m_i Ep milestone=50 timePlayed=50", "50s m_i Ep", "50s m_s Ep view=true",
                   "70s m_i Ep offsetMilestone=20 timePlayed=20"}},
         Scenario{"RefusedItemsAndUnknownNames",
-                 {Open("\r\n--**--", 10), Open("Ad", 10).Ad(), OpenNull(), Close("Ad\n"), Play("Ad\n"), Complete("Ad\n", 0),
-                  Stop("Ad\n"), Click("Ad\n", 0), Track("Ad\n", {{"k", "v"}})},
+                 {Open("\r\n--**--", 10), Open("Ad", 10).With(&S::IsMediaAd, true), OpenNull(), Close("Ad\n"), Play("Ad\n"),
+                  Complete("Ad\n", 0), Stop("Ad\n"), Click("Ad\n", 0), Track("Ad\n", {{"k", "v"}})},
                  {"Velmora Warning:Analytics - VLMMediaSettings is required with a valid name. Media item not opened",
                   "Velmora Warning:Analytics - Media ad requires parent name, please specify a parent name. Media "
                   "item not opened",
@@ -265,8 +239,9 @@ INSTANTIATE_TEST_SUITE_P(
                   NoItem("close", "Ad"), NoItem("play", "Ad"), NoItem("complete", "Ad"), NoItem("stop", "Ad"),
                   NoItem("click", "Ad"), NoItem("track", "Ad")}},
         Scenario{"BadMilestonesAreLoggedByTheQueueWhichGoesOn",
-                 {Open("A", 100), Play("A"), Tick(2), Open("A", 100).Milestones("50,25,abc"),
-                  Open("B", 100).OffsetMilestones("99999999999"), Play("B"), Open("A", 100).Milestones("50"), Play("A")},
+                 {Open("A", 100), Play("A"), Tick(2), Open("A", 100).With(&S::Milestones, "50,25,abc"),
+                  Open("B", 100).With(&S::OffsetMilestones, "99999999999"), Play("B"), Open("A", 100).With(&S::Milestones, "50"),
+                  Play("A")},
                  {"0s m_s A view=true", "2s m_i A timePlayed=2",
                   "Velmora Error:Media - Unexpected error in background work (invalid stoi argument)",
                   "Velmora Error:Media - Unexpected error in background work (stoi argument out of range)",
@@ -281,15 +256,9 @@ INSTANTIATE_TEST_SUITE_P(
 // The public class on the process-wide runtime (fresh in each test's process) up to a loopback server.
 TEST(MediaApi, OpensACopyTranslatesTrackDataAndSendsTheCostOnlyWithThePlay) {
     test::LoopbackServer server;
-    test::TempDir package, local;
-    test::LogCapture log;
-    package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"suite","server":")" + server.Address() + R"("}})");
-    Velmora::HostOptions options;
-    options.packageDirectory = package.path();
-    options.localDirectory = local.path();
-    options.logSink = log.Sink();
-    options.internetAvailable = [] { return true; };  // the server is on this machine
-    ASSERT_TRUE(Velmora::Host::Configure(options));
+    test::TestRuntime t(R"({"analytics":{"rsids":"suite","server":")" + server.Address() + R"("}})");
+    t.runtime.reset();  // lends its directories and log to the process-wide runtime
+    ASSERT_TRUE(Velmora::Host::Configure(t.Options({})));
 
     // Cleaning the parent name twice would also drop the "--**--" its first cleaning leaves.
     auto settings = Velmora::Media::AdSettingsWith("Spot\n", 15.7, "Ads", "Mo\r\nvie--*--**--*--", "pod", 2.9, "3");
