@@ -47,7 +47,7 @@ struct Http : ::testing::Test {
 
 TEST_F(Http, TransportFailuresLogTheTableMessageAndThrow) {
     test::ClosedPort closed;
-    FaultServer reset({FaultServer::Kind::kReset}), early({FaultServer::Kind::kClose});
+    FaultServer reset(FaultServer::Kind::kReset), early(FaultServer::Kind::kClose);
     auto local = [](int port) { return "http://127.0.0.1:" + std::to_string(port) + "/"; };
     const std::tuple<std::string, std::int64_t, std::string> cases[] = {  // url, code (0: no row), message
         {"http://velmora-test.invalid/id", 0x80072EE7,
@@ -78,12 +78,19 @@ TEST_F(Http, TransportFailuresLogTheTableMessageAndThrow) {
     EXPECT_STREQ(DescribeHResult(static_cast<std::int32_t>(0x80072EFF)), "The connection with the server was reset.");
 }
 
-// A time-out (408 or "", and its line) shows in the sender's fault tests and the offer, audience and identifier tests.
 TEST_F(Http, StatusesComeBackSilentlyOverOneConnection) {
     server.Script({404, 500, 202});
     for (int status : {404, 500, 202}) EXPECT_EQ(Request(server.Url("/"))->GetStatusCode(), status);
     EXPECT_EQ(server.Connections(), 1u) << "consecutive requests reuse their connection";
     EXPECT_TRUE(capture.Lines().empty());
+}
+
+// To the sender a time-out is a status, which offline tracking retries. A body's request that
+// times out (an empty text) shows in the offer, audience and identifier tests.
+TEST_F(Http, AStatusRequestWithoutAnAnswerInTimeComesBackAs408WithItsLine) {
+    server.OnGet([this](const httplib::Request&, httplib::Response&) { server.Hold(); });
+    EXPECT_EQ(Request(server.Url("/"), 200)->GetStatusCode(), 408);
+    EXPECT_EQ(capture.Lines(), std::vector<std::string>{"Velmora Debug:Request Handler - Request timed out"});
 }
 
 // Cookies going out and coming back, and none sticking to the pooled connection, show in the offer tests.

@@ -3,7 +3,6 @@
 // Each must end promptly, cleanly (status 0, no sanitizer report), keep on disk every hit it
 // tracked, and never deliver a hit twice.
 #include "child_process.h"
-#include "support/fault_server.h"
 
 #include <gtest/gtest.h>
 
@@ -123,7 +122,8 @@ TEST_F(ExitTest, ShutdownDeliversWhatItCanAndReportsTheQueueEmpty) {
 }
 
 TEST_F(ExitTest, AnUnansweredRequestDoesNotHoldUpTheEndAndItsHitStaysQueued) {
-    FaultServer server({FaultServer::Kind::kSilence});
+    LoopbackServer server;
+    server.OnGet([&server](const httplib::Request&, httplib::Response&) { server.Hold(); });
     Run("deliver", 3, server.Address());
     EXPECT_EQ(QueuedNames(local), Names(3));
 }
