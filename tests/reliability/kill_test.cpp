@@ -1,12 +1,11 @@
-// A child process writes one kind of persistent state without pause and is killed with SIGKILL at
-// a different moment in each round. After every kill the state must read back whole: every entry
-// the child made forms one gap-free sequence per round, everything seen in the file (or database)
-// before the kill is still there in the same order, and a new runtime loads it without an error.
+// A child process tracks states offline without pause and is killed with SIGKILL at a different
+// moment in each round. After every kill the queue file must read back whole: every hit the child
+// made forms one gap-free sequence per round, everything seen in the file before the kill is still
+// there in the same order, and a new runtime loads it without an error.
 #include "child_process.h"
 #include "runtime/runtime.h"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <algorithm>
 #include <iostream>
@@ -24,56 +23,17 @@ bool ParseName(const std::string& name, int& round, int& index) {
     return std::sscanf(name.c_str(), "r%3dn%6d%c", &round, &index, &tail) == 2;
 }
 
-// What one kind of state holds now, as entry names in stored order; throws when it cannot be read.
-using Reader = std::vector<std::string> (*)(const TempDir& local);
-
-// Straight from the database file, as another program would see it: whole, rows in key order, each
-// with its own value.
-std::vector<std::string> ReadSettings(const TempDir& local) {
-    std::vector<std::string> names;
-    sqlite3* db = nullptr;
-    const auto path = (local / SettingsStore::kFileName).string();
-    int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
-    sqlite3_busy_timeout(db, 10000);
-    auto row = [](void* out, int, char** values, char**) {
-        int round = 0, index = 0;
-        if (ParseName(values[0], round, index)) {
-            EXPECT_EQ(std::atoi(values[1]), index) << values[0];
-        }
-        static_cast<std::vector<std::string>*>(out)->push_back(values[0]);
-        return 0;
-    };
-    auto ok = [](void*, int, char** values, char**) {
-        EXPECT_STREQ(values[0], "ok");
-        return 0;
-    };
-    if (rc == SQLITE_OK) rc = sqlite3_exec(db, "PRAGMA integrity_check", ok, nullptr, nullptr);
-    if (rc == SQLITE_OK) rc = sqlite3_exec(db, "SELECT key, value FROM settings ORDER BY key", row, &names, nullptr);
-    const std::string error = sqlite3_errmsg(db);
-    sqlite3_close(db);
-    if (rc != SQLITE_OK) throw std::runtime_error("cannot read the settings: " + error);
-    return names;
-}
-
-// A new start on the directory loads the state without an error line and holds the last entry.
-void ExpectReloads(const std::string& mode, const TempDir& package, const TempDir& local,
-                   const std::vector<std::string>& names) {
+// A new start on the directory loads the queue without an error line and holds every hit.
+void ExpectReloads(const TempDir& package, const TempDir& local, std::size_t hits) {
     LogCapture log;
-    if (mode == "settings") {
-        Logger logger(log.Sink());
-        SettingsStore store(local.path(), logger);
-        EXPECT_TRUE(store.Persistent());
-        EXPECT_TRUE(store.HasKey(names.back()));
-    } else {
-        HostOptions options;
-        options.packageDirectory = package.path();
-        options.localDirectory = local.path();
-        options.logSink = log.Sink();
-        options.internetAvailable = [] { return false; };
-        Runtime runtime(options, std::make_shared<ManualClock>());
-        EXPECT_EQ(runtime.Hits().SizeAfterPendingWork().get(), names.size());
-        runtime.Shutdown(std::chrono::seconds(10), false);
-    }
+    HostOptions options;
+    options.packageDirectory = package.path();
+    options.localDirectory = local.path();
+    options.logSink = log.Sink();
+    options.internetAvailable = [] { return false; };
+    Runtime runtime(options, std::make_shared<ManualClock>());
+    EXPECT_EQ(runtime.Hits().SizeAfterPendingWork().get(), hits);
+    runtime.Shutdown(std::chrono::seconds(10), false);
     for (const auto& line : log.Lines()) EXPECT_NE(line.rfind("Velmora Error:", 0), 0u) << line;
 }
 
@@ -95,10 +55,7 @@ bool StartsWith(const std::vector<std::string>& names, const std::vector<std::st
     return names.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), names.begin());
 }
 
-class KillTest : public ::testing::TestWithParam<std::pair<const char*, Reader>> {};
-
-TEST_P(KillTest, EveryKillLeavesWhatWasWrittenWholeAndInOrder) {
-    const auto [mode, read] = GetParam();
+TEST(KillTest, EveryKillLeavesTheQueuedHitsWholeAndInOrder) {
     TempDir package, local;
     package.Write("VelmoraConfig.json",
                   R"({"analytics":{"rsids":"rs","server":"127.0.0.1:9","offlineEnabled":true,"batchLimit":0}})");
@@ -114,15 +71,15 @@ TEST_P(KillTest, EveryKillLeavesWhatWasWrittenWholeAndInOrder) {
     int killsDuringSave = 0;
     for (int round = 0; round < kKills; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
-        ChildProcess child(VELMORA_KILL_CHILD, {mode, package.path().string(), local.path().string(), std::to_string(round)},
-                           package / "child.err");
+        ChildProcess child(VELMORA_EXIT_PROGRAM, {"endless", std::to_string(round), "down", package.path().string(),
+                                                  local.path().string()}, package / "child.err");
         std::string line;
         ASSERT_TRUE(child.ReadLine(line, std::chrono::seconds(30)) && line == "ready") << child.ErrorOutput();
         std::this_thread::sleep_for(delays[round]);  // picks the kill moment, not a wait for the library
-        const auto snapshot = read(local);           // while the child is writing
+        const auto snapshot = QueuedNames(local);    // while the child is writing
         ASSERT_TRUE(child.Kill()) << "the child ended by itself:\n" << child.ErrorOutput();
 
-        const auto after = read(local);
+        const auto after = QueuedNames(local);
         ASSERT_TRUE(GapFree(after));
         ASSERT_TRUE(StartsWith(snapshot, committed)) << snapshot.size() << " entries, " << committed.size() << " before";
         ASSERT_TRUE(StartsWith(after, snapshot)) << after.size() << " entries, " << snapshot.size() << " before";
@@ -130,18 +87,13 @@ TEST_P(KillTest, EveryKillLeavesWhatWasWrittenWholeAndInOrder) {
         ASSERT_GT(after.size(), committed.size());
         // A kill in the middle of a save leaves the save's temporary file; the next start clears it.
         killsDuringSave += TemporaryFiles(local) > 0;
-        ExpectReloads(mode, package, local, after);
+        ExpectReloads(package, local, after.size());
         EXPECT_EQ(TemporaryFiles(local), 0u);
         committed = after;
     }
-    std::cout << "[ figures  ] " << mode << ": " << kKills << " kills survived, " << committed.size()
+    std::cout << "[ figures  ] hits: " << kKills << " kills survived, " << committed.size()
               << " entries kept, " << killsDuringSave << " kills left a save's temporary file\n";
 }
-
-INSTANTIATE_TEST_SUITE_P(Reliability, KillTest,
-                         ::testing::Values(std::pair<const char*, Reader>{"hits", QueuedNames},
-                                           std::pair<const char*, Reader>{"settings", ReadSettings}),
-                         [](const auto& info) { return std::string(info.param.first); });
 
 }  // namespace
 }  // namespace velmora::test

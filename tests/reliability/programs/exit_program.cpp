@@ -11,7 +11,9 @@
 //                     offer, a signal) and return once they answered, without stopping anything
 //   hung              the configuration file cannot be opened yet: every call that posts work
 //                     must return at once ("returned <ms>"); then, once the file can be read, flush
-// Each mode prints "ending" just before it ends, so that the caller can time the end.
+//   endless           for the kill tests: track states "r<COUNT>n0", "r<COUNT>n1", ... (COUNT is
+//                     the round) until killed, printing "ready" once the first is saved
+// The other modes print "ending" just before they end, so that the caller can time the end.
 #include <velmora/Velmora.h>
 
 #include <atomic>
@@ -20,6 +22,7 @@
 #include <cstdlib>
 #include <future>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -85,6 +88,18 @@ int main(int argc, char** argv) {
         }
     };
     Host::Configure(options);
+    for (int i = 0; mode == "endless"; ++i) {
+        char name[32];  // names sort in the order they are made, across rounds too
+        std::snprintf(name, sizeof name, "r%03dn%06d", count, i);
+        Analytics::TrackState(name);
+        if (i == 0) {
+            Host::Flush(std::chrono::seconds(30));  // false: the hit stays queued, but saved
+            Print("ready");
+        }
+        // Pauses give the library's threads room, so that a kill finds them at every stage of
+        // their work, and keep the files of thirty rounds small enough to read back quickly.
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     if (mode == "hung") {
         const auto start = std::chrono::steady_clock::now();
         Config::SetDebugLogging(true);
