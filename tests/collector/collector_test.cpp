@@ -1,9 +1,10 @@
-// The collector's workings: its hit decoder, its command line and its server on a loopback port.
-// The program itself runs in the demo's test.
+// The collector's workings: its hit decoder, its command line, its terminal block and its server on a
+// loopback port. The program itself runs in the demo's test.
 #include "analytics/hit_builder.h"
 #include "collector.h"
 #include "hit_decoder.h"
 #include "options.h"
+#include "render.h"
 #include "support/test_support.h"
 
 #include <gmock/gmock.h>
@@ -29,14 +30,10 @@ struct RunningCollector {
         collector_->Bind();
         thread_ = std::thread([this] { collector_->Serve(); });
     }
-    ~RunningCollector() { Stop(); }
-
-    void Stop() {
+    ~RunningCollector() {
         collector_->Stop();
-        if (thread_.joinable()) thread_.join();
+        thread_.join();
     }
-
-    Collector& collector() { return *collector_; }
 
     // A client that sends targets exactly as given, escapes included.
     std::unique_ptr<httplib::Client> Client() const {
@@ -154,34 +151,11 @@ TEST(CollectorServer, DecodesHitsIntoTheFeedAndOneJsonLineEachAndRejectsMalforme
     EXPECT_THAT(running.err.Lines(), ::testing::ElementsAreArray(errors));
 }
 
-// Hits from several clients at once, each held by the chosen delay and answered with the chosen status.
-TEST(CollectorServer, DelayedHitsGetDistinctNumbersAndPrintBlocksThatValuesCannotSteer) {
-    RunningCollector running(ParseArguments({"--status", "503", "--delay-ms", "600000", "--keep", "2"}));
-    std::vector<std::thread> senders;
-    std::atomic<int> answered{0};
-    // The HTTP library is prebuilt without ThreadSanitizer: what it sets up on its first request is
-    // shared out of the sanitizer's sight and reported as a race. One request alone goes first.
-    for (int t = 0; t < 6; ++t) {
-        senders.emplace_back([&running, &answered, t] {
-            const std::string tricky = "&ts=1714564800&pageName=a%1B%5B2J%0Ab&c.&k%C3%BC=v%E2%82&long=w&.c";
-            running.Client()->Get(HitTarget("1", t == 0 ? tricky : "&n=" + std::to_string(t)));
-            ++answered;
-        });
-        EXPECT_TRUE(test::WaitUntil([&] { return running.collector().Hits().TotalReceived() >= 1; }));
-    }
-    EXPECT_TRUE(test::WaitUntil([&] { return running.collector().Hits().TotalReceived() == 6; }));
-    json feed = Get(running, "/hits.json");
-    EXPECT_EQ(feed["hits"].size(), 2u) << "only the newest are kept";
-    EXPECT_EQ(feed["hits"][0]["status"], 503);
-    EXPECT_EQ(answered, 0) << "each waits its delay";
-    running.Stop();
-    for (auto& sender : senders) sender.join();
-    EXPECT_EQ(answered, 6) << "stopping cut the delay short";
-    const auto blocks = running.out.Lines();
-    ASSERT_EQ(blocks.size(), 6u);
-    for (std::size_t i = 0; i < blocks.size(); ++i) EXPECT_EQ(blocks[i].rfind("hit #" + std::to_string(i + 1), 0), 0u);
-    EXPECT_EQ(blocks[0].substr(blocks[0].find(" UTC")),
-              " UTC  answered 503\n"
+// The block a terminal shows: a value cannot move the cursor or split the block.
+TEST(CollectorRender, PrintsAHitAsABlockThatItsValuesCannotSteer) {
+    const std::string target = HitTarget("1", "&ts=1714564800&pageName=a%1B%5B2J%0Ab&c.&k%C3%BC=v%E2%82&long=w&.c");
+    EXPECT_EQ(HitBlock({7, 1714564800000, 503, target, DecodeHit(target)}),
+              "hit #7  received 2024-05-01 12:00:00 UTC  answered 503\n"
               "  report suite demo.rsid  (WINU-4.0.0, s1)\n"
               "  ts           1714564800 (2024-05-01 12:00:00 UTC)\n"
               "  variables\n"
@@ -189,7 +163,7 @@ TEST(CollectorServer, DelayedHitsGetDistinctNumbersAndPrintBlocksThatValuesCanno
               "    ts       = 1714564800\n"
               "  context data\n"
               "    k\xC3\xBC   = v\xEF\xBF\xBD\n"
-              "    long = w\n");
+              "    long = w\n\n");
 }
 
 TEST(CollectorServer, AnswersIdentifierOfferAndAudienceRequests) {
