@@ -59,6 +59,26 @@ void Print(const std::string& line) {
     std::fflush(stdout);
 }
 
+// The kill tests' child: states "r<round>n0", "r<round>n1", ... without end. It gives up by itself
+// after a minute (status 3): a test stopped by its time-out, which cannot kill it any more, must not
+// leave it writing.
+int TrackUntilKilled(int round) {
+    const auto lastWrite = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    for (int i = 0; std::chrono::steady_clock::now() < lastWrite; ++i) {
+        char name[32];  // names sort in the order they are made, across rounds too
+        std::snprintf(name, sizeof name, "r%03dn%06d", round, i);
+        Analytics::TrackState(name);
+        if (i == 0) {
+            Host::Flush(std::chrono::seconds(30));  // false: the hit stays queued, but saved
+            Print("ready");
+        }
+        // Pauses give the library's threads room, so that a kill finds them at every stage of
+        // their work, and keep the files of thirty rounds small enough to read back quickly.
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return 3;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -88,22 +108,7 @@ int main(int argc, char** argv) {
         }
     };
     Host::Configure(options);
-    // The kill tests' child ends by itself after a minute: a test stopped by its time-out, which
-    // cannot kill it any more, must not leave it writing.
-    const auto lastWrite = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    for (int i = 0; mode == "endless" && std::chrono::steady_clock::now() < lastWrite; ++i) {
-        char name[32];  // names sort in the order they are made, across rounds too
-        std::snprintf(name, sizeof name, "r%03dn%06d", count, i);
-        Analytics::TrackState(name);
-        if (i == 0) {
-            Host::Flush(std::chrono::seconds(30));  // false: the hit stays queued, but saved
-            Print("ready");
-        }
-        // Pauses give the library's threads room, so that a kill finds them at every stage of
-        // their work, and keep the files of thirty rounds small enough to read back quickly.
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    if (mode == "endless") return 3;  // never killed
+    if (mode == "endless") return TrackUntilKilled(count);
     if (mode == "hung") {
         const auto start = std::chrono::steady_clock::now();
         Config::SetDebugLogging(true);
