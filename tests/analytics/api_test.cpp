@@ -1,12 +1,19 @@
 // Whole runtimes: the public operations on the process-wide one (each case runs in a process of its
 // own), and the hits, settings and log lines under an application's locale.
+#include "analytics/hit_queue.h"
+#include "analytics/tracker.h"
 #include "analytics/values.h"
-#include "analytics_test.h"
+#include "core/device.h"
 #include "lifetime_value/lifetime_value.h"
 #include "location/location.h"
 #include "media/media_module.h"
+#include "support/loopback_server.h"
+#include "support/test_support.h"
 
 #include <velmora/Velmora.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <clocale>
@@ -16,14 +23,18 @@
 namespace velmora::test {
 namespace {
 
+constexpr std::chrono::seconds kWait{10};
 constexpr const char* kAid = "0123456789ABCDEF-0123456789ABCDEF";
 constexpr const char* kHitPath = "/b/ss/rs1,rs2/0/WINU-4.0.0/";
 
 class PublicAnalytics : public ::testing::Test {
 protected:
-    void Configure(const std::string& config) {
+    // Hits go to the loopback server over plain HTTP; with offline tracking, ten make a batch.
+    void Configure(bool offline) {
         ::setenv("TZ", "EST5EDT", 1);  // the hits carry the standard offset all year
-        package_.Write("VelmoraConfig.json", config);
+        package_.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"rs1,rs2","server":")" + server_.Address() +
+                                                 R"(","charset":"UTF-8","privacyDefault":"optedin","ssl":false)" +
+                                                 (offline ? R"(,"offlineEnabled":true,"batchLimit":10}})" : "}}"));
         package_.Write("AppxManifest.xml", R"(<Package><Identity Version="1.2.3.4"/><Properties>
             <DisplayName>Demo</DisplayName></Properties></Package>)");
         Velmora::HostOptions options;
@@ -43,7 +54,7 @@ protected:
 };
 
 TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
-    Configure(AnalyticsConfig(server_.Address(), false, 0));
+    Configure(false);
     Velmora::Analytics::TrackState(
         "Home Page", {{"my key!", std::string("v 1")}, {"a.b", std::string("x")}, {"ab", std::string("loses")},
                       {"..caf\xC3\xA9-b/r?c=d&e..", std::string("y")}, {"&&pe", std::string("m_s")},
@@ -71,7 +82,7 @@ TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
 
 TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEarlierCall) {
     local_.Write(HitQueue::kFileName, R"({"Hits":[{"T":1400000000,"H":"s1?AQB=1&ndh=1&pageName=Old&AQE=1"}]})");
-    Configure(AnalyticsConfig(server_.Address(), true, 10));
+    Configure(true);
     Velmora::Config::SetPrivacyStatus(Velmora::VelmoraPrivacyStatus::OptOut);  // before any analytics call
     EXPECT_TRUE(Velmora::Host::Flush(kWait));
     EXPECT_EQ(local_.Read(HitQueue::kFileName), R"({"Hits":[]})");
@@ -94,7 +105,7 @@ TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEa
 
 // A refused hit must not hold back the save that the hits after it are waiting for.
 TEST_F(PublicAnalytics, AnOverLongHitIsRefusedAndTheHitsAfterItAreInTheFileAtOnce) {
-    Configure(AnalyticsConfig(server_.Address(), true, 10));  // held: fewer than the batch limit
+    Configure(true);  // held: fewer than the batch limit
     Velmora::Analytics::TrackState("A");
     Velmora::Analytics::TrackState("Long", {{"k", std::string(HitQueue::kMaxUrlBytes, 'x')}});
     Velmora::Analytics::TrackState("B");

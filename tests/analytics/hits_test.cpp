@@ -2,7 +2,10 @@
 #include "analytics/hit_builder.h"
 #include "analytics/hit_sender.h"
 #include "analytics/hit_store.h"
-#include "analytics_test.h"
+#include "support/loopback_server.h"
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <deque>
@@ -86,6 +89,7 @@ TEST(QueueFile, AnyValidJsonReadsLikeTheFilesThisLibraryWritesAndDamageKeepsTheE
     }
 }
 
+constexpr std::chrono::seconds kWait{10};
 constexpr int kTransportFailure = -1, kRefusedUrl = -2;
 constexpr std::int32_t kNow = 1'400'000'000;  // the manual clock's start
 const std::string kBase = "http://collect.test/b/ss/rs/0/WINU-4.0.0/";
