@@ -43,6 +43,7 @@ protected:
         options.logSink = log_.Sink();
         options.deviceManufacturer = "Acme";
         options.deviceModel = "Phone1";
+        options.languageTag = "de-AT";
         options.internetAvailable = [] { return true; };  // the server is on this machine
         ASSERT_TRUE(Velmora::Host::Configure(options));
         Runtime::Process().Settings().Insert(kAidKey, std::string(kAid));
@@ -78,6 +79,9 @@ TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
                       "mine&aResolution=Unknown&aaction=me&.c&AQE=1"}));
     EXPECT_THAT(targets[2], ::testing::EndsWith("&pe=lnk_o&pev2=AMACTION%3AGo" + zone + device +
                                                 "Windows%20Phone%208.1&aResolution=Unknown&aaction=Go&.c&AQE=1"));
+    const auto request = server_.Requests()[0];
+    EXPECT_EQ(request.Header("User-Agent") + "|" + request.Header("Accept-Language"),
+              "Mozilla/5.0 (Windows Phone 8.1; ARM; Trident/7.0; Touch; rv:11.0; Acme; Phone1) like Gecko|de-AT");
 }
 
 TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEarlierCall) {

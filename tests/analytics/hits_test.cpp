@@ -2,7 +2,6 @@
 #include "analytics/hit_builder.h"
 #include "analytics/hit_sender.h"
 #include "analytics/hit_store.h"
-#include "support/loopback_server.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>
@@ -287,18 +286,6 @@ TEST_F(HitSenderTest, WithoutAConnectionNothingIsSentUntilTheOneWatchSeesItBack)
     online = true;
     clock.Advance(HitSender::kConnectionCheckInterval);
     EXPECT_TRUE(WaitUntil([&] { return restarts.load() == 1; }));
-}
-
-TEST_F(HitSenderTest, OverRealHttpAHitArrivesWithItsHeaders) {
-    LoopbackServer server;
-    HttpClient http(log, {});
-    config.server = server.Address();
-    sender = MakeSender(http);
-    SendAll({{"s1?AQB=1&ndh=1&pageName=P&AQE=1", kNow}});
-    ASSERT_TRUE(server.WaitForRequests(1));
-    const auto request = server.Requests()[0];
-    EXPECT_EQ(request.target, "/b/ss/rs/0/WINU-4.0.0/s1?AQB=1&ndh=1&pageName=P&AQE=1");
-    EXPECT_EQ(request.Header("User-Agent") + "|" + request.Header("Accept-Language"), "Agent/1|en-US");
 }
 
 }  // namespace

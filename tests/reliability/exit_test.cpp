@@ -114,13 +114,6 @@ TEST_F(ExitTest, HitsLeftByAProcessThatEndedWhileDeliveringGoOutOnceOnTheNextFlu
     EXPECT_TRUE(QueuedNames(local).empty());
 }
 
-TEST_F(ExitTest, ShutdownDeliversWhatItCanAndReportsTheQueueEmpty) {
-    LoopbackServer server;
-    EXPECT_EQ(Run("shutdown", 20, server.Address()).lines.front(), "shutdown 1");
-    EXPECT_EQ(server.Hits().size(), 20u);
-    EXPECT_TRUE(QueuedNames(local).empty());
-}
-
 TEST_F(ExitTest, AnUnansweredRequestDoesNotHoldUpTheEndAndItsHitStaysQueued) {
     LoopbackServer server;
     server.OnGet([&server](const httplib::Request&, httplib::Response&) { server.Hold(); });
