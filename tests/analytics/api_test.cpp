@@ -32,26 +32,21 @@ protected:
     // Hits go to the loopback server over plain HTTP; with offline tracking, ten make a batch.
     void Configure(bool offline) {
         ::setenv("TZ", "EST5EDT", 1);  // the hits carry the standard offset all year
-        package_.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"rs1,rs2","server":")" + server_.Address() +
-                                                 R"(","charset":"UTF-8","privacyDefault":"optedin","ssl":false)" +
-                                                 (offline ? R"(,"offlineEnabled":true,"batchLimit":10}})" : "}}"));
-        package_.Write("AppxManifest.xml", R"(<Package><Identity Version="1.2.3.4"/><Properties>
+        env_.package.Write("AppxManifest.xml", R"(<Package><Identity Version="1.2.3.4"/><Properties>
             <DisplayName>Demo</DisplayName></Properties></Package>)");
         Velmora::HostOptions options;
-        options.packageDirectory = package_.path();
-        options.localDirectory = local_.path();
-        options.logSink = log_.Sink();
         options.deviceManufacturer = "Acme";
         options.deviceModel = "Phone1";
         options.languageTag = "de-AT";
-        options.internetAvailable = [] { return true; };  // the server is on this machine
-        ASSERT_TRUE(Velmora::Host::Configure(options));
+        ASSERT_TRUE(env_.ConfigureProcess(R"({"analytics":{"rsids":"rs1,rs2","server":")" + server_.Address() +
+                                              R"(","charset":"UTF-8","privacyDefault":"optedin","ssl":false)" +
+                                              (offline ? R"(,"offlineEnabled":true,"batchLimit":10}})" : "}}"),
+                                          options));
         Runtime::Process().Settings().Insert(kAidKey, std::string(kAid));
     }
 
     LoopbackServer server_;
-    TempDir package_, local_;
-    LogCapture log_;
+    TestRuntime env_;
 };
 
 TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
@@ -85,11 +80,11 @@ TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
 }
 
 TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEarlierCall) {
-    local_.Write(HitQueue::kFileName, R"({"Hits":[{"T":1400000000,"H":"s1?AQB=1&ndh=1&pageName=Old&AQE=1"}]})");
+    env_.local.Write(HitQueue::kFileName, R"({"Hits":[{"T":1400000000,"H":"s1?AQB=1&ndh=1&pageName=Old&AQE=1"}]})");
     Configure(true);
     Velmora::Config::SetPrivacyStatus(Velmora::VelmoraPrivacyStatus::OptOut);  // before any analytics call
     EXPECT_TRUE(Velmora::Host::Flush(kWait));
-    EXPECT_EQ(local_.Read(HitQueue::kFileName), R"({"Hits":[]})");
+    EXPECT_EQ(env_.local.Read(HitQueue::kFileName), R"({"Hits":[]})");
     Velmora::Config::SetPrivacyStatus(Velmora::VelmoraPrivacyStatus::Unknown);
     for (int i = 0; i < 3; ++i) Velmora::Analytics::TrackState("S" + std::to_string(i));
     EXPECT_EQ(Velmora::Analytics::GetQueueSize(), 3u);
@@ -103,7 +98,7 @@ TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEa
     EXPECT_EQ(Velmora::Analytics::GetTrackingIdentifierAsync().get(), kAid);
     Velmora::Analytics::ClearQueue();
     EXPECT_EQ(Velmora::Analytics::GetQueueSize(), 0u);
-    EXPECT_EQ(local_.Read(HitQueue::kFileName), R"({"Hits":[]})");
+    EXPECT_EQ(env_.local.Read(HitQueue::kFileName), R"({"Hits":[]})");
     EXPECT_EQ(server_.Count(), 0u);
 }
 
@@ -115,9 +110,9 @@ TEST_F(PublicAnalytics, AnOverLongHitIsRefusedAndTheHitsAfterItAreInTheFileAtOnc
     Velmora::Analytics::TrackState("B");
     Velmora::Analytics::TrackState("C");
     EXPECT_EQ(Velmora::Analytics::GetQueueSize(), 3u);
-    const std::string file = local_.Read(HitQueue::kFileName);
+    const std::string file = env_.local.Read(HitQueue::kFileName);
     for (const char* name : {"pageName=A&", "pageName=B&", "pageName=C&"}) EXPECT_THAT(file, ::testing::HasSubstr(name));
-    EXPECT_THAT(log_.Lines(), ::testing::Contains(::testing::HasSubstr(
+    EXPECT_THAT(env_.log.Lines(), ::testing::Contains(::testing::HasSubstr(
                                   "Analytics - Unable to queue hit (the request URL would be ")));
 }
 
@@ -161,10 +156,7 @@ Outcome RunUnder(const char* locale) {
     value.Increase(12.5f, data);
     value.Increase(0.754f, data);  // continues from the stored text
     auto& media = runtime.Media();
-    auto settings = std::make_shared<Velmora::MediaSettings>();
-    settings->Name = "clip";
-    settings->PlayerName = "player";
-    settings->Length = 130.7;
+    auto settings = Velmora::Media::SettingsWith("clip", 130.7, "player", "");
     settings->Milestones = "25,50";
     settings->SegmentByMilestones = true;
     media.Queue().Post([&] {

@@ -12,14 +12,10 @@ namespace {
 using Velmora::Config;
 using Velmora::VelmoraPrivacyStatus;
 
-// Each test runs in its own process, so the process-wide runtime starts fresh in each; the test
-// runtime lends its directories and log, and Restart() makes a later run's runtime.
+// The test runtime lends its directories and log to the process-wide one; Restart() makes a later
+// run's runtime.
 struct ConfigApi : ::testing::Test {
-    void Start(const std::string& config) {
-        t.runtime.reset();
-        t.package.Write("VelmoraConfig.json", config);
-        ASSERT_TRUE(Velmora::Host::Configure(t.Options({})));
-    }
+    void Start(const std::string& config) { ASSERT_TRUE(t.ConfigureProcess(config)); }
     test::TestRuntime t;
 };
 

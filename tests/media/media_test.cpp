@@ -256,9 +256,8 @@ INSTANTIATE_TEST_SUITE_P(
 // The public class on the process-wide runtime (fresh in each test's process) up to a loopback server.
 TEST(MediaApi, OpensACopyTranslatesTrackDataAndSendsTheCostOnlyWithThePlay) {
     test::LoopbackServer server;
-    test::TestRuntime t(R"({"analytics":{"rsids":"suite","server":")" + server.Address() + R"("}})");
-    t.runtime.reset();  // lends its directories and log to the process-wide runtime
-    ASSERT_TRUE(Velmora::Host::Configure(t.Options({})));
+    test::TestRuntime t;
+    ASSERT_TRUE(t.ConfigureProcess(R"({"analytics":{"rsids":"suite","server":")" + server.Address() + R"("}})"));
 
     // Cleaning the parent name twice would also drop the "--**--" its first cleaning leaves.
     auto settings = Velmora::Media::AdSettingsWith("Spot\n", 15.7, "Ads", "Mo\r\nvie--*--**--*--", "pod", 2.9, "3");

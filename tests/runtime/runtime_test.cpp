@@ -27,14 +27,12 @@ std::map<std::string, int> LibraryThreads() {
 // named after its job.
 TEST(Runtime, AnIdleProcessHoldsAtMostFourNamedLibraryThreads) {
     velmora::test::LoopbackServer server;
-    velmora::test::TestRuntime t;  // lends its directories and log to the process-wide runtime
-    t.runtime.reset();
-    t.package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
-                                              R"(","privacyDefault":"optedin"},"cohorta":{"server":")" +
-                                              server.Address() + R"("},"vantor":{"clientCode":"acme","timeout":2}})");
+    velmora::test::TestRuntime t;
     Velmora::HostOptions options;
     options.connectTo = {"acme.tt.vantor.example:80:" + server.Address()};
-    ASSERT_TRUE(Velmora::Host::Configure(t.Options(options)));
+    ASSERT_TRUE(t.ConfigureProcess(R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
+                                       R"(","privacyDefault":"optedin"},"cohorta":{"server":")" + server.Address() +
+                                       R"("},"vantor":{"clientCode":"acme","timeout":2}})", options));
 
     Velmora::Config::CollectLifecycleData();
     for (int i = 0; i < 20; ++i) Velmora::Analytics::TrackState("Home");

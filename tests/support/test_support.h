@@ -3,6 +3,8 @@
 #include "core/clock.h"
 #include "runtime/runtime.h"
 
+#include <velmora/Velmora.h>
+
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -125,6 +127,13 @@ struct TestRuntime {
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::unique_ptr<Runtime> runtime;
 
+    // Lends the directories and the log to the process-wide runtime (fresh in each test's process),
+    // configured by `configJson`.
+    bool ConfigureProcess(const std::string& configJson, HostOptions options = {}) {
+        runtime.reset();
+        package.Write("VelmoraConfig.json", configJson);
+        return Velmora::Host::Configure(Options(std::move(options)));
+    }
     // A second runtime on the same local directory, as a new process would see it.
     std::unique_ptr<Runtime> Restart(HostOptions options = {}) {
         return std::make_unique<Runtime>(Options(std::move(options)), clock);
