@@ -1,4 +1,4 @@
-// The collector's workings: its hit decoder, its command line, its terminal block and its server on a
+// The collector's workings: its hit decoder, its terminal block and its server on a
 // loopback port. The program itself runs in the demo's test.
 #include "analytics/hit_builder.h"
 #include "collector.h"
@@ -67,44 +67,32 @@ TEST(CollectorDecoder, ReadsBackTrickyKeysAndValuesAsTheLibraryWritesThem) {
     EXPECT_EQ(hit.contextData, context);
 }
 
-TEST(CollectorDecoder, ReadsThePathOtherGroupsAndEmptyValues) {
-    struct Case { std::string body; StringMap variables, context; };
+// Either the values read or, for a malformed hit, words of the reason it is refused.
+TEST(CollectorDecoder, ReadsThePathOtherGroupsAndEmptyValuesAndRefusesMalformedHitsWithTheReason) {
+    const std::string p = "/b/ss/rs1,rs2/0/WINU-4.0.0/s4218470?AQB=1&ndh=1";
+    struct Case { std::string target; StringMap variables, context; const char* reason = nullptr; };
     const Case cases[] = {
-        {"&q=a+b", {{"q", "a+b"}}, {}},  // the library writes a blank as "%20"
-        {"&vid=&c.&k=&.c", {{"vid", ""}}, {{"k", ""}}},
-        {"&aid=1&c.&x=2&.c&list.&x=1&.list&a.b=3", {{"aid", "1"}, {"list.x", "1"}, {"a.b", "3"}}, {{"x", "2"}}},
-        {"", {}, {}},
+        {p + "&q=a+b&AQE=1", {{"q", "a+b"}}, {}},  // the library writes a blank as "%20"
+        {p + "&vid=&c.&k=&.c&AQE=1", {{"vid", ""}}, {{"k", ""}}},
+        {p + "&aid=1&c.&x=2&.c&list.&x=1&.list&a.b=3&AQE=1", {{"aid", "1"}, {"list.x", "1"}, {"a.b", "3"}}, {{"x", "2"}}},
+        {p + "&AQE=1", {}, {}},
         // Bytes that are not UTF-8 are kept as sent; only what is shown replaces them.
-        {"&x=%FF%C0%AF&c.&k%ED%A0%80=%E2%82&.c", {{"x", "\xFF\xC0\xAF"}}, {{"k\xED\xA0\x80", "\xE2\x82"}}},
-    };
+        {p + "&x=%FF%C0%AF&c.&k%ED%A0%80=%E2%82&.c&AQE=1", {{"x", "\xFF\xC0\xAF"}}, {{"k\xED\xA0\x80", "\xE2\x82"}}},
+        {p + "&x=%zz&AQE=1", {}, {}, "percent-encoding"}, {p + "&x=%4&AQE=1", {}, {}, "percent-encoding"},
+        {"/b/ss/r/0/WINU-4.0.0/s1", {}, {}, "query"}, {"/b/ss/r/0/WINU-4.0.0/s1?ndh=1&AQE=1", {}, {}, "AQB=1"},
+        {p + "&x=1", {}, {}, "AQE=1"}, {p + "&AQE=1&x=1", {}, {}, "AQE=1"}, {p + "&c.&a=1&AQE=1", {}, {}, "never closed"},
+        {p + "&c.&a.&b=1&.c&.a&AQE=1", {}, {}, "closes group \"a\""}, {p + "&.c&AQE=1", {}, {}, "never opened"},
+        {p + "&&x=1&AQE=1", {}, {}, "empty parameter"}, {p + "&flag&AQE=1", {}, {}, "without \"=\""},
+        {p + "&=1&AQE=1", {}, {}, "empty name"}, {"/b/ss//0/WINU-4.0.0/s1?AQB=1&AQE=1", {}, {}, "path"},
+        {"/b/ss/r/1/WINU-4.0.0/s1?AQB=1&AQE=1", {}, {}, "path"}, {"/b/ss/r/0/WINU-4.0.0/s12x?AQB=1&AQE=1", {}, {}, "s<number>"}};
     for (const Case& c : cases) {
-        Hit hit = DecodeHit("/b/ss/rs1,rs2/0/WINU-4.0.0/s4218470?AQB=1&ndh=1" + c.body + "&AQE=1");
-        EXPECT_EQ(std::tie(hit.variables, hit.contextData), std::tie(c.variables, c.context)) << c.body;
+        if (c.reason) {
+            EXPECT_THAT([&] { DecodeHit(c.target); }, ThrowsMessage<MalformedRequest>(HasSubstr(c.reason))) << c.target;
+            continue;
+        }
+        Hit hit = DecodeHit(c.target);
+        EXPECT_EQ(std::tie(hit.variables, hit.contextData), std::tie(c.variables, c.context)) << c.target;
         EXPECT_EQ(hit.reportSuites + " " + hit.platform + " " + hit.cacheBuster, "rs1,rs2 WINU-4.0.0 4218470");
-    }
-}
-
-TEST(CollectorDecoder, RefusesMalformedHitsWithTheReason) {
-    const std::string p = "/b/ss/r/0/WINU-4.0.0/s1?AQB=1&ndh=1";
-    const std::pair<std::string, const char*> cases[] = {
-        {p + "&x=%zz&AQE=1", "percent-encoding"}, {p + "&x=%4&AQE=1", "percent-encoding"},
-        {"/b/ss/r/0/WINU-4.0.0/s1", "query"},
-        {"/b/ss/r/0/WINU-4.0.0/s1?ndh=1&AQE=1", "AQB=1"}, {p + "&x=1", "AQE=1"}, {p + "&AQE=1&x=1", "AQE=1"},
-        {p + "&c.&a=1&AQE=1", "never closed"}, {p + "&c.&a.&b=1&.c&.a&AQE=1", "closes group \"a\""},
-        {p + "&.c&AQE=1", "never opened"}, {p + "&&x=1&AQE=1", "empty parameter"}, {p + "&flag&AQE=1", "without \"=\""},
-        {p + "&=1&AQE=1", "empty name"}, {"/b/ss//0/WINU-4.0.0/s1?AQB=1&AQE=1", "path"},
-        {"/b/ss/r/1/WINU-4.0.0/s1?AQB=1&AQE=1", "path"}, {"/b/ss/r/0/WINU-4.0.0/s12x?AQB=1&AQE=1", "s<number>"}};
-    for (const auto& [target, reason] : cases) {
-        EXPECT_THAT([&] { DecodeHit(target); }, ThrowsMessage<MalformedRequest>(HasSubstr(reason))) << target;
-    }
-}
-
-// The server's tests below start from parsed flags; the demo's test runs the program with "--port 0".
-TEST(CollectorOptions, RefusesMissingUnknownAndOutOfRangeValues) {
-    for (const auto& bad : std::vector<std::vector<std::string>>{
-             {"--port"}, {"--port", "65536"}, {"--port", "8x"}, {"--status", "99"}, {"--keep", "0"}, {"--host", ""},
-             {"--colour"}}) {
-        EXPECT_THROW(ParseArguments(bad), UsageError) << bad[0];
     }
 }
 
@@ -164,24 +152,6 @@ TEST(CollectorRender, PrintsAHitAsABlockThatItsValuesCannotSteer) {
               "  context data\n"
               "    k\xC3\xBC   = v\xEF\xBF\xBD\n"
               "    long = w\n\n");
-}
-
-TEST(CollectorServer, AnswersIdentifierOfferAndAudienceRequests) {
-    const CollectorOptions options = ParseArguments({"--dest", "http://127.0.0.1:1/dest?a=1", "--dest", "http://b/"});
-    RunningCollector running(options);
-    EXPECT_EQ(Get(running, "/id"), (json{{"id", options.aid}}));
-    // A visitor that brings its identifiers keeps them.
-    for (auto [cookie, ids] : {std::pair{"", "mboxPC=collector-pc-0001; Path=/ mboxSession=collector-session-0001; Path=/"},
-                               {"mboxPC=pc-7; mboxSession=s-9", "mboxPC=pc-7; Path=/ mboxSession=s-9; Path=/"}}) {
-        auto offer = running.Client()->Get("/m2/client/ubox/raw?mbox=home", {{"Cookie", cookie}});
-        ASSERT_TRUE(offer && offer->body == options.offerContent);
-        EXPECT_EQ(offer->get_header_value("Set-Cookie", 0) + " " + offer->get_header_value("Set-Cookie", 1), ids);
-    }
-    EXPECT_EQ(Get(running, "/event?c_a_b=1&c_x=y%20z&d_uuid=old&d_ptfm=win8&d_dst=1&d_rtbd=json"),
-              (json{{"uuid", options.uuid}, {"dests", {{{"c", "http://127.0.0.1:1/dest?a=1"}}, {{"c", "http://b/"}}}},
-                    {"stuff", {{{"cn", "a_b"}, {"cv", "1"}}, {{"cn", "x"}, {"cv", "y z"}}}}}));
-    EXPECT_EQ(Get(running, "/event?d_ptfm=win8")["stuff"], json::array());
-    EXPECT_TRUE(running.err.Lines().empty());
 }
 
 }  // namespace
