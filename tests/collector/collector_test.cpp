@@ -1,52 +1,19 @@
-// The collector's workings: its hit decoder, its terminal block and its server on a
-// loopback port. The program itself runs in the demo's test.
+// The collector's hit decoder, which the suite reads hits back with, and its terminal block. The
+// program itself, its server and its JSON lines, runs in the demo and package tests.
 #include "analytics/hit_builder.h"
-#include "collector.h"
 #include "hit_decoder.h"
-#include "options.h"
 #include "render.h"
-#include "support/test_support.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <httplib.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 
 namespace velmora::collector {
 namespace {
 
-using nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
-
-// A collector serving on a free loopback port for the life of the object. What it prints is kept
-// one write per entry: a JSON line or a hit block in `out`, a rejected request's line in `err`.
-struct RunningCollector {
-    explicit RunningCollector(CollectorOptions options = {}) {
-        options.port = 0;
-        collector_ = std::make_unique<Collector>(options, Output{out.Sink(), err.Sink()});
-        collector_->Bind();
-        thread_ = std::thread([this] { collector_->Serve(); });
-    }
-    ~RunningCollector() {
-        collector_->Stop();
-        thread_.join();
-    }
-
-    // A client that sends targets exactly as given, escapes included.
-    std::unique_ptr<httplib::Client> Client() const {
-        auto client = std::make_unique<httplib::Client>("127.0.0.1", collector_->Port());
-        client->set_url_encode(false);
-        client->set_read_timeout(30, 0);
-        return client;
-    }
-
-    test::LogCapture out, err;  // declared first: they outlive the collector's threads
-    std::unique_ptr<Collector> collector_;
-    std::thread thread_;
-};
 
 // What the library writes comes back byte for byte; dots in context keys nest groups.
 TEST(CollectorDecoder, ReadsBackTrickyKeysAndValuesAsTheLibraryWritesThem) {
@@ -96,52 +63,10 @@ TEST(CollectorDecoder, ReadsThePathOtherGroupsAndEmptyValuesAndRefusesMalformedH
     }
 }
 
-std::string HitTarget(const std::string& cacheBuster, const std::string& body) {
-    return "/b/ss/demo.rsid/0/WINU-4.0.0/s" + cacheBuster + "?AQB=1&ndh=1" + body + "&AQE=1";
-}
-
-json Get(RunningCollector& running, const std::string& target) {
-    auto answer = running.Client()->Get(target);
-    EXPECT_TRUE(answer && answer->status == 200) << target;
-    return answer ? json::parse(answer->body, nullptr, false) : json();
-}
-
-TEST(CollectorServer, DecodesHitsIntoTheFeedAndOneJsonLineEachAndRejectsMalformedRequestsWithALogLine) {
-    RunningCollector running(ParseArguments({"--json", "--status", "202"}));
-    auto client = running.Client();
-    const std::vector<std::string> bad = {HitTarget("1", "&x=%zz"), "/m2/c/ubox/raw?mbox=%",
-                                          "/hits.json?since=soon"};
-    for (const auto& target : bad) EXPECT_EQ(client->Get(target)->status, 400) << target;
-    EXPECT_EQ(client->Get("/nothing/here")->status, 404);
-    const std::string first = HitTarget("111", "&pageName=Home%20%26%20More&ts=1714564800&c.&a.&AppID=D%201&.a&.c");
-    const std::string second = HitTarget("222", "&pev2=Buy&c.&item=%C3%BC%FF&item.&n=2&.item&.c");
-    ASSERT_EQ(client->Get(first)->status, 202);
-    ASSERT_EQ(client->Get(second)->status, 202);
-
-    json feed = Get(running, "/hits.json");
-    EXPECT_EQ(feed["received"], 2);
-    ASSERT_EQ(feed["hits"].size(), 2u);
-    EXPECT_EQ(Get(running, "/hits.json?since=1")["hits"], json::array({feed["hits"][0]}));
-    const auto lines = running.out.Lines();  // the same objects, in arrival order
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(json::parse("[" + lines[1] + "," + lines[0] + "]"), feed["hits"]);
-    json oldest = feed["hits"][1];
-    oldest.erase("received");
-    EXPECT_EQ(oldest, (json{{"kind", "hit"}, {"id", 1}, {"status", 202}, {"reportSuites", "demo.rsid"},
-                            {"platform", "WINU-4.0.0"}, {"cacheBuster", "111"}, {"ts", 1714564800}, {"url", first},
-                            {"variables", {{"pageName", "Home & More"}, {"ts", "1714564800"}}},
-                            {"contextData", {{"a.AppID", "D 1"}}}}));
-    EXPECT_EQ(feed["hits"][0]["contextData"], (json{{"item", "\xC3\xBC\xEF\xBF\xBD"}, {"item.n", "2"}}));
-
-    std::vector<::testing::Matcher<std::string>> errors;
-    for (const auto& target : bad) errors.push_back(::testing::StartsWith("velmora-collector: 400 for GET " + target + ": "));
-    errors.push_back("velmora-collector: 404 for GET /nothing/here: no such endpoint");
-    EXPECT_THAT(running.err.Lines(), ::testing::ElementsAreArray(errors));
-}
-
 // The block a terminal shows: a value cannot move the cursor or split the block.
 TEST(CollectorRender, PrintsAHitAsABlockThatItsValuesCannotSteer) {
-    const std::string target = HitTarget("1", "&ts=1714564800&pageName=a%1B%5B2J%0Ab&c.&k%C3%BC=v%E2%82&long=w&.c");
+    const std::string target = "/b/ss/demo.rsid/0/WINU-4.0.0/s1?AQB=1&ndh=1&ts=1714564800&pageName=a%1B%5B2J%0Ab"
+                               "&c.&k%C3%BC=v%E2%82&long=w&.c&AQE=1";
     EXPECT_EQ(HitBlock({7, 1714564800000, 503, target, DecodeHit(target)}),
               "hit #7  received 2024-05-01 12:00:00 UTC  answered 503\n"
               "  report suite demo.rsid  (WINU-4.0.0, s1)\n"
