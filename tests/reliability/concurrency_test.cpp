@@ -113,21 +113,16 @@ TEST(Concurrency, EveryPublicOperationFromEightThreadsKeepsEachThreadsOrder) {
             response.set_content("<offer/>", "text/plain");
         }
     });
-    TempDir package, local;
+    TestRuntime env;
     const std::string host = services.Address();
-    package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"rs","server":")" + host +
-                                            R"(","offlineEnabled":true,"batchLimit":0,"poi":[["Here",40.7,-74.0,50000]]},)"
-                                            R"("vantor":{"clientCode":"acme","timeout":2},"cohorta":{"server":")" + host + R"("}})");
-    package.Write("AppxManifest.xml", R"(<?xml version="1.0"?><Package><Identity Version="1.0.0.0"/>)"
-                                      R"(<Properties><DisplayName>Threads</DisplayName></Properties></Package>)");
-    LogCapture& log = *new LogCapture();  // the process-wide runtime logs until the process ends
+    env.package.Write("AppxManifest.xml", R"(<?xml version="1.0"?><Package><Identity Version="1.0.0.0"/>)"
+                                          R"(<Properties><DisplayName>Threads</DisplayName></Properties></Package>)");
     HostOptions options;
-    options.packageDirectory = package.path();
-    options.localDirectory = local.path();
-    options.logSink = log.Sink();
-    options.internetAvailable = [] { return true; };  // the server is on this machine
     options.connectTo = {"acme.tt.vantor.example:80:" + host};
-    ASSERT_TRUE(Host::Configure(options));
+    ASSERT_TRUE(env.ConfigureProcess(R"({"analytics":{"rsids":"rs","server":")" + host +
+                                         R"(","offlineEnabled":true,"batchLimit":0,"poi":[["Here",40.7,-74.0,50000]]},)"
+                                         R"("vantor":{"clientCode":"acme","timeout":2},"cohorta":{"server":")" + host + R"("}})",
+                                     options));
     ASSERT_EQ(Analytics::GetQueueSize(), 0u);  // the library runs from here on
 
     // Reads both data files without pause while the threads run: each read must be a whole document.
@@ -137,9 +132,9 @@ TEST(Concurrency, EveryPublicOperationFromEightThreadsKeepsEachThreadsOrder) {
         for (; running; std::this_thread::sleep_for(std::chrono::microseconds(500))) {  // leaves the cores to the library
             try {
                 std::vector<QueuedHit> hits;
-                ParseQueueFile(local.Read(HitQueue::kFileName), hits);
+                ParseQueueFile(env.local.Read(HitQueue::kFileName), hits);
                 TimedActionMap actions;
-                ParseTimedActionsFile(local.Read(TimedActionStore::kFileName), actions,
+                ParseTimedActionsFile(env.local.Read(TimedActionStore::kFileName), actions,
                                       [&](const std::string&, const std::string&) { ++tornReads; });
                 ++reads;
             } catch (const std::exception& e) {
@@ -185,10 +180,12 @@ TEST(Concurrency, EveryPublicOperationFromEightThreadsKeepsEachThreadsOrder) {
         last->second = std::stoll(hit.context.at("seq"));
     }
     EXPECT_FALSE(lastSeen.empty());
-    for (const auto& line : log.Lines()) {
+    for (const auto& line : env.log.Lines()) {
         EXPECT_EQ(line.find("Unexpected error in background work"), std::string::npos) << line;
         EXPECT_EQ(line.find("Velmora Error:"), std::string::npos) << line;
     }
+    // The log capture and directories die with this scope; the library must stop writing first.
+    EXPECT_TRUE(Host::Shutdown(std::chrono::seconds(30)));
 }
 
 }  // namespace
