@@ -164,7 +164,7 @@ TEST_P(MediaScenario, SendsTheseHitsAndLogsTheseLines) {
     for (const Step& step : GetParam().steps) {
         if (step.busy) {
             std::promise<void> release;
-            media.Queue().Post([gate = release.get_future().share()] { gate.wait(); });
+            env.runtime->GeneralQueue().Post([gate = release.get_future().share()] { gate.wait(); });
             env.clock->Advance(std::chrono::seconds(step.busy));
             release.set_value();
         }
@@ -172,7 +172,7 @@ TEST_P(MediaScenario, SendsTheseHitsAndLogsTheseLines) {
             env.clock->Advance(1s);
             settle();
         }
-        if (step.call) media.Queue().Post([&media, &step] { step.call(media); });
+        if (step.call) env.runtime->GeneralQueue().Post("Media", [&media, &step] { step.call(media); });
         settle();
     }
     EXPECT_EQ(transcript, GetParam().transcript);
@@ -201,10 +201,10 @@ INSTANTIATE_TEST_SUITE_P(
                   Open("A", 100), Play("A"), Open("C", 100), Tick(1), Open("A", 100), Play("A")},
                  {"0s m_s A view=true", "5s m_i A timePlayed=5", NoItem("play", "A"), "5s m_s A view=true",
                   "6s m_i A timePlayed=1", "6s m_s A view=true"}},
-        Scenario{"TrackDropsEmptyValuesAndAlwaysSends",
+        Scenario{"TrackDropsEmptyValuesKeepsTheCallersFieldsAndAlwaysSends",
                  {Open("Show", 100), Track("Show", {{"early", "1"}}), Play("Show"), Track("Show", {{"kept", "1"}, {"dropped", ""}}),
                   Tick(3), Track("Show", {{"kept", "2"}, {"a.media.name", "Mine"}, {"dropped", ""}}), Track("Show")},
-                 {"0s m_s Show view=true", "0s m_s Show view=true kept=1", "3s m_i Show timePlayed=3 kept=2",
+                 {"0s m_s Show view=true", "0s m_s Show view=true kept=1", "3s m_i Mine timePlayed=3 kept=2",
                   "3s m_i Show"}},
         Scenario{"SecondCompleteLeavesABlankSnapshotThatEndsPlaying",
                  {Open("Song", 100).With(&S::TrackSeconds, 2), Play("Song"), Tick(3), Complete("Song", 3), Complete("Song", 3),
