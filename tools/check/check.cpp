@@ -330,7 +330,7 @@ void CheckVantor(Report& report, const Json* section, const ConfigSettings& conf
     level.Field("timeout", Expect::kNumber, std::to_string(config.vantorTimeout) + " s",
                 "how long an offer request may take");
     level.Range("timeout", config.vantorTimeout, kMinVantorTimeout, kMaxVantorTimeout, " seconds",
-                "0 or less means offer requests have no time-out at all",
+                "0 or less gives every offer request its default content at once, without asking the service",
                 "an offer's future may wait that long before it yields the default content");
     level.UnknownKeys({"clientCode", "timeout"});
 }

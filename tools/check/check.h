@@ -10,7 +10,7 @@ namespace velmora::check {
 // that make sense (docs/configuration.md explains each).
 inline constexpr int kMaxBatchLimit = 1000;          // hits kept back before the sender starts
 inline constexpr int kMaxLifecycleTimeout = 86400;   // seconds a pause may last and still resume
-inline constexpr int kMinVantorTimeout = 1;          // seconds; 0 means no time-out at all
+inline constexpr int kMinVantorTimeout = 1;          // seconds; 0 or less sends no offer request at all
 inline constexpr int kMaxVantorTimeout = 60;
 
 // What velmora-check says about one package directory: for every key, the value the library
