@@ -139,6 +139,11 @@ std::optional<StringMap> CohortaClient::Signal(const StringMap& traits) {
         log_.Warning("Cohorta - Your config file is not set up to use Cohorta");
         return std::nullopt;
     }
+    // Nothing about the user leaves the device before consent, nor after an opt-out.
+    if (const auto privacy = config_.Privacy(); privacy != kPrivacyOptIn) {
+        log_.Debug("Cohorta - Ignoring signal due to privacy status being %s", PrivacyStatusText(privacy));
+        return std::nullopt;
+    }
     const std::string url = BuildSignalUrl(traits);
     log_.Debug("Cohorta - request (%s)", url.c_str());
     if (!ParsesAsUrl(url)) {

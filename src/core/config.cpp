@@ -114,6 +114,15 @@ std::int32_t TruncateToInt32(double value) {
     return static_cast<std::int32_t>(value);
 }
 
+const char* PrivacyStatusText(std::int32_t status) {
+    switch (status) {
+        case kPrivacyOptIn: return "opted in";
+        case kPrivacyOptOut: return "opted out";
+        case kPrivacyUnknown: return "unknown";
+        default: return "invalid";
+    }
+}
+
 std::int32_t PrivacyStatusFromString(const std::string& text) {
     if (text == "optedin") return kPrivacyOptIn;
     if (text == "optedout") return kPrivacyOptOut;

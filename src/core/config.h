@@ -56,6 +56,8 @@ inline constexpr const char* kPrivacyStatusKey = "PrivacyStatus";
 
 // "optedin", "optedout", "optunknown"; anything else (other case included) is OptIn.
 std::int32_t PrivacyStatusFromString(const std::string& text);
+// "opted in", "opted out", "unknown", or "invalid" for any other value; for log lines.
+const char* PrivacyStatusText(std::int32_t status);
 
 // Parses the config text as the file loader does (logging as it goes); null when unusable.
 std::unique_ptr<ConfigSettings> ParseConfig(const std::string& text, SettingsStore& settings, const Logger& log);

@@ -227,6 +227,11 @@ std::string DeviceContext::ComputeAid() {
 }
 
 std::string DeviceContext::FetchAid() {
+    // An opted-out user's device asks no server for anything; a generated identifier serves.
+    if (config_().Privacy() == kPrivacyOptOut) {
+        log_.Debug("Analytics - Not retrieving aid from server due to privacy status being opted out");
+        return "";
+    }
     const std::string url = std::string(config_().ssl ? "https://" : "http://") + config_().server + "/id";
     try {
         RequestHandler request(http_(), url);

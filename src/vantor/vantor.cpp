@@ -138,6 +138,11 @@ std::string Vantor::Load(const OfferRequest& request) {
         log_.Warning("Vantor - Your config file is not set up to use Vantor");
         return "";
     }
+    // Nothing about the user leaves the device before consent, nor after an opt-out.
+    if (const auto privacy = config_.Privacy(); privacy != kPrivacyOptIn) {
+        log_.Debug("Vantor - Ignoring request due to privacy status being %s", PrivacyStatusText(privacy));
+        return request.defaultContent;
+    }
     if (request.name.empty()) {
         log_.Warning("Vantor - VantorLocationRequest parameter must have a location name");
         return request.defaultContent;

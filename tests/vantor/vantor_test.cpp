@@ -17,6 +17,7 @@ protected:
         log.SetDebugEnabled(true);
         config.vantorClientCode = "acme";
         config.vantorTimeout = 1;
+        config.privacyStatus = kPrivacyOptIn;
     }
     // A module on the local directory's settings, as each run of the application makes it.
     std::unique_ptr<Vantor> Make() {
