@@ -49,42 +49,44 @@ bool AnalyticsTracker::PassesGate() {
     return true;
 }
 
+// The timestamp is taken here, on the queue that runs the calls in order, so that timestamps rise
+// with the hits' places in the queue.
 void AnalyticsTracker::GatedTrackState(std::string state, StringMap contextData) {
     if (!PassesGate()) return;
-    queue_.Post([this, state = std::move(state), contextData = std::move(contextData)]() mutable {
-        BuildState(state, std::move(contextData));
-    });
+    queue_.Post([this, state = std::move(state), contextData = std::move(contextData),
+                 timestamp = clock_.NowSeconds()]() mutable { BuildState(state, std::move(contextData), timestamp); });
 }
 
 void AnalyticsTracker::GatedTrackAction(std::string action, StringMap contextData) {
     if (!PassesGate()) return;
-    queue_.Post([this, action = std::move(action), contextData = std::move(contextData)]() mutable {
-        BuildAction(action, std::move(contextData));
-    });
+    TrackAction(action, contextData);
 }
 
 void AnalyticsTracker::TrackAction(const std::string& name, const StringMap& contextData) {
-    queue_.Post([this, name, contextData]() mutable { BuildAction(name, std::move(contextData)); });
+    queue_.Post([this, name, contextData, timestamp = clock_.NowSeconds()]() mutable {
+        BuildAction(name, std::move(contextData), timestamp);
+    });
 }
 
 void AnalyticsTracker::TrackInternalAction(const std::string& name, const StringMap& contextData,
                                            std::int32_t timestamp) {
+    if (timestamp < 1) timestamp = clock_.NowSeconds();
     queue_.Post([this, name, contextData, timestamp]() mutable {
         BuildInternalAction(name, std::move(contextData), timestamp);
     });
 }
 
-void AnalyticsTracker::BuildState(const std::string& state, StringMap contextData) {
+void AnalyticsTracker::BuildState(const std::string& state, StringMap contextData, std::int32_t timestamp) {
     StringMap variables{{kPageNameKey, state.empty() ? device_.GetApplicationId() : state}};
-    BuildAndQueue(std::move(contextData), std::move(variables), clock_.NowSeconds());
+    BuildAndQueue(std::move(contextData), std::move(variables), timestamp);
 }
 
-void AnalyticsTracker::BuildAction(const std::string& action, StringMap contextData) {
+void AnalyticsTracker::BuildAction(const std::string& action, StringMap contextData, std::int32_t timestamp) {
     contextData.emplace(kActionKey, action);
     StringMap variables{{kEventKey, kLinkEvent},
                         {kActionNameKey, "AMACTION:" + action},
                         {kPageNameKey, device_.GetApplicationId()}};
-    BuildAndQueue(std::move(contextData), std::move(variables), clock_.NowSeconds());
+    BuildAndQueue(std::move(contextData), std::move(variables), timestamp);
 }
 
 void AnalyticsTracker::BuildInternalAction(const std::string& action, StringMap contextData,
@@ -94,10 +96,16 @@ void AnalyticsTracker::BuildInternalAction(const std::string& action, StringMap 
     StringMap variables{{kEventKey, kLinkEvent},
                         {kActionNameKey, "VLMINTERNAL:" + name},
                         {kPageNameKey, device_.GetApplicationId()}};
-    BuildAndQueue(std::move(contextData), std::move(variables), timestamp < 1 ? clock_.NowSeconds() : timestamp);
+    BuildAndQueue(std::move(contextData), std::move(variables), timestamp);
 }
 
 void AnalyticsTracker::BuildAndQueue(StringMap contextData, StringMap variables, std::int32_t timestamp) {
+    // Every path ends here, the library's own actions included: after an opt-out nothing about the
+    // user is queued, even a hit whose call came before it.
+    if (config_.Privacy() == kPrivacyOptOut) {
+        log_.Debug("Analytics - Ignoring hit due to privacy status being opted out");
+        return;
+    }
     HitFacts facts;
     facts.deviceContext = device_.GetContextData();
     facts.aid = device_.GetAid();

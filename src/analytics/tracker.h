@@ -17,10 +17,12 @@ namespace velmora {
 class DeviceContext;
 class HitQueue;
 
-// States and actions. Calls of the application pass the analytics gate on the general queue and
-// then move to the analytics queue, where hits are built one at a time and handed to the hit
-// queue; calls made in order on one thread therefore become hits in that order. Other modules send
-// their hits through the ActionTracker side, which skips the gate (they have applied their own).
+// States and actions. Calls of the application pass the analytics gate on the general queue, take
+// their timestamp there and then move to the analytics queue, where hits are built one at a time
+// and handed to the hit queue. Every module that makes hits runs on the general queue too, so calls
+// made in order on one thread become hits in that order, whichever module builds them. Other
+// modules send their hits through the ActionTracker side, which skips the gate (they have applied
+// their own); an opt-out stops every hit.
 class AnalyticsTracker : public ActionTracker {
 public:
     AnalyticsTracker(const Logger& log, Clock& clock, ConfigSettings& config, ModuleGates& gates, SerialQueue& general,
@@ -50,8 +52,8 @@ public:
     SerialQueue& Queue() { return queue_; }
 
 private:
-    void BuildState(const std::string& state, StringMap contextData);
-    void BuildAction(const std::string& action, StringMap contextData);
+    void BuildState(const std::string& state, StringMap contextData, std::int32_t timestamp);
+    void BuildAction(const std::string& action, StringMap contextData, std::int32_t timestamp);
     void BuildInternalAction(const std::string& action, StringMap contextData, std::int32_t timestamp);
     void BuildAndQueue(StringMap contextData, StringMap variables, std::int32_t timestamp);
 

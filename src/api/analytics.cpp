@@ -23,7 +23,7 @@ void Analytics::TrackState(const std::string& state, const ObjectMap& contextDat
     velmora::Call([&](Runtime& runtime) {
         auto translated = velmora::TranslateContextData(contextData, runtime.Log());
         ReadDisplayInformation(runtime);
-        runtime.GeneralQueue().Post([&runtime, state = velmora::ToValidUtf8(state),
+        runtime.GeneralQueue().Post("Analytics", [&runtime, state = velmora::ToValidUtf8(state),
                                      translated = std::move(translated)]() mutable {
             runtime.Tracker().GatedTrackState(state, std::move(translated));
         });
@@ -34,7 +34,7 @@ void Analytics::TrackAction(const std::string& action, const ObjectMap& contextD
     velmora::Call([&](Runtime& runtime) {
         auto translated = velmora::TranslateContextData(contextData, runtime.Log());
         ReadDisplayInformation(runtime);
-        runtime.GeneralQueue().Post([&runtime, action = velmora::ToValidUtf8(action),
+        runtime.GeneralQueue().Post("Analytics", [&runtime, action = velmora::ToValidUtf8(action),
                                      translated = std::move(translated)]() mutable {
             runtime.Tracker().GatedTrackAction(action, std::move(translated));
         });

@@ -27,7 +27,7 @@ void PostTracking(const ObjectMap& contextData, bool readDisplay, Work work) {
     velmora::Call([&](Runtime& runtime) {
         auto data = velmora::TranslateContextData(contextData, runtime.Log());
         if (readDisplay) ReadDisplayOnCallingThread(runtime);
-        runtime.GeneralQueue().Post([&runtime, data = std::move(data), work = std::move(work)]() mutable {
+        runtime.GeneralQueue().Post("Analytics", [&runtime, data = std::move(data), work = std::move(work)]() mutable {
             if (AnalyticsAllowed(runtime)) work(runtime, std::move(data));
         });
     });
@@ -56,7 +56,7 @@ void Analytics::TrackTimedActionStart(const std::string& action, const ObjectMap
 
 void Analytics::TrackTimedActionUpdate(const std::string& action, const ObjectMap& contextData) {
     PostTracking(contextData, false, [action = velmora::ToValidUtf8(action)](Runtime& runtime, velmora::StringMap data) {
-        runtime.TimedActions().Update(action, std::move(data));
+        runtime.TimedActions().Update(action, data);
     });
 }
 
@@ -69,8 +69,7 @@ void Analytics::TrackTimedActionEnd(const std::string& action) {
 std::future<bool> Analytics::TrackingTimedActionExistsAsync(const std::string& action) {
     // Through the general queue, so that the answer sees the starts and ends called before it.
     return velmora::PostForResult<bool>(false, [action = velmora::ToValidUtf8(action)](Runtime& runtime, auto completion) {
-        auto& store = runtime.TimedActions();
-        velmora::CompleteAfter(store.Queue(), store.Exists(action), completion);
+        completion->Set(runtime.TimedActions().Exists(action));
     });
 }
 

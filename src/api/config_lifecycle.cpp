@@ -11,14 +11,14 @@ using velmora::Runtime;
 
 void Config::CollectLifecycleData() {
     velmora::Call([](Runtime& runtime) {
-        runtime.GeneralQueue().Post([&runtime] { runtime.Sessions().Start(); });
+        runtime.GeneralQueue().Post("Analytics", [&runtime] { runtime.Sessions().Start(); });
         // Needs the application's window, which only the calling thread can reach.
         runtime.Device().GetResolution();
     });
 }
 
 void Config::PauseCollectingLifecycleData() {
-    velmora::Post([](Runtime& runtime) { runtime.Sessions().Pause(); });
+    velmora::Post("Analytics", [](Runtime& runtime) { runtime.Sessions().Pause(); });
 }
 
 double Config::GetLifetimeValue() {

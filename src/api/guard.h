@@ -54,12 +54,18 @@ void Call(F&& body) noexcept {
 }
 
 // Runs `work(runtime)` on the general queue. Configuration, settings and modules are loaded and
-// created there, so the caller's thread never waits for a file, the database or the network.
+// created there, so the caller's thread never waits for a file, the database or the network; a
+// failure of `work` is logged under `module`.
+template <class F>
+void Post(const char* module, F work) noexcept {
+    Call([&](Runtime& runtime) {
+        runtime.GeneralQueue().Post(module, [&runtime, work = std::move(work)]() mutable { work(runtime); });
+    });
+}
+
 template <class F>
 void Post(F work) noexcept {
-    Call([&](Runtime& runtime) {
-        runtime.GeneralQueue().Post([&runtime, work = std::move(work)]() mutable { work(runtime); });
-    });
+    Post("Config", std::move(work));
 }
 
 // The application's side of an asynchronous result. It always completes: with the value the work

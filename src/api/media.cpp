@@ -11,14 +11,18 @@ using velmora::Runtime;
 
 namespace {
 
-// Arguments are copied into the closure: the work runs later, on the media queue, reached through
-// the general queue so that the module and its configuration are made there.
+// Arguments are copied into the closure: the work runs later, on the general queue, in the order of
+// the calls, where the module and its configuration are made.
 template <class Work>
 void PostToMedia(Work work) {
-    velmora::Post([work = std::move(work)](Runtime& runtime) mutable {
-        auto& media = runtime.Media();
-        media.Queue().Post([&media, work = std::move(work)]() mutable { work(media); });
-    });
+    velmora::Post("Media", [work = std::move(work)](Runtime& runtime) mutable { work(runtime.Media()); });
+}
+
+// Guards the application's settings objects while Open copies one and while an opened ad's cleaned
+// parent name is written back into it. Never destroyed: library threads may outlive statics.
+velmora::Mutex& SettingsObjects() {
+    static auto* mutex = new velmora::Mutex();
+    return *mutex;
 }
 
 }  // namespace
@@ -56,21 +60,24 @@ std::shared_ptr<MediaSettings> Media::AdSettingsWith(const std::string& name, do
 void Media::Open(std::shared_ptr<MediaSettings> settings) {
     // The item takes its own copy: the application may change or reuse its object at once.
     velmora::Guard([&settings] {
-        auto copy = settings ? std::make_shared<MediaSettings>(*settings) : nullptr;
+        std::shared_ptr<MediaSettings> copy;
+        if (settings) {
+            velmora::MutexLock lock(SettingsObjects());
+            copy = std::make_shared<MediaSettings>(*settings);
+        }
         if (copy) {
             for (std::string* text : {&copy->Name, &copy->PlayerName, &copy->PlayerID, &copy->Channel, &copy->Milestones,
                                       &copy->OffsetMilestones, &copy->ParentName, &copy->ParentPod, &copy->CPM}) {
                 *text = velmora::ToValidUtf8(std::move(*text));
             }
         }
-        // An ad that opens shows its cleaned parent name in the application's object. Cleaning is pure,
-        // so it runs here and the object is never written from the queue; the copy stays uncleaned,
-        // as cleaning twice can remove more than once.
-        if (settings && settings->IsMediaAd && !settings->ParentName.empty() &&
-            !velmora::CleanMediaName(settings->Name).empty()) {
-            settings->ParentName = velmora::CleanMediaName(settings->ParentName);
-        }
-        PostToMedia([copy = std::move(copy)](MediaModule& media) { media.Open(copy); });
+        // Only an ad that opens shows its cleaned parent name in the application's object, and whether
+        // it opens is known only once the configuration has been read.
+        PostToMedia([copy = std::move(copy), settings](MediaModule& media) {
+            if (!media.Open(copy) || !copy->IsMediaAd) return;
+            velmora::MutexLock lock(SettingsObjects());
+            settings->ParentName = copy->ParentName;
+        });
     });
 }
 

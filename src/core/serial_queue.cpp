@@ -30,6 +30,16 @@ bool SerialQueue::Post(std::function<void()> work) {
     return true;
 }
 
+bool SerialQueue::Post(const char* module, std::function<void()> work) {
+    return Post([this, module, work = std::move(work)] {
+        try {
+            work();
+        } catch (const std::exception& e) {
+            log_.Error("%s - Unexpected error in background work (%s)", module, e.what());
+        }
+    });
+}
+
 bool SerialQueue::OnQueueThread() const { return tCurrentQueue == this; }
 
 bool SerialQueue::Drain(std::chrono::milliseconds timeout) {

@@ -24,6 +24,9 @@ public:
     SerialQueue& operator=(const SerialQueue&) = delete;
 
     bool Post(std::function<void()> work) EXCLUDES(mutex_);
+    // The same for a queue that runs several modules' work: a failure of `work` is logged under
+    // `module` (a string literal) rather than under the queue's own name.
+    bool Post(const char* module, std::function<void()> work) EXCLUDES(mutex_);
 
     // Posts `work` and returns a future for its result. An exception thrown by `work` is logged
     // by the queue and leaves the future with the value-initialised result.

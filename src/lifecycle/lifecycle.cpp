@@ -21,7 +21,7 @@ std::int32_t Incremented(std::int32_t count) { return AddSeconds(count, 1); }
 
 Lifecycle::Lifecycle(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, const Clock& clock,
                      DeviceContext& device, ActionTracker& tracker, TimedActionStore& timedActions,
-                     CohortaClient& cohorta, const Logger& log, Executor& executor)
+                     CohortaClient& cohorta, const Logger& log)
     : config_(config),
       gates_(gates),
       settings_(settings),
@@ -30,18 +30,7 @@ Lifecycle::Lifecycle(const ConfigSettings& config, ModuleGates& gates, SettingsS
       tracker_(tracker),
       timedActions_(timedActions),
       cohorta_(cohorta),
-      queue_("Analytics", log, executor) {}
-
-Lifecycle::~Lifecycle() { queue_.Shutdown(); }
-
-
-void Lifecycle::Start() {
-    queue_.Post([this] { StartLifecycle(); });
-}
-
-void Lifecycle::Pause() {
-    queue_.Post([this] { PauseLifecycle(); });
-}
+      log_(log) {}
 
 StringMap Lifecycle::GetLifecycleContextData() const {
     MutexLock lock(contextMutex_);
@@ -60,12 +49,20 @@ void Lifecycle::StoreSeconds(const char* key, std::int32_t seconds) {
     settings_.Insert(key, std::to_string(seconds));
 }
 
-void Lifecycle::PauseLifecycle() {
+void Lifecycle::Pause() {
+    collecting_ = false;
     settings_.Insert(kSuccessfulCloseKey, true);
     StoreSeconds(kPauseDateKey, clock_.NowSeconds());
 }
 
-void Lifecycle::StartLifecycle() {
+void Lifecycle::PauseIfCollecting() {
+    if (!collecting_) return;
+    log_.Debug("Analytics - The process ends normally: recording the pause of the running session");
+    Pause();
+}
+
+void Lifecycle::Start() {
+    collecting_ = true;
     if (settings_.HasKey(kPauseDateKey)) {
         const std::int32_t pausedAt = ReadSeconds(kPauseDateKey);
         if (pausedAt > 0) {

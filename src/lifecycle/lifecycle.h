@@ -7,7 +7,6 @@
 #include "core/device.h"
 #include "core/log.h"
 #include "core/mutex.h"
-#include "core/serial_queue.h"
 #include "core/settings_store.h"
 #include "timed_actions/timed_actions.h"
 
@@ -33,23 +32,24 @@ inline constexpr const char* kSessionStartKey = "VLMS_SessionStart";
 // Sessions of the host application: whether a launch resumes a paused session or starts a new one,
 // and for a new one the install, launch, upgrade, engaged-user, crash and session-length values,
 // sent as the "Lifecycle" internal action, handed to the audience module and kept for offers.
-// Start and pause run on the module's own queue. Settings failures are not caught here: they end
-// the step, and the queue logs them.
+// Start and pause run where they are called: on the general queue, in the order of the public
+// calls, so that the launch hit takes its place among the other calls' hits. Settings failures are
+// not caught here: they end the step, and the queue logs them.
 class Lifecycle {
 public:
     static constexpr std::int32_t kIgnoredSessionSeconds = 604800;  // seven days
 
     Lifecycle(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, const Clock& clock,
               DeviceContext& device, ActionTracker& tracker, TimedActionStore& timedActions,
-              CohortaClient& cohorta, const Logger& log, Executor& executor);
-    ~Lifecycle();
+              CohortaClient& cohorta, const Logger& log);
 
-    bool Flush(std::chrono::milliseconds timeout) { return queue_.Drain(timeout); }
-    void Shutdown() { queue_.Shutdown(); }
-
-    // The application came to the foreground / went to the background; posted, not run here.
+    // The application came to the foreground / went to the background.
     void Start();
     void Pause();
+    // The normal end of the process: the pause a phone gave every application before ending it,
+    // recorded only while collection runs (started and not paused since), so that the next launch
+    // reports no crash.
+    void PauseIfCollecting();
 
     // The values of the last new-session launch, device context included; empty before the first.
     // Safe from any thread.
@@ -59,8 +59,6 @@ public:
     std::int32_t CurrentSessionStart() const { return currentSessionStart_.load(); }
 
 private:
-    void StartLifecycle();
-    void PauseLifecycle();
     void Install(StringMap& values, std::int32_t now);
     void EngagedUserAndCrash(StringMap& values, std::int32_t now);
     void Upgrade(StringMap& values, std::int32_t now);
@@ -80,11 +78,12 @@ private:
     TimedActionStore& timedActions_;
     CohortaClient& cohorta_;
 
+    const Logger& log_;
+
     std::atomic<std::int32_t> currentSessionStart_{0};
+    bool collecting_ = false;  // general queue only
     mutable Mutex contextMutex_;
     StringMap contextData_ GUARDED_BY(contextMutex_);
-
-    SerialQueue queue_;
 };
 
 }  // namespace velmora

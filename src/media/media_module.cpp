@@ -7,24 +7,20 @@
 namespace velmora {
 
 MediaModule::MediaModule(const Logger& log, Clock& clock, std::function<bool()> analyticsConfigured,
-                         ActionTracker& tracker, Executor& executor)
+                         ActionTracker& tracker, SerialQueue& queue)
     : log_(log),
       clock_(clock),
       analyticsConfigured_(std::move(analyticsConfigured)),
       tracker_(tracker),
-      queue_("Media", log, executor) {}
+      queue_(queue) {}
 
 MediaModule::~MediaModule() { Shutdown(); }
-
-
-bool MediaModule::Flush(std::chrono::milliseconds timeout) { return queue_.Drain(timeout); }
 
 void MediaModule::Shutdown() {
     {
         MutexLock lock(monitorLock_->mutex);
         monitorLock_->closed = true;
     }
-    queue_.Shutdown();
     MutexLock lock(mutex_);
     for (auto& entry : items_) StopMonitor(entry.second);
 }
@@ -43,27 +39,27 @@ MediaModule::Items::iterator MediaModule::Find(const std::string& name, const ch
 
 // ---------------------------------------------------------------- operations
 
-void MediaModule::Open(const std::shared_ptr<Velmora::MediaSettings>& settings) {
-    if (!Gate()) return;
+bool MediaModule::Open(const std::shared_ptr<Velmora::MediaSettings>& settings) {
+    if (!Gate()) return false;
     if (!settings) {
         log_.Warning("Analytics - VLMMediaSettings is required with a valid name. Media item not opened");
-        return;
+        return false;
     }
-    OpenItem(*settings);
+    return OpenItem(*settings);
 }
 
-void MediaModule::OpenItem(Velmora::MediaSettings& settings) {
+bool MediaModule::OpenItem(Velmora::MediaSettings& settings) {
     MutexLock lock(mutex_);
     const std::string name = CleanMediaName(settings.Name);
     if (name.empty()) {
         log_.Warning("Analytics - VLMMediaSettings is required with a valid name. Media item not opened");
-        return;
+        return false;
     }
     if (settings.IsMediaAd) {
         if (settings.ParentName.empty()) {
             log_.Warning("Analytics - Media ad requires parent name, please specify a parent name. "
                          "Media item not opened");
-            return;
+            return false;
         }
         settings.ParentName = CleanMediaName(settings.ParentName);
     }
@@ -99,6 +95,7 @@ void MediaModule::OpenItem(Velmora::MediaSettings& settings) {
         item.CPM = settings.CPM;
     }
     items_.insert_or_assign(name, std::move(item));
+    return true;
 }
 
 void MediaModule::Close(const std::string& rawName) {

@@ -18,24 +18,25 @@
 namespace velmora {
 
 // Media playback measurement: the open items, their once-a-second monitors and the "Media" hits.
-// The public operations post to the module's queue; each operation below is what runs there. Every
-// operation holds the media lock from start to end, hit included. Errors thrown while opening an
-// item (bad milestone text) are left to the queue, which logs them and goes on.
+// The operations run where they are called: on the general queue, in the order of the public
+// calls, so that their hits take their places among the other calls' hits; the monitors' ticks are
+// posted to that queue too. Every operation holds the media lock from start to end, hit included.
+// Errors thrown while opening an item (bad milestone text) reach the caller's queue, which logs them
+// and goes on.
 class MediaModule final {
 public:
-    // `analyticsConfigured` is asked on the queue before each operation.
-    MediaModule(const Logger& log, Clock& clock, std::function<bool()> analyticsConfigured, ActionTracker& tracker, Executor& executor);
+    // `analyticsConfigured` is asked before each operation; `queue` runs the monitors' ticks.
+    MediaModule(const Logger& log, Clock& clock, std::function<bool()> analyticsConfigured, ActionTracker& tracker,
+                SerialQueue& queue);
     ~MediaModule();
     MediaModule(const MediaModule&) = delete;
     MediaModule& operator=(const MediaModule&) = delete;
 
-
-    bool Flush(std::chrono::milliseconds timeout);
+    // Stops every monitor; ticks already posted find nothing to do.
     void Shutdown() EXCLUDES(mutex_);
 
-    SerialQueue& Queue() { return queue_; }
-
-    void Open(const std::shared_ptr<Velmora::MediaSettings>& settings) EXCLUDES(mutex_);
+    // Opens the item; true when it opened (the analytics gate passed and the settings were usable).
+    bool Open(const std::shared_ptr<Velmora::MediaSettings>& settings) EXCLUDES(mutex_);
     void Close(const std::string& name) EXCLUDES(mutex_);
     void Play(const std::string& name, double offset) EXCLUDES(mutex_);
     void Complete(const std::string& name, double offset) EXCLUDES(mutex_);
@@ -43,8 +44,9 @@ public:
     void Click(const std::string& name, double offset) EXCLUDES(mutex_);
     void Track(const std::string& name, StringMap contextData) EXCLUDES(mutex_);
 
-    // Opening without the analytics check. An ad's cleaned parent name is written back to `settings`.
-    void OpenItem(Velmora::MediaSettings& settings) EXCLUDES(mutex_);
+    // Opening without the analytics check; true when the item opened. An ad's cleaned parent name is
+    // written back to `settings`.
+    bool OpenItem(Velmora::MediaSettings& settings) EXCLUDES(mutex_);
 
 
 private:
@@ -80,10 +82,10 @@ private:
     ActionTracker& tracker_;
     const std::shared_ptr<MonitorLock> monitorLock_ = std::make_shared<MonitorLock>();
 
+    SerialQueue& queue_;
+
     Mutex mutex_;  // the media lock
     Items items_ GUARDED_BY(mutex_);
-
-    SerialQueue queue_;  // last member: stops before anything it runs against
 };
 
 }  // namespace velmora

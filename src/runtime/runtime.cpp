@@ -48,9 +48,10 @@ Runtime::Runtime(HostOptions options, std::shared_ptr<Clock> clock)
       log_(host_.logSink),
       clock_(clock ? std::move(clock) : std::make_shared<SystemClock>()) {}
 
-// A test's runtime: whatever is in flight is ended rather than waited for.
+// A test's runtime: whatever is in flight is ended rather than waited for, and a running session is
+// left running, as a killed process leaves it.
 Runtime::~Runtime() {
-    Stop(std::chrono::seconds(30), /*deliver=*/false, /*bounded=*/false);
+    Stop(std::chrono::seconds(30), /*deliver=*/false, /*normalEnd=*/false);
     if (stopper_.joinable()) stopper_.join();
 }
 
@@ -147,8 +148,7 @@ AnalyticsTracker& Runtime::Tracker() {
 }
 
 TimedActionStore& Runtime::TimedActions() {
-    return timedActions_.Get(
-        [this] { return std::make_unique<TimedActionStore>(Files(), Tracker(), *clock_, log_, executor_); });
+    return timedActions_.Get([this] { return std::make_unique<TimedActionStore>(Files(), Tracker(), *clock_, log_); });
 }
 
 CohortaClient& Runtime::Audience() {
@@ -160,7 +160,7 @@ CohortaClient& Runtime::Audience() {
 Lifecycle& Runtime::Sessions() {
     return sessions_.Get([this] {
         return std::make_unique<Lifecycle>(Config(), Gates(), Settings(), *clock_, Device(), Tracker(), TimedActions(),
-                                           Audience(), log_, executor_);
+                                           Audience(), log_);
     });
 }
 
@@ -180,9 +180,9 @@ LocationTracker& Runtime::Location() {
 
 MediaModule& Runtime::Media() {
     return media_.Get([this] {
-        // The gate is asked on the media queue, so the configuration is read there on first use.
+        // The gate is asked on the general queue, so the configuration is read there on first use.
         return std::make_unique<MediaModule>(log_, *clock_, [this] { return Gates().Analytics(); }, Tracker(),
-                                             executor_);
+                                             GeneralQueue());
     });
 }
 
@@ -205,10 +205,7 @@ void Runtime::ForEachModuleInOrder(Visit&& visit) {
     auto each = [&](auto* module) {
         if (module != nullptr) visit(module);
     };
-    each(sessions_.IfCreated());
-    each(media_.IfCreated());
     each(offers_.IfCreated());
-    each(timedActions_.IfCreated());
     each(audience_.IfCreated());
     each(tracker_.IfCreated());
     each(hits_.IfCreated());
@@ -227,21 +224,29 @@ bool Runtime::Flush(std::chrono::milliseconds timeout) {
 }
 
 void Runtime::StopThreads() {
+    // The monitors first: their ticks would be posted to a queue that no longer runs them.
+    if (auto* media = media_.IfCreated()) media->Shutdown();
     if (auto* queue = general_.IfCreated()) queue->Shutdown();
     ForEachModuleInOrder([](auto* module) { module->Shutdown(); });
     executor_.Shutdown();
 }
 
 bool Runtime::Shutdown(std::chrono::milliseconds timeout, bool deliver) {
-    return Stop(timeout, deliver, /*bounded=*/true);
+    return Stop(timeout, deliver, /*normalEnd=*/true);
 }
 
-bool Runtime::Stop(std::chrono::milliseconds timeout, bool deliver, bool bounded) {
+bool Runtime::Stop(std::chrono::milliseconds timeout, bool deliver, bool normalEnd) {
     // Not under a creation lock: a module being made may be stuck (a hung file system, or a TLS
     // library that another exit handler has already torn down), and the end must not wait for it.
     if (shutDown_.exchange(true)) return false;
     closed_ = true;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
+    // After every call made before the end, so that a session started just before it is closed too.
+    if (auto* queue = general_.IfCreated(); queue != nullptr && normalEnd) {
+        queue->Post([this] {
+            if (auto* sessions = sessions_.IfCreated()) sessions->PauseIfCollecting();
+        });
+    }
     // Delivering gets most of the time; the rest is for saving and for the hit in flight.
     if (deliver) Flush(timeout - std::min(timeout / 4, std::chrono::milliseconds(250)));
 
@@ -252,7 +257,7 @@ bool Runtime::Stop(std::chrono::milliseconds timeout, bool deliver, bool bounded
     if (hits != nullptr) hits->WaitUntilIdle(deadline);
     if (auto* http = http_.IfCreated()) http->Abort();
 
-    if (!bounded) {
+    if (!normalEnd) {
         StopThreads();
     } else {
         // A thread that cannot be stopped in time is left to the end of the process: only the

@@ -91,17 +91,19 @@ public:
     // Waits until every queue has run what was posted before the call and the sender is idle.
     bool Flush(std::chrono::milliseconds timeout);
 
-    // Within `timeout`: delivers what the start rule allows (when `deliver`), lets what was tracked
-    // reach the hit queue file, gives the hit in flight the rest of the time for its answer, then
-    // ends every request and stops every thread. True when no hit is left queued. Only the first
-    // call does anything.
+    // Within `timeout`: records the pause of a running session, delivers what the start rule allows
+    // (when `deliver`), lets what was tracked reach the hit queue file, gives the hit in flight the
+    // rest of the time for its answer, then ends every request and stops every thread. True when no
+    // hit is left queued. Only the first call does anything.
     bool Shutdown(std::chrono::milliseconds timeout, bool deliver);
     // After Shutdown: public calls are ignored.
     bool Closed() const { return closed_.load(); }
     bool FirstIgnoredCall() { return !warnedClosed_.exchange(true); }
 
 private:
-    bool Stop(std::chrono::milliseconds timeout, bool deliver, bool bounded);
+    // A normal end (Shutdown, the end of the process) records the pause of a running session and
+    // leaves a thread that cannot be stopped in time to the end of the process.
+    bool Stop(std::chrono::milliseconds timeout, bool deliver, bool normalEnd);
     void StopThreads();
     // Modules after the general queue, in the direction work flows: each may still post to the ones
     // after it, so flushing and stopping go in this order.

@@ -159,7 +159,7 @@ Outcome RunUnder(const char* locale) {
     auto settings = Velmora::Media::SettingsWith("clip", 130.7, "player", "");
     settings->Milestones = "25,50";
     settings->SegmentByMilestones = true;
-    media.Queue().Post([&] {
+    runtime.GeneralQueue().Post([&] {
         media.Open(settings);
         media.Play("clip", 10.5);
         media.Track("clip", data);

@@ -3,6 +3,7 @@
 // files' owners log the failure, keep everything in memory, leave the previous document whole and
 // no temporary file, and write it all once the disk takes writes again.
 #include "child_process.h"
+#include "analytics/tracker.h"
 #include "runtime/runtime.h"
 #include "timed_actions/timed_actions.h"
 
@@ -30,7 +31,7 @@ TEST(DiskFaults, TheQueueAndTheTimedActionsKeepTheirChangesAndTheOldFilesAndSave
     timed.Start("a", {{"k", "1"}});
     timed.Start("b", {});
     ASSERT_EQ(hits.SizeAfterPendingWork().get(), 2u);
-    ASSERT_TRUE(timed.Exists("b").get());
+    ASSERT_TRUE(timed.Exists("b"));
     const std::string queue = env.local.Read(HitQueue::kFileName), actions = env.local.Read(TimedActionStore::kFileName);
     {
         FileSizeLimit limit(std::min(queue.size(), actions.size()));
@@ -38,7 +39,7 @@ TEST(DiskFaults, TheQueueAndTheTimedActionsKeepTheirChangesAndTheOldFilesAndSave
         timed.Start("c", {{"k", "3"}});
         timed.Update("a", {{"k", "2"}});
         EXPECT_EQ(hits.SizeAfterPendingWork().get(), 3u);
-        EXPECT_TRUE(timed.Exists("c").get());
+        EXPECT_TRUE(timed.Exists("c"));
     }
     EXPECT_EQ(env.local.Read(HitQueue::kFileName), queue);
     EXPECT_EQ(env.local.Read(TimedActionStore::kFileName), actions);
@@ -47,10 +48,11 @@ TEST(DiskFaults, TheQueueAndTheTimedActionsKeepTheirChangesAndTheOldFilesAndSave
     EXPECT_EQ(Failures(env.log, "Velmora Error:Analytics - Unable to save timed actions file ("), 2u);
 
     hits.QueueHit(hit("D"), 4);
-    timed.End("b");
-    EXPECT_EQ(hits.SizeAfterPendingWork().get(), 4u);
-    ASSERT_FALSE(timed.Exists("b").get());
-    EXPECT_EQ(QueuedNames(env.local), (std::vector<std::string>{"A", "B", "C", "D"}));
+    timed.End("b");  // its action hit follows D
+    ASSERT_TRUE(env.runtime->Tracker().Flush(std::chrono::seconds(10)));
+    EXPECT_EQ(hits.SizeAfterPendingWork().get(), 5u);
+    ASSERT_FALSE(timed.Exists("b"));
+    EXPECT_EQ(QueuedNames(env.local), (std::vector<std::string>{"A", "B", "C", "D", "Unknown 0.0.0 (0)"}));
     TimedActionMap saved;
     ParseTimedActionsFile(env.local.Read(TimedActionStore::kFileName), saved,
                           [](const std::string& name, const std::string&) { ADD_FAILURE() << name; });

@@ -37,18 +37,17 @@ struct Application : ::testing::Test {
         r.Config();  // read before debug lines are on
         r.Log().SetDebugEnabled(true);
         env.log.Clear();
-        timed = std::make_unique<TimedActionStore>(r.Files(), tracker, r.GetClock(), r.Log(), r.Workers());
+        timed = std::make_unique<TimedActionStore>(r.Files(), tracker, r.GetClock(), r.Log());
         lifecycle = std::make_unique<Lifecycle>(r.Config(), r.Gates(), r.Settings(), r.GetClock(),
-                                                r.Device(), tracker, *timed, Cohorta(), r.Log(), r.Workers());
+                                                r.Device(), tracker, *timed, Cohorta(), r.Log());
     }
     void Answer(const std::string& body) {  // to audience signals; "HOLD" never answers
         audience.OnGet([this, body](const httplib::Request& request, httplib::Response& response) {
             if (request.path == "/event") body == "HOLD" ? audience.Hold() : response.set_content(body, "text/json");
         });
     }
-    void At(std::int64_t seconds) {  // once what was posted ran at the old time
-        const auto limit = std::chrono::seconds(10);
-        EXPECT_TRUE(!lifecycle || (lifecycle->Flush(limit) && timed->Flush(limit) && Cohorta().Flush(limit)));
+    void At(std::int64_t seconds) {  // once the signals posted ran at the old time
+        EXPECT_TRUE(!lifecycle || Cohorta().Flush(std::chrono::seconds(10)));
         env.clock->SetMillis(seconds * 1000);
     }
     CohortaClient& Cohorta() { return env.runtime->Audience(); }

@@ -20,7 +20,7 @@ TEST_F(Application, ARestartedTimedActionCountsPausedTimeInTheTotalOnlyAndOutliv
     timed->Start("a", {{"step", "2"}, {"a.action.time.total", "caller"}});  // starts over
     At(kStart + 150);
     timed->Shift(100);
-    ASSERT_TRUE(timed->Exists("a").get());
+    ASSERT_TRUE(timed->Exists("a"));
     EXPECT_EQ(File(), R"({"Actions":[{"name":"a","start":1426000000,"adjusted":1426000100,)"
                       R"("data":{"a.action.time.total":"caller","step":"2"}}]})");
     Launch();
@@ -29,7 +29,7 @@ TEST_F(Application, ARestartedTimedActionCountsPausedTimeInTheTotalOnlyAndOutliv
     EXPECT_CALL(tracker, TrackAction("a", StringMap{{"a.action.time.inapp", "100"}, {"a.action.time.total", "200"},
                                                     {"step", "3"}, {"w", "5"}}));
     timed->End("a");
-    EXPECT_FALSE(timed->Exists("a").get());
+    EXPECT_FALSE(timed->Exists("a"));
     EXPECT_EQ(File(), R"({"Actions":[]})");
     EXPECT_TRUE(env.log.Lines().empty());
 }
@@ -37,14 +37,14 @@ TEST_F(Application, ARestartedTimedActionCountsPausedTimeInTheTotalOnlyAndOutliv
 TEST_F(Application, BrokenTimedActionsAndBadInputAreLoggedAndChangeNothingElse) {
     env.local.Write(TimedActionStore::kFileName, R"({"Actions":5})");
     Launch();
-    EXPECT_FALSE(timed->Exists("").get());
+    EXPECT_FALSE(timed->Exists(""));
     EXPECT_THAT(env.log.Lines(),
                 ElementsAre(MatchesRegex("Velmora Error:Analytics - Unable to load timed actions \\(.+\\)\\.")));
     env.local.Write(TimedActionStore::kFileName, R"({"Actions":[{"name":"bad","start":"soon"},7,{"name":"good",)"
                     R"("start":1425999900,"adjusted":1425999950.9,"data":{"k":"v"}},{"name":"nums","data":{"k":1}}]})");
     env.clock->SetMillis(kStart * 1000);
     Launch();
-    EXPECT_FALSE(timed->Exists("bad").get() || timed->Exists("nums").get());
+    EXPECT_FALSE(timed->Exists("bad") || timed->Exists("nums"));
     const std::string parse = "Velmora Error:Analytics - unable to parse timed action \\(\"";
     EXPECT_THAT(env.log.Lines(), ElementsAre(MatchesRegex(parse + "bad\" - .+\\)"), MatchesRegex(parse + "\" - .+\\)"),
                                              MatchesRegex(parse + "nums\" - .+\\)")));
@@ -59,14 +59,14 @@ TEST_F(Application, BrokenTimedActionsAndBadInputAreLoggedAndChangeNothingElse) 
     for (const auto& [call, line] : refused) {
         env.log.Clear();
         call();
-        ASSERT_TRUE(timed->Exists("good").get());
+        ASSERT_TRUE(timed->Exists("good"));
         EXPECT_EQ(env.log.Lines(), std::vector<std::string>{"Velmora Warning:Analytics - " + line});
     }
     At(kStart + 100);
     EXPECT_CALL(tracker, TrackAction("good", StringMap{{"a.action.time.inapp", "150"},
                                                        {"a.action.time.total", "200"}, {"k", "v"}}));
     timed->End("good");
-    EXPECT_FALSE(timed->Exists("good").get());
+    EXPECT_FALSE(timed->Exists("good"));
 }
 
 }  // namespace
