@@ -28,6 +28,9 @@ constexpr std::int64_t kUnmappedCurlBase = std::int64_t{1} << 32;
 constexpr long kMaxRedirects = 10;
 // Easy handles kept for reuse; more than this many parallel requests is unusual.
 constexpr std::size_t kMaxIdleHandles = 8;
+// An idle connection is closed between one and two of these after its last request: a burst of
+// requests shares it, but a server's closing of it (CLOSE-WAIT on our side) is not kept for long.
+constexpr std::chrono::milliseconds kIdleConnectionCheck{2000};
 
 std::int64_t MapCurlCode(CURLcode code) {
     switch (code) {
@@ -155,17 +158,22 @@ const char* DescribeHResult(std::int64_t code) {
 // Idle transfer handles. Each easy handle runs inside a multi handle of its own, which keeps the
 // connection cache, so a request that takes the pair the previous one gave back reuses that
 // request's connection; the multi handle also lets Abort wake a transfer that is waiting.
-struct HttpClient::Shared {
+struct HttpClient::Shared : std::enable_shared_from_this<HttpClient::Shared> {
     struct Handle {
         CURL* easy = nullptr;
         CURLM* multi = nullptr;
     };
 
+    explicit Shared(Clock& clock) : clock(clock) {}
+
+    Clock& clock;
     Slist connectTo;
     Mutex mutex;
     std::vector<Handle> idle GUARDED_BY(mutex);
     std::vector<CURLM*> active GUARDED_BY(mutex);  // transfers that Abort must wake
     bool aborted GUARDED_BY(mutex) = false;
+    bool usedSinceCheck GUARDED_BY(mutex) = false;
+    std::shared_ptr<Timer> idleCheck GUARDED_BY(mutex);  // runs while idle handles are kept
 
     // Null once aborted: no new request starts.
     std::optional<Handle> Take() {
@@ -190,12 +198,32 @@ struct HttpClient::Shared {
     void Give(Handle handle) {
         {
             MutexLock lock(mutex);
-            if (idle.size() < kMaxIdleHandles) {
+            usedSinceCheck = true;
+            if (idle.size() < kMaxIdleHandles && !aborted) {
                 idle.push_back(handle);
+                if (!idleCheck) {
+                    std::weak_ptr<Shared> self = shared_from_this();
+                    idleCheck = clock.Every(kIdleConnectionCheck, [self] {
+                        if (auto shared = self.lock()) shared->CloseIdleUnlessUsed();
+                    });
+                }
                 return;
             }
         }
         Close(handle);
+    }
+
+    // The timer's tick: the handles idle since the last tick are closed with their connections.
+    void CloseIdleUnlessUsed() {
+        std::vector<Handle> closing;
+        {
+            MutexLock lock(mutex);
+            if (std::exchange(usedSinceCheck, false)) return;
+            closing.swap(idle);
+            if (idleCheck) idleCheck->Cancel();
+            idleCheck.reset();
+        }
+        for (const auto& handle : closing) Close(handle);
     }
 
     // False when the client was aborted before the transfer could be registered.
@@ -251,14 +279,16 @@ CURLcode RunTransfer(HttpClient::Shared& shared, const HttpClient::Shared::Handl
 
 }  // namespace
 
-HttpClient::HttpClient(const Logger& log, std::vector<std::string> connectTo)
-    : log_(log), shared_(std::make_unique<Shared>()) {
+HttpClient::HttpClient(const Logger& log, std::vector<std::string> connectTo, Clock& clock)
+    : log_(log), shared_(std::make_shared<Shared>(clock)) {
     shared_->connectTo = MakeSlist(connectTo);
 }
 
 HttpClient::~HttpClient() {
     MutexLock lock(shared_->mutex);
+    if (shared_->idleCheck) shared_->idleCheck->Cancel();
     for (const auto& handle : shared_->idle) Shared::Close(handle);
+    shared_->idle.clear();
 }
 
 void HttpClient::Abort() {

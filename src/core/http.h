@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/clock.h"
 #include "core/log.h"
 
 #include <cstdint>
@@ -41,10 +42,12 @@ public:
 };
 
 // Shared by every request of a runtime: the host's connect-to entries and a connection cache, so
-// that consecutive requests to one server reuse their connection.
+// that consecutive requests to one server reuse their connection. A connection left idle for a
+// while is closed (checked on `clock`'s timer), so that an idle process keeps none that its server
+// has closed.
 class HttpClient : public Transport {
 public:
-    HttpClient(const Logger& log, std::vector<std::string> connectTo);
+    HttpClient(const Logger& log, std::vector<std::string> connectTo, Clock& clock);
     ~HttpClient() override;
 
     std::int32_t Get(const std::string& url, const Headers& headers, std::int32_t timeoutMillis) override;
@@ -59,7 +62,7 @@ public:
 
 private:
     const Logger& log_;
-    std::unique_ptr<Shared> shared_;
+    std::shared_ptr<Shared> shared_;
 };
 
 // One HTTP GET. A time-out covers the whole request (resolution, connection and response) and is

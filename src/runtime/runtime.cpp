@@ -122,7 +122,7 @@ SerialQueue& Runtime::GeneralQueue() {
 }
 
 HttpClient& Runtime::Http() {
-    return http_.Get([this] { return std::make_unique<HttpClient>(log_, host_.connectTo); });
+    return http_.Get([this] { return std::make_unique<HttpClient>(log_, host_.connectTo, *clock_); });
 }
 
 DeviceContext& Runtime::Device() {

@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sstream>
+
 #include <regex>
 #include <set>
 #include <thread>
@@ -42,7 +45,8 @@ struct Http : ::testing::Test {
     test::LoopbackServer server;  // outlives the client, so the client closes its connections first
     test::LogCapture capture;
     Logger log{capture.Sink()};
-    HttpClient http{log, {}};
+    ManualClock clock;
+    HttpClient http{log, {}, clock};
 };
 
 TEST_F(Http, TransportFailuresLogTheTableMessageAndThrow) {
@@ -78,11 +82,32 @@ TEST_F(Http, TransportFailuresLogTheTableMessageAndThrow) {
     EXPECT_STREQ(DescribeHResult(static_cast<std::int32_t>(0x80072EFF)), "The connection with the server was reset.");
 }
 
-TEST_F(Http, StatusesComeBackSilentlyOverOneConnection) {
+// Sockets of this machine connected to `port` whose peer has closed them (CLOSE-WAIT).
+std::size_t ClosedByPeer(int port) {
+    std::ifstream table("/proc/net/tcp");
+    std::size_t count = 0;
+    std::string line, local, remote, state;
+    std::getline(table, line);  // the heading
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        fields >> local >> local >> remote >> state;
+        count += state == "08" && std::stoi(remote.substr(remote.find(':') + 1), nullptr, 16) == port;
+    }
+    return count;
+}
+
+TEST_F(Http, StatusesComeBackSilentlyOverOneConnectionWhichIsClosedOnceIdle) {
     server.Script({404, 500, 202});
     for (int status : {404, 500, 202}) EXPECT_EQ(Request(server.Url("/"))->GetStatusCode(), status);
     EXPECT_EQ(server.Connections(), 1u) << "consecutive requests reuse their connection";
     EXPECT_TRUE(capture.Lines().empty());
+    ASSERT_TRUE(test::WaitUntil([&] { return ClosedByPeer(server.Port()) == 1; })) << "the server keeps it open";
+    clock.Advance(std::chrono::seconds(2));
+    EXPECT_EQ(ClosedByPeer(server.Port()), 1u) << "used since the last check";
+    clock.Advance(std::chrono::seconds(2));
+    EXPECT_EQ(ClosedByPeer(server.Port()), 0u);
+    EXPECT_EQ(Request(server.Url("/"))->GetStatusCode(), 200);
+    EXPECT_EQ(server.Connections(), 2u);
 }
 
 // To the sender a time-out is a status, which offline tracking retries. A body's request that

@@ -33,7 +33,7 @@ protected:
     ConfigSettings config;
     ModuleGates gates{config};
     ManualClock clock{1'426'000'000'000};
-    HttpClient http{log, {kHost + ":80:" + server.Address()}};
+    HttpClient http{log, {kHost + ":80:" + server.Address()}, clock};
     std::unique_ptr<SettingsStore> store;
     StringMap lifecycle;
     float ltv = 0;

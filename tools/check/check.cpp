@@ -452,7 +452,8 @@ void CheckManifest(const std::filesystem::path& packageDirectory, Report& report
     CapturedLog captured;
     ScratchSettings settings;
     ConfigSettings config;
-    HttpClient http(captured.log, {});
+    SystemClock clock;  // no request is made: the manifest is all that is read
+    HttpClient http(captured.log, {}, clock);
     HostOptions host;
     host.packageDirectory = packageDirectory;
     DeviceContext device(host, config, settings.Store(), http, captured.log);
