@@ -128,6 +128,29 @@ TEST_F(ExitTest, ProgramsThatEndWhileWaitingOutACooldownOrForAnswersEndCleanly) 
     }
 }
 
+// The end of a process that ran its exit handlers is the pause a phone gave every application before
+// ending it; only an end without them is a crash at the next launch.
+TEST_F(ExitTest, OnlyAnEndWithoutTheExitHandlersIsReportedAsACrashAtTheNextLaunch) {
+    LoopbackServer server;
+    package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
+                                            R"(","lifecycleTimeout":0}})");  // every launch a new session
+    const std::pair<const char*, int> ends[] = {
+        {"return", 0}, {"abort", 128 + SIGABRT}, {"exit", 0}, {"kill", 128 + SIGKILL}, {"shutdown", 0}};
+    for (const auto& [end, status] : ends) {
+        SCOPED_TRACE(end);
+        ChildProcess session(VELMORA_EXIT_PROGRAM, {"session", end, "up", package.path(), local.path()},
+                             errors / "session.err");
+        EXPECT_EQ(session.Wait(std::chrono::seconds(20)), status) << session.ErrorOutput();
+        ASSERT_EQ(Run("launch", 0, "").lines.front(), "flush 1");
+        std::map<std::string, std::string> launch;
+        for (const auto& hit : server.Hits()) {
+            if (hit.variables.count("pev2") && hit.variables.at("pev2") == "VLMINTERNAL:Lifecycle") launch = hit.context;
+        }
+        EXPECT_EQ(launch.count("aCrashEvent"), status != 0 ? 1u : 0u);
+        EXPECT_EQ(launch.count("aPrevSessionLength"), status != 0 ? 0u : 1u);
+    }
+}
+
 // A configuration file that cannot be opened yet (a pipe without a writer, as a hung file system
 // would behave) holds up the library's threads, never the application's.
 TEST_F(ExitTest, CallsReturnWhileTheConfigurationFileHangs) {

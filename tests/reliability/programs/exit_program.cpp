@@ -13,11 +13,16 @@
 //                     must return at once ("returned <ms>"); then, once the file can be read, flush
 //   endless           for the kill tests: track states "r<COUNT>n0", "r<COUNT>n1", ... (COUNT is
 //                     the round) until killed, printing "ready" once the first is saved
+//   session           start collecting lifecycle data, then end as COUNT says: "return", "exit",
+//                     "shutdown", "abort" or "kill" (SIGKILL)
+//   launch            start collecting lifecycle data and print "flush 1" when Host::Flush left
+//                     nothing queued
 // The other modes print "ending" just before they end, so that the caller can time the end.
 #include <velmora/Velmora.h>
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
@@ -85,6 +90,7 @@ int main(int argc, char** argv) {
     if (argc != 6) return 2;
     const std::string mode = argv[1];
     const int count = mode == "cooldown" ? 1 : std::atoi(argv[2]);
+    const std::string end = argv[2];
     const bool up = std::string(argv[3]) == "up";
     // Lives until the process ends: the library may log from its threads while exit() runs.
     struct Awaited {
@@ -125,6 +131,17 @@ int main(int argc, char** argv) {
                                                std::chrono::steady_clock::now() - start).count()));
     }
     Config::SetDebugLogging(true);
+    if (mode == "session" || mode == "launch") {
+        Config::CollectLifecycleData();
+        const bool flushed = Host::Flush(std::chrono::seconds(10));
+        if (mode == "launch") Print("flush " + std::to_string(flushed));
+        if (end == "shutdown") Host::Shutdown(std::chrono::seconds(5));
+        Print("ending");
+        if (end == "exit") std::exit(0);
+        if (end == "abort") std::abort();
+        if (end == "kill") std::raise(SIGKILL);
+        return 0;
+    }
     if (mode == "loaded" && !UseEveryPart()()) return 5;
     if (mode == "flush" || mode == "hung") Print("flush " + std::to_string(Host::Flush(std::chrono::seconds(10))));
     if (mode != "flush" && mode != "hung" && mode != "loaded") {
