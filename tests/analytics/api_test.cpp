@@ -30,7 +30,8 @@ constexpr const char* kHitPath = "/b/ss/rs1,rs2/0/WINU-4.0.0/";
 class PublicAnalytics : public ::testing::Test {
 protected:
     // Hits go to the loopback server over plain HTTP; with offline tracking, ten make a batch.
-    void Configure(bool offline) {
+    // `services` adds sections to the configuration; with them the identifier is not known yet.
+    void Configure(bool offline, const std::string& services = "") {
         ::setenv("TZ", "EST5EDT", 1);  // the hits carry the standard offset all year
         env_.package.Write("AppxManifest.xml", R"(<Package><Identity Version="1.2.3.4"/><Properties>
             <DisplayName>Demo</DisplayName></Properties></Package>)");
@@ -38,11 +39,13 @@ protected:
         options.deviceManufacturer = "Acme";
         options.deviceModel = "Phone1";
         options.languageTag = "de-AT";
+        options.connectTo = {"acme.tt.vantor.example:80:" + server_.Address()};
         ASSERT_TRUE(env_.ConfigureProcess(R"({"analytics":{"rsids":"rs1,rs2","server":")" + server_.Address() +
                                               R"(","charset":"UTF-8","privacyDefault":"optedin","ssl":false)" +
-                                              (offline ? R"(,"offlineEnabled":true,"batchLimit":10}})" : "}}"),
+                                              (offline ? R"(,"offlineEnabled":true,"batchLimit":10})" : "}") +
+                                              services + "}",
                                           options));
-        Runtime::Process().Settings().Insert(kAidKey, std::string(kAid));
+        if (services.empty()) Runtime::Process().Settings().Insert(kAidKey, std::string(kAid));
     }
 
     LoopbackServer server_;
@@ -101,6 +104,70 @@ TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEa
     EXPECT_EQ(env_.local.Read(HitQueue::kFileName), R"({"Hits":[]})");
     EXPECT_EQ(server_.Count(), 0u);
 }
+
+// Whichever module builds a hit, hits arrive in the order of the calls, and the out-of-order repair
+// never has to push a timestamp past the moment its hit is sent.
+TEST_F(PublicAnalytics, CallsOfEveryModuleBecomeHitsInCallOrderStampedNoLaterThanTheirSending) {
+    std::mutex mutex;
+    std::vector<std::pair<std::string, std::int64_t>> arrived;  // name, arrival in seconds
+    server_.OnGet([&](const httplib::Request& request, httplib::Response&) {
+        const ReceivedHit hit = DecodeHit(request.target);
+        const auto ts = std::stoll(hit.variables.at("ts"));
+        std::lock_guard lock(mutex);
+        const auto pev2 = hit.variables.find("pev2");
+        arrived.emplace_back(pev2 != hit.variables.end() ? pev2->second : hit.variables.at("pageName"),
+                             std::time(nullptr) - ts);
+    });
+    Configure(true);
+    Velmora::Config::CollectLifecycleData();
+    std::vector<std::string> expected{"VLMINTERNAL:Lifecycle"};
+    for (int round = 0; round < 6; ++round) {
+        const std::string n = std::to_string(round);
+        Velmora::Analytics::TrackTimedActionStart("T" + n);
+        Velmora::Analytics::TrackState("S" + n);
+        Velmora::Analytics::TrackTimedActionEnd("T" + n);
+        Velmora::Analytics::TrackAction("A" + n);
+        Velmora::Analytics::TrackLifetimeValueIncrease(1.5f);
+        Velmora::Analytics::TrackLocation(40.7, -74.0, 5);
+        expected.insert(expected.end(), {"S" + n, "AMACTION:T" + n, "AMACTION:A" + n,
+                                         "VLMINTERNAL:LifetimeValueIncrease", "VLMINTERNAL:Location"});
+    }
+    ASSERT_TRUE(Velmora::Host::Flush(kWait));
+    std::lock_guard lock(mutex);
+    std::vector<std::string> names;
+    for (const auto& [name, lead] : arrived) {
+        names.push_back(name);
+        EXPECT_GE(lead, 0) << name << " was stamped after it was sent";
+    }
+    EXPECT_EQ(names, expected);
+}
+
+// Consent covers every request: before it (Unknown) and after an opt-out no offer and no audience
+// signal leaves the device, the launch's own signal included; after an opt-out no hit is queued by
+// any path and the identifier is made on the device.
+class Consent : public PublicAnalytics, public ::testing::WithParamInterface<Velmora::VelmoraPrivacyStatus> {};
+
+TEST_P(Consent, NoOfferOrSignalLeavesWithoutOptInAndNothingIsQueuedAfterAnOptOut) {
+    const bool optOut = GetParam() == Velmora::VelmoraPrivacyStatus::OptOut;
+    Configure(true, R"(,"vantor":{"clientCode":"acme"},"cohorta":{"server":")" + server_.Address() + "\"}");
+    Velmora::Config::SetPrivacyStatus(GetParam());
+    Velmora::Config::CollectLifecycleData();
+    Velmora::Analytics::TrackState("S");
+    Velmora::Analytics::TrackLocation(40.7, -74.0, 5);
+    EXPECT_EQ(Velmora::Vantor::LoadRequest(Velmora::Vantor::CreateRequest("home", "fallback", {})).get(), "fallback");
+    EXPECT_EQ(Velmora::Cohorta::SubmitSignal({{"trait", 1}}).get(), std::nullopt);
+    EXPECT_EQ(Velmora::Analytics::GetTrackingIdentifierAsync().get().size(), 33u);
+    EXPECT_EQ(Velmora::Analytics::GetQueueSize(), optOut ? 0u : 3u);
+    Velmora::Host::Flush(kWait);
+    EXPECT_EQ(server_.Targets(), optOut ? std::vector<std::string>{} : std::vector<std::string>{"/id"});
+    EXPECT_EQ(optOut, env_.local.Read(HitQueue::kFileName).find("pageName") == std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Statuses, Consent,
+                         ::testing::Values(Velmora::VelmoraPrivacyStatus::OptOut, Velmora::VelmoraPrivacyStatus::Unknown),
+                         [](const auto& info) {
+                             return info.param == Velmora::VelmoraPrivacyStatus::OptOut ? "OptOut" : "Unknown";
+                         });
 
 // A refused hit must not hold back the save that the hits after it are waiting for.
 TEST_F(PublicAnalytics, AnOverLongHitIsRefusedAndTheHitsAfterItAreInTheFileAtOnce) {
