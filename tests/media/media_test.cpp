@@ -288,5 +288,17 @@ TEST(MediaApi, OpensACopyTranslatesTrackDataAndSendsTheCostOnlyWithThePlay) {
     }
 }
 
+// Nothing opens without analytics, so nothing is written back either.
+TEST(MediaApi, WithoutAnalyticsAnAdLeavesTheApplicationsObjectAsItIs) {
+    test::TestRuntime t;
+    ASSERT_TRUE(t.ConfigureProcess(R"({"vantor":{"clientCode":"c"}})"));
+    Velmora::Config::SetDebugLogging(true);
+    auto settings = Velmora::Media::AdSettingsWith("Spot", 15, "Ads", "Mo\nvie", "pod", 1, "3");
+    Velmora::Media::Open(settings);
+    Velmora::Host::Flush(std::chrono::seconds(30));
+    EXPECT_EQ(settings->ParentName, "Mo\nvie");
+    EXPECT_TRUE(t.log.Contains("Velmora Warning:Analytics - Your config file is not set up to use Analytics"));
+}
+
 }  // namespace
 }  // namespace velmora

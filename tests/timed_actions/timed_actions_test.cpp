@@ -35,11 +35,16 @@ TEST_F(Application, ARestartedTimedActionCountsPausedTimeInTheTotalOnlyAndOutliv
 }
 
 TEST_F(Application, BrokenTimedActionsAndBadInputAreLoggedAndChangeNothingElse) {
-    env.local.Write(TimedActionStore::kFileName, R"({"Actions":5})");
-    Launch();
-    EXPECT_FALSE(timed->Exists(""));
-    EXPECT_THAT(env.log.Lines(),
-                ElementsAre(MatchesRegex("Velmora Error:Analytics - Unable to load timed actions \\(.+\\)\\.")));
+    // A file cut short keeps the whole actions before the damage.
+    for (const auto& [text, kept] : {std::pair<std::string, bool>{R"({"Actions":5})", false},
+                                     {R"({"Actions":[{"name":"x","start":1,"adjusted":1,"data":{}},{"name":"y","st)", true}}) {
+        env.local.Write(TimedActionStore::kFileName, text);
+        Launch();
+        EXPECT_EQ(timed->Exists("x"), kept) << text;
+        EXPECT_FALSE(timed->Exists("y") || timed->Exists(""));
+        EXPECT_THAT(env.log.Lines(),
+                    ElementsAre(MatchesRegex("Velmora Error:Analytics - Unable to load timed actions \\(.+\\)\\.")));
+    }
     env.local.Write(TimedActionStore::kFileName, R"({"Actions":[{"name":"bad","start":"soon"},7,{"name":"good",)"
                     R"("start":1425999900,"adjusted":1425999950.9,"data":{"k":"v"}},{"name":"nums","data":{"k":1}}]})");
     env.clock->SetMillis(kStart * 1000);
