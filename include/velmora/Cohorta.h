@@ -40,11 +40,12 @@ public:
     /// value, and entries with an empty key or value are left out. The service's answer gives the
     /// user's segments, which are stored (GetVisitorProfile()), the service's user id, which later
     /// signals carry, and destination addresses, which the library calls once each. The request
-    /// waits behind the signals before it and then takes at most 2 seconds.
+    /// waits behind the signals before it and then takes at most 2 seconds. Only while the privacy
+    /// status is OptIn is a signal sent: under OptOut or Unknown nothing leaves the device.
     /// @param traits the traits (see ObjectMap).
     /// @return a future that completes with the segments of the answer; `std::nullopt` when the
-    ///   answer has none, the request fails or times out, audience signals are off, or the library
-    ///   cannot answer. The future never throws.
+    ///   answer has none, the request fails or times out, audience signals are off, the privacy
+    ///   status is not OptIn, or the library cannot answer. The future never throws.
     static std::future<std::optional<StringMap>> SubmitSignal(const ObjectMap& traits);
 };
 

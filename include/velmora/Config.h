@@ -36,8 +36,10 @@ public:
     /// queued.
     static void CollectLifecycleData();
     /// Marks the session as paused: call when the application is hidden, minimised or goes to
-    /// the background, and before it exits normally (a session never paused counts as a crash at
-    /// the next launch). Returns at once; the work is queued.
+    /// the background. A normal end of the process (return from `main`, `exit()`,
+    /// Host::Shutdown()) records the same pause by itself; a session still running when the
+    /// process ends otherwise (a crash, a fatal signal, SIGKILL) counts as a crash at the next
+    /// launch. Returns at once; the work is queued.
     static void PauseCollectingLifecycleData();
     /// The lifetime value accumulated by Analytics::TrackLifetimeValueIncrease().
     /// Reads the local settings database on the calling thread (the first call of the process

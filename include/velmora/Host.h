@@ -96,14 +96,15 @@ public:
     /// @return true when no hit is left queued; false when the time-out passed first or hits stay
     ///   queued (offline, privacy not OptIn, held by the batch limit, or a server that fails).
     static bool Flush(std::chrono::milliseconds timeout);
-    /// Stops the library before the process exits: delivers what it can within the time-out (the
+    /// Stops the library before the process exits: closes a running lifecycle session as
+    /// Config::PauseCollectingLifecycleData() does, delivers what it can within the time-out (the
     /// hits of an earlier run included), saves the queue, ends the requests still in flight and
     /// stops the library's threads. Later calls of the library are ignored, with one warning line.
     /// A hit in flight when time runs out stays queued for the next run. Any thread but the
     /// library's own; blocks for at most `timeout` plus 40 ms (a thread that does not stop by then
     /// is left to the end of the process). Without it, a normal end of the process (return from
-    /// `main` or `exit()`) still saves every tracked hit, sends nothing new, and takes at most
-    /// 300 ms even with an unreachable server.
+    /// `main` or `exit()`) still saves every tracked hit, closes a running session, sends nothing
+    /// new, and takes at most 300 ms even with an unreachable server.
     /// @param timeout the longest time spent delivering and stopping.
     /// @return true when no hit is left queued.
     static bool Shutdown(std::chrono::milliseconds timeout);

@@ -96,7 +96,10 @@ public:
     /// Opens an item; nothing is sent until it plays. An item of the same name, or the item of the
     /// same player, is closed first (with its closing hit). The library copies the settings, so
     /// later changes to the object have no effect. A null pointer, an empty name or an ad without
-    /// a parent name is refused with a warning.
+    /// a parent name is refused with a warning. When an ad opens, its cleaned parent name (the
+    /// name as hits carry it) is written back into `settings`' ParentName, on a library thread once
+    /// the configuration is known to set up analytics; it shows there after Host::Flush(). Returns
+    /// at once; the work is queued.
     /// @param settings the item's settings.
     static void Open(std::shared_ptr<MediaSettings> settings);
     /// Closes an item: sends its last hit (with the seconds played) when it has played, counting

@@ -66,9 +66,12 @@ public:
     static std::string PcKey();  static std::string SessionKey();  static std::string HostKey();
     /// Asks the service for a location's content. The request waits behind the offer requests
     /// before it and then takes at most the configuration's "timeout" seconds (2 when absent).
+    /// Only while the privacy status is OptIn is a request sent: under OptOut or Unknown nothing
+    /// leaves the device.
     /// @param request the request; null yields the empty string.
     /// @return a future that completes with the answer's text; with the request's DefaultContent
-    ///   when the answer is empty, the request fails or times out, or the request has no Name; with
+    ///   when the answer is empty, the request fails or times out, the request has no Name, or the
+    ///   privacy status is not OptIn; with
     ///   the empty string when the request is null, offers are off, or the library cannot answer.
     ///   The future never throws.
     static std::future<std::string> LoadRequest(std::shared_ptr<VantorLocationRequest> request);
