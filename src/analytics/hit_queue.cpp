@@ -41,6 +41,12 @@ void HitQueue::QueueHit(std::string hit, std::int32_t timestamp) {
 }
 
 void HitQueue::Append(std::string hit, std::int32_t timestamp) {
+    // A hit built just before an opt-out arrives after the opt-out's clear: it must not stay.
+    if (config_.Privacy() == kPrivacyOptOut) {
+        store_.Withdraw();
+        log_.Debug("Analytics - Ignoring hit due to privacy status being opted out");
+        return;
+    }
     if (baseUrlBytes_ + hit.size() > kMaxUrlBytes) {
         store_.Withdraw();
         const std::string reason = "the request URL would be " + std::to_string(baseUrlBytes_ + hit.size()) +

@@ -42,10 +42,14 @@ bool AnalyticsTracker::PassesGate() {
         log_.Warning("Analytics - Your config file is not set up to use Analytics");
         return false;
     }
-    if (config_.Privacy() == kPrivacyOptOut) {
-        log_.Debug("Analytics - Ignoring hit due to privacy status being opted out");
-        return false;
-    }
+    return !OptedOut();
+}
+
+// Asked on the general queue, where the privacy setter runs too: a call made after an opt-out makes
+// no hit, whichever module makes it.
+bool AnalyticsTracker::OptedOut() {
+    if (config_.Privacy() != kPrivacyOptOut) return false;
+    log_.Debug("Analytics - Ignoring hit due to privacy status being opted out");
     return true;
 }
 
@@ -63,6 +67,7 @@ void AnalyticsTracker::GatedTrackAction(std::string action, StringMap contextDat
 }
 
 void AnalyticsTracker::TrackAction(const std::string& name, const StringMap& contextData) {
+    if (OptedOut()) return;
     queue_.Post([this, name, contextData, timestamp = clock_.NowSeconds()]() mutable {
         BuildAction(name, std::move(contextData), timestamp);
     });
@@ -70,6 +75,7 @@ void AnalyticsTracker::TrackAction(const std::string& name, const StringMap& con
 
 void AnalyticsTracker::TrackInternalAction(const std::string& name, const StringMap& contextData,
                                            std::int32_t timestamp) {
+    if (OptedOut()) return;
     if (timestamp < 1) timestamp = clock_.NowSeconds();
     queue_.Post([this, name, contextData, timestamp]() mutable {
         BuildInternalAction(name, std::move(contextData), timestamp);
@@ -100,12 +106,6 @@ void AnalyticsTracker::BuildInternalAction(const std::string& action, StringMap 
 }
 
 void AnalyticsTracker::BuildAndQueue(StringMap contextData, StringMap variables, std::int32_t timestamp) {
-    // Every path ends here, the library's own actions included: after an opt-out nothing about the
-    // user is queued, even a hit whose call came before it.
-    if (config_.Privacy() == kPrivacyOptOut) {
-        log_.Debug("Analytics - Ignoring hit due to privacy status being opted out");
-        return;
-    }
     HitFacts facts;
     facts.deviceContext = device_.GetContextData();
     facts.aid = device_.GetAid();

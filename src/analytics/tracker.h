@@ -21,8 +21,8 @@ class HitQueue;
 // their timestamp there and then move to the analytics queue, where hits are built one at a time
 // and handed to the hit queue. Every module that makes hits runs on the general queue too, so calls
 // made in order on one thread become hits in that order, whichever module builds them. Other
-// modules send their hits through the ActionTracker side, which skips the gate (they have applied
-// their own); an opt-out stops every hit.
+// modules send their hits through the ActionTracker side, which skips the configuration gate (they
+// have applied their own) but not the opt-out.
 class AnalyticsTracker : public ActionTracker {
 public:
     AnalyticsTracker(const Logger& log, Clock& clock, ConfigSettings& config, ModuleGates& gates, SerialQueue& general,
@@ -43,6 +43,8 @@ public:
 
     // Not configured: a warning; opted out: a debug line. True when the call may go on.
     bool PassesGate();
+    // Opted out: a debug line.
+    bool OptedOut();
 
     std::future<std::string> TrackingIdentifierAsync();
     // Waits for the general queue, then the analytics queue, then the hit queue's own work, so

@@ -29,9 +29,9 @@ constexpr const char* kHitPath = "/b/ss/rs1,rs2/0/WINU-4.0.0/";
 
 class PublicAnalytics : public ::testing::Test {
 protected:
-    // Hits go to the loopback server over plain HTTP; with offline tracking, ten make a batch.
+    // Hits go to the loopback server over plain HTTP; with offline tracking, `batch` make a batch.
     // `services` adds sections to the configuration; with them the identifier is not known yet.
-    void Configure(bool offline, const std::string& services = "") {
+    void Configure(bool offline, const std::string& services = "", int batch = 10) {
         ::setenv("TZ", "EST5EDT", 1);  // the hits carry the standard offset all year
         env_.package.Write("AppxManifest.xml", R"(<Package><Identity Version="1.2.3.4"/><Properties>
             <DisplayName>Demo</DisplayName></Properties></Package>)");
@@ -42,7 +42,7 @@ protected:
         options.connectTo = {"acme.tt.vantor.example:80:" + server_.Address()};
         ASSERT_TRUE(env_.ConfigureProcess(R"({"analytics":{"rsids":"rs1,rs2","server":")" + server_.Address() +
                                               R"(","charset":"UTF-8","privacyDefault":"optedin","ssl":false)" +
-                                              (offline ? R"(,"offlineEnabled":true,"batchLimit":10})" : "}") +
+                                              (offline ? R"(,"offlineEnabled":true,"batchLimit":)" + std::to_string(batch) + "}" : "}") +
                                               services + "}",
                                           options));
         if (services.empty()) Runtime::Process().Settings().Insert(kAidKey, std::string(kAid));
@@ -118,7 +118,7 @@ TEST_F(PublicAnalytics, CallsOfEveryModuleBecomeHitsInCallOrderStampedNoLaterTha
         arrived.emplace_back(pev2 != hit.variables.end() ? pev2->second : hit.variables.at("pageName"),
                              std::time(nullptr) - ts);
     });
-    Configure(true);
+    Configure(true, "", 0);
     Velmora::Config::CollectLifecycleData();
     std::vector<std::string> expected{"VLMINTERNAL:Lifecycle"};
     for (int round = 0; round < 6; ++round) {

@@ -1,5 +1,6 @@
 // A hit's way out: built, kept in the queue file, sent by the sender.
 #include "analytics/hit_builder.h"
+#include "analytics/hit_queue.h"
 #include "analytics/hit_sender.h"
 #include "analytics/hit_store.h"
 #include "support/test_support.h"
@@ -286,6 +287,17 @@ TEST_F(HitSenderTest, WithoutAConnectionNothingIsSentUntilTheOneWatchSeesItBack)
     online = true;
     clock.Advance(HitSender::kConnectionCheckInterval);
     EXPECT_TRUE(WaitUntil([&] { return restarts.load() == 1; }));
+}
+
+// A hit built just before an opt-out reaches the queue after the opt-out has emptied it.
+TEST(HitQueueGate, AHitArrivingAfterAnOptOutIsNotQueued) {
+    TestRuntime env(R"({"analytics":{"rsids":"rs","server":"127.0.0.1:9","offlineEnabled":true,"batchLimit":5}})");
+    auto& hits = env.runtime->Hits();
+    hits.QueueHit("s1?AQB=1&ndh=1&pageName=A&AQE=1", 1);
+    ASSERT_EQ(hits.SizeAfterPendingWork().get(), 1u);
+    env.runtime->Config().privacyStatus = kPrivacyOptOut;
+    hits.QueueHit("s2?AQB=1&ndh=1&pageName=B&AQE=1", 2);
+    EXPECT_EQ(hits.SizeAfterPendingWork().get(), 1u);
 }
 
 }  // namespace
