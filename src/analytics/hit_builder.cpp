@@ -28,82 +28,16 @@ void AppendPair(std::string& out, const std::string& key, const std::string& val
     out += EscapeComponent(value);
 }
 
-struct Node {
-    std::string value;
-    std::map<std::string, std::unique_ptr<Node>> children;
-};
-
-void WriteTree(const Node& node, std::string& out) {
-    for (const auto& [segment, child] : node.children) {
-        const std::string escaped = EscapeComponent(segment);
-        if (!child->value.empty()) {
-            out += '&';
-            out += escaped;
-            out += '=';
-            out += EscapeComponent(child->value);
-        }
-        if (!child->children.empty()) {
-            out += '&';
-            out += escaped;
-            out += '.';
-            WriteTree(*child, out);
-            out += "&.";
-            out += escaped;
-        }
-    }
-}
-
-void Insert(Node& root, const std::string& key, const std::string& value) {
-    Node* node = &root;
-    std::size_t start = 0;
-    for (;;) {
-        const std::size_t dot = key.find('.', start);
-        const std::size_t end = dot == std::string::npos ? key.size() : dot;
-        if (end == start) return;  // empty segment: the walk stops and the value is dropped
-        auto& child = node->children[key.substr(start, end - start)];
-        if (!child) child = std::make_unique<Node>();
-        node = child.get();
-        if (dot == std::string::npos) {
-            node->value = value;
-            return;
-        }
-        start = dot + 1;
-    }
-}
-
 }  // namespace
 
-KeyCleaner::KeyCleaner()
-    : nonWordOrDot_(Compile(R"([\W.])")), dotRuns_(Compile(R"(([.]){2,})")), edgeDots_(Compile(R"(^[.]{1,}|[.]{1,}$)")) {}
+KeyCleaner::KeyCleaner() : nonWordOrDot_(Compile(R"([\W.])")) {}
 
 const std::string& KeyCleaner::Clean(const std::string& key) {
     auto found = remembered_.find(key);
     if (found != remembered_.end()) return found->second;
     if (remembered_.size() >= kMaxRemembered) remembered_.clear();
-    std::string cleaned = key;
-    if (!cleaned.empty()) {
-        cleaned = std::regex_replace(cleaned, nonWordOrDot_, "");
-        cleaned = std::regex_replace(cleaned, dotRuns_, ".");
-        cleaned = std::regex_replace(cleaned, edgeDots_, "");
-    }
+    std::string cleaned = std::regex_replace(key, nonWordOrDot_, "");
     return remembered_.emplace(key, std::move(cleaned)).first->second;
-}
-
-std::string SerializeContextTree(const StringMap& cleanedContextData) {
-    std::string out;
-    bool nested = false;
-    for (const auto& entry : cleanedContextData) nested = nested || entry.first.find('.') != std::string::npos;
-    if (!nested) {
-        // Every key is one segment: the tree would be the map itself.
-        for (const auto& [key, value] : cleanedContextData) {
-            if (!key.empty() && !value.empty()) AppendPair(out, key, value);
-        }
-        return out;
-    }
-    Node root;
-    for (const auto& [key, value] : cleanedContextData) Insert(root, key, value);
-    WriteTree(root, out);
-    return out;
 }
 
 std::string SerializeBody(const StringMap& variables, const StringMap& contextData, KeyCleaner& cleaner) {
@@ -114,7 +48,9 @@ std::string SerializeBody(const StringMap& variables, const StringMap& contextDa
         StringMap cleaned;
         for (const auto& [key, value] : contextData) cleaned.emplace(cleaner.Clean(key), value);
         out += "&c.";
-        out += SerializeContextTree(cleaned);
+        for (const auto& [key, value] : cleaned) {
+            if (!key.empty() && !value.empty()) AppendPair(out, key, value);
+        }
         out += "&.c";
     }
     return out;

@@ -10,12 +10,9 @@
 
 namespace velmora {
 
-// Makes context-data keys safe for the context group with three replacements, each applied to the
-// result of the one before: every non-word character and every dot is removed, runs of dots become
-// one dot, leading and trailing dots are removed. The first step already removes the dots, so the
-// other two find nothing; the order is kept as it is because servers have always seen keys cleaned
-// this way. Results are remembered: the same few keys come back in almost every hit.
-// Not thread-safe; one hit builder owns one cleaner.
+// Makes context-data keys safe for the context group: every non-word character and every dot is
+// removed, so a key never opens a nested group. Results are remembered: the same few keys come back
+// in almost every hit. Not thread-safe; one hit builder owns one cleaner.
 class KeyCleaner {
 public:
     KeyCleaner();
@@ -25,18 +22,12 @@ private:
     static constexpr std::size_t kMaxRemembered = 4096;
 
     std::regex nonWordOrDot_;
-    std::regex dotRuns_;
-    std::regex edgeDots_;
     std::unordered_map<std::string, std::string> remembered_;
 };
 
-// The context group's inner text for already cleaned keys: each key is split at "." into a path
-// of a tree, and the tree is written depth first, in key order. A key with an empty segment is
-// dropped.
-std::string SerializeContextTree(const StringMap& cleanedContextData);
-
 // Everything between "?AQB=1&ndh=1" and "&AQE=1": the variables, then the context group when there
-// is context data.
+// is context data, its entries in cleaned-key order; an entry whose key cleans to nothing, or whose
+// value is empty, is left out.
 std::string SerializeBody(const StringMap& variables, const StringMap& contextData, KeyCleaner& cleaner);
 
 // What every hit carries besides its own variables and context data.

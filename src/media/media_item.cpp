@@ -30,18 +30,6 @@ std::vector<std::int32_t> ParseList(const std::string& text, Accept accept) {
 
 }  // namespace
 
-const char* MediaEventName(std::int32_t eventType) {
-    switch (eventType) {
-        case kMediaPlay: return "PLAY";
-        case kMediaStop: return "STOP";
-        case kMediaMonitor: return "MONITOR";
-        case kMediaTrack: return "TRACK";
-        case kMediaComplete: return "COMPLETE";
-        case kMediaClick: return "CLICK";
-        default: return "CLOSE";
-    }
-}
-
 // Plain string work, not patterns: the application's thread cleans an ad's parent name, and
 // compiling patterns there would cost more than the whole call may.
 std::string CleanMediaName(const std::string& text) {
@@ -169,34 +157,6 @@ void UpdateState(MediaItem& item, std::int32_t eventType, double offset) {
     }
 
     current.eventType = eventType;
-    current.mediaEvent = MediaEventName(eventType);
-
-    if (eventType != kMediaClose) {
-        if (current.percent >= 100) {
-            current.mediaEvent = "CLOSE";
-        } else if (previous != nullptr) {
-            if (current.milestone > previous->milestone) {
-                current.mediaEvent = "MILESTONE";
-            } else if (current.offsetMilestone > previous->offsetMilestone) {
-                current.mediaEvent = "OFFSET_MILESTONE";
-            } else if (item.trackSeconds >= 1 && current.timePlayedSinceTrack >= item.trackSeconds) {
-                current.mediaEvent = "SECONDS";
-            }
-        }
-    }
-
-    MediaState keyed = current;
-    std::string key = keyed.mediaEvent;
-    if (keyed.mediaEvent == "MILESTONE") {
-        key += "_" + std::to_string(keyed.milestone);
-    } else if (keyed.mediaEvent == "OFFSET_MILESTONE") {
-        key += "_" + std::to_string(keyed.offsetMilestone);
-    }
-    auto& keys = item.trackedEventKeys;
-    if (std::find(keys.begin(), keys.end(), key) != keys.end()) {
-        keys.push_back(key);
-        keyed.eventFirstTime = true;
-    }
 }
 
 }  // namespace velmora

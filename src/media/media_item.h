@@ -22,15 +22,11 @@ enum MediaEventType : std::int32_t {
     kMediaClick = 7,
 };
 
-// "PLAY", "STOP", ...; any value without a name gives "CLOSE".
-const char* MediaEventName(std::int32_t eventType);
-
 // Playback as seen at one event.
 struct MediaState {
     std::string name;
     std::string segment;  // empty when not segmenting
     std::string playerName;
-    std::string mediaEvent;
     std::int32_t eventType = kMediaClose;
     std::int32_t offsetMilestone = 0;
     std::int32_t segmentNum = 0;  // 1-based, 0 when none
@@ -43,7 +39,6 @@ struct MediaState {
     bool complete = false;
     bool clicked = false;
     bool ad = false;
-    bool eventFirstTime = false;
     std::int32_t timestamp = 0;  // seconds since the epoch
     double timePlayedSinceTrack = 0;
 };
@@ -75,7 +70,6 @@ struct MediaItem {
     std::int32_t lastSegmentNum = 0;
     bool isAd = false;
     bool skipNextMonitor = false;  // nothing sets it today; the monitor tick still honours it
-    std::vector<std::string> trackedEventKeys;  // only ever grows from itself, so it stays empty
     std::vector<std::int32_t> milestones;
     std::vector<std::int32_t> offsetMilestones;
     bool completeSent = false;
