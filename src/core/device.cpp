@@ -184,8 +184,11 @@ std::string DeviceContext::GetResolution() {
             if (auto size = host_.windowSize()) {
                 resolution_ = FixedText(size->first, 0) + "x" + FixedText(size->second, 0);
             }
-        } catch (...) {
+        } catch (const std::exception& e) {
             // A failing window callback is the same as having no window.
+            log_.Warning("Analytics - The host's window size callback failed (%s)", e.what());
+        } catch (...) {
+            log_.Warning("Analytics - The host's window size callback failed (%s)", "unknown");
         }
     });
     return resolution_;
@@ -213,8 +216,9 @@ std::string DeviceContext::GetAid() {
 std::string DeviceContext::ComputeAid() {
     try {
         if (auto stored = LookupText(settings_(), kAidKey)) return *stored;
-    } catch (const SettingsError&) {
+    } catch (const SettingsError& e) {
         // Unreadable settings: an identifier for this run is better than none.
+        log_.Error("Analytics - Unable to read aid (%s)", e.what());
     }
     std::string aid = FetchAid();
     if (aid.empty()) aid = GenerateAid();
@@ -279,8 +283,9 @@ std::string DeviceContext::GetVisitorId() {
     MutexLock lock(visitorMutex_);
     try {
         if (auto stored = LookupText(settings_(), kVisitorIdKey)) return *stored;
-    } catch (const SettingsError&) {
+    } catch (const SettingsError& e) {
         // Fall back to the value of this run.
+        log_.Error("Analytics - Unable to read visitor id (%s)", e.what());
     }
     return visitorId_;
 }

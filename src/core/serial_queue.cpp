@@ -36,6 +36,8 @@ bool SerialQueue::Post(const char* module, std::function<void()> work) {
             work();
         } catch (const std::exception& e) {
             log_.Error("%s - Unexpected error in background work (%s)", module, e.what());
+        } catch (...) {
+            log_.Error("%s - Unexpected error in background work (unknown)", module);
         }
     });
 }

@@ -71,6 +71,9 @@ auto SerialQueue::Submit(F work) -> std::future<decltype(work())> {
         } catch (const std::exception& e) {
             log_.Error("%s - Unexpected error in background work (%s)", prefix_.c_str(), e.what());
             if constexpr (std::is_void_v<R>) promise->set_value(); else promise->set_value(R{});
+        } catch (...) {
+            log_.Error("%s - Unexpected error in background work (unknown)", prefix_.c_str());
+            if constexpr (std::is_void_v<R>) promise->set_value(); else promise->set_value(R{});
         }
     };
     if (!Post(std::move(body))) {
