@@ -8,15 +8,15 @@ namespace Velmora {
 
 using velmora::Runtime;
 
-std::string Vantor::OrderIdKey() { return "orderId"; }
-std::string Vantor::OrderTotalKey() { return "orderTotal"; }
-std::string Vantor::ProductPurchasedIdKey() { return "productPurchasedId"; }
-std::string Vantor::CategoryIdKey() { return "categoryId"; }
-std::string Vantor::ThirdPartyIdKey() { return "mbox3rdPartyId"; }
-std::string Vantor::PageValueKey() { return "mboxPageValue"; }
-std::string Vantor::PcKey() { return "mboxPC"; }
-std::string Vantor::SessionKey() { return "mboxSession"; }
-std::string Vantor::HostKey() { return "mboxHost"; }
+std::string Vantor::OrderIdKey() { return velmora::kOrderIdKey; }
+std::string Vantor::OrderTotalKey() { return velmora::kOrderTotalKey; }
+std::string Vantor::ProductPurchasedIdKey() { return velmora::kProductPurchasedIdKey; }
+std::string Vantor::CategoryIdKey() { return velmora::kCategoryIdKey; }
+std::string Vantor::ThirdPartyIdKey() { return velmora::kThirdPartyIdKey; }
+std::string Vantor::PageValueKey() { return velmora::kPageValueKey; }
+std::string Vantor::PcKey() { return velmora::kPcIdKey; }
+std::string Vantor::SessionKey() { return velmora::kSessionIdKey; }
+std::string Vantor::HostKey() { return velmora::kHostKey; }
 
 std::future<std::string> Vantor::LoadRequest(std::shared_ptr<VantorLocationRequest> request) {
     std::optional<velmora::OfferRequest> offer;
@@ -52,9 +52,9 @@ std::shared_ptr<VantorLocationRequest> Vantor::CreateOrderConfirmRequest(const s
                                                                          const ObjectMap& parameters) {
     return velmora::Guard(std::shared_ptr<VantorLocationRequest>(), [&] {
         auto request = std::make_shared<VantorLocationRequest>(VantorLocationRequest{name, "", parameters});
-        request->Parameters.insert_or_assign("orderId", orderId);
-        request->Parameters.insert_or_assign("orderTotal", orderTotal);
-        request->Parameters.insert_or_assign("productPurchasedId", productPurchasedId);
+        request->Parameters.insert_or_assign(velmora::kOrderIdKey, orderId);
+        request->Parameters.insert_or_assign(velmora::kOrderTotalKey, orderTotal);
+        request->Parameters.insert_or_assign(velmora::kProductPurchasedIdKey, productPurchasedId);
         return request;
     });
 }

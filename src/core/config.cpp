@@ -164,7 +164,7 @@ std::unique_ptr<ConfigSettings> ParseConfig(const std::string& text, SettingsSto
 std::unique_ptr<ConfigSettings> LoadConfig(const std::filesystem::path& packageDirectory, SettingsStore& settings,
                                            const Logger& log) {
     std::unique_ptr<ConfigSettings> config;
-    const std::string name = std::string("VelmoraConfig") + "." + "json";
+    const std::string name = kConfigFileName;
     try {
         if (auto text = ReadWholeFile(packageDirectory / name)) {
             config = ParseConfig(*text, settings, log);

@@ -15,8 +15,16 @@
 
 namespace velmora {
 
+// The service's parameter and cookie names, which applications use as keys too.
 inline constexpr const char* kPcIdKey = "mboxPC";
 inline constexpr const char* kSessionIdKey = "mboxSession";
+inline constexpr const char* kHostKey = "mboxHost";
+inline constexpr const char* kOrderIdKey = "orderId";
+inline constexpr const char* kOrderTotalKey = "orderTotal";
+inline constexpr const char* kProductPurchasedIdKey = "productPurchasedId";
+inline constexpr const char* kCategoryIdKey = "categoryId";
+inline constexpr const char* kThirdPartyIdKey = "mbox3rdPartyId";
+inline constexpr const char* kPageValueKey = "mboxPageValue";
 // The offer service's hosts are "<client code>" + this suffix; developers route it with connectTo.
 inline constexpr const char* kVantorHostSuffix = ".tt.vantor.example";
 
