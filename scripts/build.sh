@@ -9,7 +9,9 @@ shift || true
 case "$flavour" in
   plain) args=(-DVELMORA_BUILD_BENCHMARKS=ON) ;;
   asan)  args=(-DVELMORA_SANITIZE=address,undefined -DVELMORA_BUILD_EXAMPLES=OFF) ;;
-  tsan)  args=(-DVELMORA_SANITIZE=thread -DVELMORA_BUILD_EXAMPLES=OFF -DVELMORA_BUILD_TOOLS=OFF) ;;
+  # clang, so that every change also passes the compiler's check of the thread-safety annotations.
+  tsan)  args=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DVELMORA_SANITIZE=thread
+               -DVELMORA_BUILD_EXAMPLES=OFF -DVELMORA_BUILD_TOOLS=OFF) ;;
   fuzz)  args=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DVELMORA_BUILD_FUZZERS=ON
                "-DVELMORA_SANITIZE=address,undefined" "-DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link"
                -DVELMORA_BUILD_TESTS=OFF -DVELMORA_BUILD_TOOLS=OFF -DVELMORA_BUILD_EXAMPLES=OFF) ;;
