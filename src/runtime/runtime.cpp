@@ -25,6 +25,7 @@ struct ProcessState {
     Mutex mutex;
     HostOptions pending GUARDED_BY(mutex);
     std::atomic<Runtime*> instance{nullptr};
+    std::vector<Runtime*> retired GUARDED_BY(mutex);
 };
 
 // Never destroyed: worker threads may still run while static destructors do at exit.
@@ -69,7 +70,22 @@ Runtime& Runtime::Process() {
     return *runtime;
 }
 
-void Runtime::ArmExitHandler() { std::atexit(OnProcessExit); }
+void Runtime::ArmExitHandler() {
+    static std::once_flag armed;
+    std::call_once(armed, [] { std::atexit(OnProcessExit); });
+}
+
+void Runtime::RetireProcess() {
+    auto& state = State();
+    Runtime* runtime = nullptr;
+    {
+        MutexLock lock(state.mutex);
+        runtime = state.instance.exchange(nullptr);
+        state.pending = HostOptions();
+        if (runtime != nullptr) state.retired.push_back(runtime);
+    }
+    if (runtime != nullptr) runtime->Shutdown(std::chrono::seconds(10), /*deliver=*/false);
+}
 
 bool Runtime::ConfigureProcess(HostOptions options) {
     auto& state = State();

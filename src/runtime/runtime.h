@@ -48,6 +48,10 @@ public:
     static Runtime& Process();
     // Host::Configure: stores the options for the process-wide instance; false once it exists.
     static bool ConfigureProcess(HostOptions options);
+    // For tests that share one process: shuts the process-wide instance down and forgets it, with
+    // the options configured for it, so that the next call starts a fresh one. The retired instance
+    // is kept, as the process-wide one is never destroyed, but no call reaches it any more.
+    static void RetireProcess();
     // Makes a normal end of the process (return from main, exit()) save what was tracked.
     static void ArmExitHandler();
     // How long the end of the process may take, with an unreachable server included.

@@ -32,7 +32,6 @@ protected:
     // Hits go to the loopback server over plain HTTP; with offline tracking, `batch` make a batch.
     // `services` adds sections to the configuration; with them the identifier is not known yet.
     void Configure(bool offline, const std::string& services = "", int batch = 10) {
-        ::setenv("TZ", "EST5EDT", 1);  // the hits carry the standard offset all year
         env_.package.Write("AppxManifest.xml", R"(<Package><Identity Version="1.2.3.4"/><Properties>
             <DisplayName>Demo</DisplayName></Properties></Package>)");
         Velmora::HostOptions options;
@@ -48,6 +47,7 @@ protected:
         if (services.empty()) Runtime::Process().Settings().Insert(kAidKey, std::string(kAid));
     }
 
+    ScopedEnv zone_{"TZ", "EST5EDT"};  // the hits carry the standard offset all year
     LoopbackServer server_;
     TestRuntime env_;
 };

@@ -113,8 +113,7 @@ struct LaunchHistory : Application, ::testing::WithParamInterface<History> {
 };
 
 TEST_P(LaunchHistory, SendsTheLifecycleValuesAndStoresTheSessionState) {
-    ::setenv("TZ", "LCL-10", 1);
-    ::tzset();
+    const ScopedEnv zone("TZ", "LCL-10");
     const auto& [name, events, timeout] = GetParam();
     std::size_t sent = 0;
     for (const Event& event : events) {

@@ -18,6 +18,7 @@
 #include <iterator>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -115,23 +116,49 @@ inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milli
     return true;
 }
 
+// Sets an environment variable (and the C library's idea of the time zone) while it lives.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value) : name_(name) {
+        if (const char* old = std::getenv(name)) saved_ = old;
+        ::setenv(name, value, 1);
+        ::tzset();
+    }
+    ~ScopedEnv() {
+        saved_ ? ::setenv(name_, saved_->c_str(), 1) : ::unsetenv(name_);
+        ::tzset();
+    }
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    const char* name_;
+    std::optional<std::string> saved_;
+};
+
 // A runtime on temporary package and local directories with a manual clock and a log capture.
 struct TestRuntime {
     explicit TestRuntime(const std::string& configJson = "", HostOptions options = {}) {
         if (!configJson.empty()) package.Write("VelmoraConfig.json", configJson);
         runtime = Restart(std::move(options));
     }
+    // The process-wide runtime this one configured stops before the directories and the log it
+    // borrowed go, so that the next test in the process starts a fresh one.
+    ~TestRuntime() {
+        if (configuredProcess) Runtime::RetireProcess();
+    }
     TempDir package;
     TempDir local;
     LogCapture log;
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::unique_ptr<Runtime> runtime;
+    bool configuredProcess = false;
 
-    // Lends the directories and the log to the process-wide runtime (fresh in each test's process),
-    // configured by `configJson`.
+    // Lends the directories and the log to the process-wide runtime, configured by `configJson`.
     bool ConfigureProcess(const std::string& configJson, HostOptions options = {}) {
         runtime.reset();
         package.Write("VelmoraConfig.json", configJson);
+        configuredProcess = true;
         return Velmora::Host::Configure(Options(std::move(options)));
     }
     // A second runtime on the same local directory, as a new process would see it.
