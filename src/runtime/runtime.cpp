@@ -68,6 +68,8 @@ Runtime& Runtime::Process() {
     return *runtime;
 }
 
+Runtime* Runtime::ProcessIfCreated() { return State().instance.load(std::memory_order_acquire); }
+
 void Runtime::ArmExitHandler() { std::atexit(OnProcessExit); }
 
 bool Runtime::ConfigureProcess(HostOptions options) {
