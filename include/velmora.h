@@ -191,7 +191,7 @@ VELMORA_API const char *velmora_map_key(const velmora_map_t *map, size_t index);
  *  @param map the map.
  *  @param index from 0 to velmora_map_size() - 1.
  *  @return the text, valid until the map changes or is freed; `NULL` when out of range. */
-VELMORA_API const char *velmora_map_text(const velmora_map_t *map, size_t index);   /* the value as it goes on the wire */
+VELMORA_API const char *velmora_map_text(const velmora_map_t *map, size_t index);  /* the value as it goes on the wire */
 
 /** Whether debug and warning lines are written. Answers at once.
  *  @return nonzero while debug logging is on. */
@@ -210,7 +210,8 @@ VELMORA_API void velmora_pause_collecting_lifecycle_data(void);
  *  @return the total, rounded to two decimals; 0 when none or on failure. */
 VELMORA_API double velmora_get_lifetime_value(void);
 /** The privacy status in force, once the calls made before have been handled.
- *  @param done gets the status, or 0 when the configuration cannot be read; `user_data`.
+ *  @param done called once, on a library thread: gets the status, or 0 when the configuration cannot
+ *    be read.
  *  @param user_data passed to `done`. */
 VELMORA_API void velmora_get_privacy_status(void (*done)(velmora_privacy_t status, void *user_data), void *user_data);
 /** Changes the privacy status and keeps it across runs. Returns at once.
@@ -256,14 +257,17 @@ VELMORA_API void velmora_track_timed_action_update(const char *action, const vel
 VELMORA_API void velmora_track_timed_action_end(const char *action);
 /** Whether a timed action is running, once the starts and ends called before have been handled.
  *  @param action the name.
- *  @param done gets nonzero when it runs, 0 when not or when the library cannot answer.
+ *  @param done called once, on a library thread: gets nonzero when it runs, 0 when not or when the
+ *    library cannot answer.
  *  @param user_data passed to `done`. */
 VELMORA_API void velmora_tracking_timed_action_exists(const char *action, void (*done)(int exists, void *user_data),
                                                       void *user_data);
 /** The anonymous identifier of this installation, sent in every hit as "aid".
- *  @param done gets the identifier (valid during the call), empty when the library cannot answer.
+ *  @param done called once, on a library thread: gets the identifier (valid during the call), empty
+ *    when the library cannot answer.
  *  @param user_data passed to `done`. */
-VELMORA_API void velmora_get_tracking_identifier(void (*done)(const char *identifier, void *user_data), void *user_data);
+VELMORA_API void velmora_get_tracking_identifier(void (*done)(const char *identifier, void *user_data),
+                                                 void *user_data);
 /** Removes every queued hit, from memory and from the queue file. Returns at once. */
 VELMORA_API void velmora_clear_queue(void);
 /** The number of hits waiting to be sent. Waits until the calls made before it have reached the
@@ -355,7 +359,7 @@ VELMORA_API void velmora_media_track(const char *name, const velmora_map_t *cont
  *  @param name the location (mbox) name.
  *  @param default_content what `done` gets when the service gives nothing.
  *  @param parameters parameters sent with the request.
- *  @param done gets the content (valid during the call).
+ *  @param done called once, on a library thread: gets the content (valid during the call).
  *  @param user_data passed to `done`. */
 VELMORA_API void velmora_vantor_load_request(const char *name, const char *default_content,
     const velmora_map_t *parameters, void (*done)(const char *content, void *user_data), void *user_data);
@@ -365,7 +369,7 @@ VELMORA_API void velmora_vantor_load_request(const char *name, const char *defau
  *  @param order_total the order's total, as text.
  *  @param product_purchased_id the purchased products' identifiers.
  *  @param parameters further parameters.
- *  @param done gets the content (valid during the call).
+ *  @param done called once, on a library thread: gets the content (valid during the call).
  *  @param user_data passed to `done`. */
 VELMORA_API void velmora_vantor_load_order_confirm_request(const char *name, const char *order_id,
     const char *order_total, const char *product_purchased_id, const velmora_map_t *parameters,
@@ -396,8 +400,8 @@ VELMORA_API char *velmora_cohorta_get_dpuuid(void);
 VELMORA_API void velmora_cohorta_set_dpid_and_dpuuid(const char *dpid, const char *dpuuid);
 /** Sends the user's traits to the audience service.
  *  @param traits the traits.
- *  @param done gets the segments of the answer, or `NULL` when there are none or the request
- *    failed; the map is the library's and valid during the call.
+ *  @param done called once, on a library thread: gets the segments of the answer, or `NULL` when there
+ *    are none or the request failed; the map is the library's and valid during the call.
  *  @param user_data passed to `done`. */
 VELMORA_API void velmora_cohorta_submit_signal(const velmora_map_t *traits,
     void (*done)(const velmora_map_t *profile /* NULL: none; valid during the call */, void *user_data),
