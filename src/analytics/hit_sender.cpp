@@ -176,7 +176,8 @@ HitSender::Outcome HitSender::Attempt(const QueuedHit& hit) {
             return Outcome::kDelivered;
         }
         if (!config_.offlineEnabled) {
-            store_.Stats().Dropped(1, status, "Analytics - Unable to send hit (HTTP status " + std::to_string(status) + ")");
+            store_.Stats().Dropped(1, status, "Analytics - Unable to send hit (HTTP status " + std::to_string(status) +
+                                                  ")");
             return Outcome::kDrop;
         }
         log_.Debug("Analytics - Recoverable network error (%d), imposing internal cooldown (%d seconds)", status,
