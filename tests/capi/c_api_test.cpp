@@ -50,6 +50,7 @@ TEST(CMap, KeepsKeysInByteOrderAndGivesEachValueItsWireText) {
         EXPECT_EQ(std::make_pair(std::string(velmora_map_key(map, i)), std::string(velmora_map_text(map, i))), expected[i]);
     }
     EXPECT_EQ(velmora_map_key(map, expected.size()), nullptr);
+    EXPECT_EQ(velmora_map_text(map, expected.size()), nullptr);
     EXPECT_EQ(velmora_map_size(nullptr), 0u);
     velmora_map_free(map);
 }

@@ -86,6 +86,18 @@ def test_asynchronous_results_are_futures(server):
     assert velmora.cohorta_get_visitor_profile() == {"interest": "coffee"}
 
 
+def test_media_settings_and_identifiers_go_through(server):
+    clip = velmora.media_settings_with("Clip", 30.0, "player", "p1")
+    clip.channel = "news"
+    velmora.media_open(clip)
+    velmora.media_play("Clip", 0)
+    velmora.media_close("Clip")
+    velmora.set_user_identifier("user-7")
+    assert velmora.flush(timeout=10)
+    assert any("&amediachannel=news&" in hit and "&amediaview=true&" in hit for hit in server.hits)
+    assert velmora.get_user_identifier() == "user-7"
+
+
 @pytest.mark.parametrize("call", [
     lambda: velmora.track_state("Home", {"list": [1]}),
     lambda: velmora.track_action("Buy", ["not", "a", "dict"]),
