@@ -8,6 +8,7 @@ packages=(
   libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libsqlite3-dev libpugixml-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev iproute2 locales
   doxygen dpkg-dev file
+  python3 python3-pytest groff-base
 )
 packages+=("$@")
 

@@ -7,6 +7,7 @@
 #include <velmora/Export.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -75,6 +76,22 @@ struct HostOptions {
     std::string osVersion;
 };
 
+/// What the hit queue has done since the library started in this process (see Host::Stats()). A
+/// hit is counted once where it ends: delivered, or dropped; `retried` counts attempts.
+struct DeliveryStats {                      // since the library started in this process
+    std::uint64_t queued = 0;               ///< Hits put in the queue.
+    std::uint64_t delivered = 0;            ///< Answered 200 or 307.
+    std::uint64_t retried = 0;              ///< Attempts that failed and will be tried again.
+    /// Removed unsent (stale, offline tracking off, invalid, opt-out). A hit the queue refuses
+    /// (longer than a request may be) counts here too; Analytics::ClearQueue() counts what it
+    /// removes.
+    std::uint64_t dropped = 0;
+    std::uint64_t waiting = 0;              ///< In the queue now, the file's backlog included once loaded.
+    std::int32_t lastStatus = 0;            ///< HTTP status of the last attempt (408 time-out), 0 none.
+    std::string lastError;                  ///< The last failure's log text, empty when none.
+    std::chrono::system_clock::time_point lastDelivered{};  ///< Epoch when none.
+};
+
 /// Configures the library before first use, and flushes and stops it.
 class VELMORA_API Host {
 public:
@@ -108,6 +125,13 @@ public:
     /// @param timeout the longest time spent delivering and stopping.
     /// @return true when no hit is left queued.
     static bool Shutdown(std::chrono::milliseconds timeout);
+    /// The delivery counters of this process, kept as the work happens. Any thread, a host
+    /// callback included; answers at once from memory, never waits for a queue, a file or the
+    /// network, and does not start the library (all zero before it has started). Still answers
+    /// after Shutdown().
+    /// @return the counters; the queue file's backlog is in `waiting` once the queue has loaded it
+    ///   (the first tracking call, Flush() or Shutdown()).
+    static DeliveryStats Stats();
 };
 
 }  // namespace Velmora

@@ -3,6 +3,10 @@
 /// @file
 /// The value types of the public API: the privacy status, context-data values and maps.
 
+#if __cplusplus < 201703L
+#error "Velmora needs C++17 or later: compile with -std=c++17 (C programs include <velmora.h>)"
+#endif
+
 #include <chrono>
 #include <cstdint>
 #include <map>

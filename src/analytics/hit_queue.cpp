@@ -52,6 +52,7 @@ void HitQueue::Append(std::string hit, std::int32_t timestamp) {
         const std::string reason = "the request URL would be " + std::to_string(baseUrlBytes_ + hit.size()) +
                                    " bytes, more than the " + std::to_string(kMaxUrlBytes) + " a server accepts";
         log_.Error("Analytics - Unable to queue hit (%s)", reason.c_str());
+        store_.Stats().Refused("Analytics - Unable to queue hit (" + reason + ")");
         return;
     }
     try {

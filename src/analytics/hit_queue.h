@@ -55,6 +55,7 @@ public:
     std::size_t QueuedHits() const override { return Size(); }
     // The size once the work posted before has run; library threads ask Size() instead.
     std::future<std::size_t> SizeAfterPendingWork();
+    Velmora::DeliveryStats Stats() { return store_.Stats().Snapshot(); }  // at once, from any thread
 
 private:
     void Load();

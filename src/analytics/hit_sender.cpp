@@ -117,6 +117,7 @@ void HitSender::Run() {
             KeepInOrder(*hit);
         } else if (static_cast<std::int64_t>(hit->timestamp) < clock_.NowSeconds() - 5LL) {
             store_.RemoveFront();  // too old to be worth sending without offline tracking
+            store_.Stats().Dropped(1);
             removed = true;
             continue;
         }
@@ -158,10 +159,12 @@ HitSender::Outcome HitSender::Attempt(const QueuedHit& hit) {
         url += hit.hit;
     } catch (const std::exception& e) {
         log_.Error("Analytics - Unable to send hit (%s)", e.what());
+        store_.Stats().Dropped(1, 0, std::string("Analytics - Unable to send hit (") + e.what() + ")");
         return Outcome::kDrop;
     }
     if (url.size() > kMaxUrlBytes) {  // queued by an older version
         log_.Debug("Analytics - Invalid hit (removed)");
+        store_.Stats().Dropped(1, 0, "Analytics - Invalid hit (removed)");
         return Outcome::kDrop;
     }
     log_.Debug("Analytics - Sending hit (%s)", url.c_str());
@@ -169,21 +172,31 @@ HitSender::Outcome HitSender::Attempt(const QueuedHit& hit) {
         const std::int32_t status = transport_.Get(url, headers_, kRequestTimeoutMillis);
         if (status == 200 || status == 307) {
             lastSentTimestamp_ = hit.timestamp;
+            store_.Stats().Delivered(status);
             return Outcome::kDelivered;
         }
-        if (!config_.offlineEnabled) return Outcome::kDrop;
+        if (!config_.offlineEnabled) {
+            store_.Stats().Dropped(1, status, "Analytics - Unable to send hit (HTTP status " + std::to_string(status) +
+                                                  ")");
+            return Outcome::kDrop;
+        }
         log_.Debug("Analytics - Recoverable network error (%d), imposing internal cooldown (%d seconds)", status,
                    kCooldownSeconds);
+        store_.Stats().Retried(status, "Analytics - Recoverable network error (" + std::to_string(status) +
+                                           "), imposing internal cooldown (" + std::to_string(kCooldownSeconds) + " seconds)");
         return Outcome::kRetryLater;
     } catch (const TransportError& e) {
         if (e.Refused()) {
             log_.Debug("Analytics - Invalid hit (removed)");
+            store_.Stats().Dropped(1, 0, "Analytics - Invalid hit (removed)");
             return Outcome::kDrop;
         }
         log_.Debug("Analytics - Unable to send hit, attempting to recover");
+        store_.Stats().Retried(0, std::string("Request Handler - Error processing request (") + e.what() + ")");
         return Outcome::kRetryLater;
     } catch (const std::exception&) {
         log_.Debug("Analytics - Invalid hit (removed)");
+        store_.Stats().Dropped(1, 0, "Analytics - Invalid hit (removed)");
         return Outcome::kDrop;
     }
 }

@@ -282,6 +282,7 @@ void HitStore::Load() {
     } catch (const std::exception& e) {
         log_.Error("Analytics - Unable to load queued hits (%s)", e.what());
     }
+    stats_.Loaded(loaded.size());
     MutexLock lock(mutex_);
     for (auto& hit : loaded) {
         hit.sequence = nextSequence_++;
@@ -307,6 +308,7 @@ void HitStore::Append(std::string hit, std::int32_t timestamp) {
     queued.timestamp = timestamp;
     queued.json = std::move(json);
     queued.sequence = nextSequence_++;
+    stats_.Queued();
     changed_ = true;
     if (last || SaveDue()) SaveLocked();
 }
@@ -314,6 +316,7 @@ void HitStore::Append(std::string hit, std::int32_t timestamp) {
 void HitStore::Clear() {
     const bool last = Applied();
     MutexLock lock(mutex_);
+    stats_.Dropped(hits_.size());  // the hit in flight counts as its answer says
     hits_.clear();
     taken_.reset();
     changed_ = true;
@@ -353,7 +356,10 @@ void HitStore::RemoveFront() {
 
 void HitStore::Return(QueuedHit hit) {
     MutexLock lock(mutex_);
-    if (!taken_) return;  // cleared while in flight (an opt-out): it stays gone
+    if (!taken_) {  // cleared while in flight (an opt-out): it stays gone
+        stats_.Dropped(1);
+        return;
+    }
     taken_.reset();
     if (!hit.json) hit.json = std::make_shared<const std::string>(QueueFileMember(hit.hit, hit.timestamp));
     hits_.push_front(std::move(hit));

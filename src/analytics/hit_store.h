@@ -1,5 +1,6 @@
 #pragma once
 
+#include "analytics/delivery_stats.h"
 #include "core/file_store.h"
 #include "core/log.h"
 #include "core/mutex.h"
@@ -65,6 +66,7 @@ public:
     std::size_t Size() const EXCLUDES(mutex_);
     // Writes the queue when it changed since the last save.
     void Save() EXCLUDES(mutex_);
+    DeliveryRecorder& Stats() { return stats_; }
 
 private:
     // Counts one announced change as applied; true when no further one is waiting.
@@ -74,6 +76,7 @@ private:
 
     const Logger& log_;
     FileStore& files_;
+    DeliveryRecorder stats_;
 
     // Changes announced and not yet applied. No lock: a caller announcing must not wait for a save,
     // or every change would arrive after the save before it and get a save of its own.

@@ -26,6 +26,15 @@ bool Host::Flush(std::chrono::milliseconds timeout) {
     });
 }
 
+// Read from the hit queue's recorder without starting the library, and after Shutdown too.
+DeliveryStats Host::Stats() {
+    return velmora::Guard(DeliveryStats{}, [] {
+        velmora::Runtime* runtime = velmora::Runtime::ProcessIfCreated();
+        velmora::HitQueue* hits = runtime != nullptr ? runtime->HitsIfCreated() : nullptr;
+        return hits != nullptr ? hits->Stats() : DeliveryStats{};
+    });
+}
+
 bool Host::Shutdown(std::chrono::milliseconds timeout) {
     return velmora::Call(false, [&](velmora::Runtime& runtime) {
         LoadLeftHits(runtime);

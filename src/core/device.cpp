@@ -13,6 +13,7 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <sys/utsname.h>
 
 namespace velmora {
 namespace {
@@ -20,6 +21,17 @@ namespace {
 constexpr const char* kManifestFileName = "AppxManifest.xml";
 constexpr const char* kOSVersion = "Windows Phone 8.1";
 constexpr std::int32_t kAidTimeoutMilliseconds = 500;
+
+// "<osVersion>; <machine>" ("Debian GNU/Linux 12; x86_64"); control characters, which would end the
+// header, become spaces.
+std::string SystemAgent(std::string osVersion) {
+    for (char& c : osVersion) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = ' ';
+    }
+    struct utsname system {};
+    if (::uname(&system) == 0) osVersion += std::string("; ") + system.machine;
+    return osVersion;
+}
 
 // One line of a sysfs file without its line feed; empty when the file is missing.
 std::string ReadSystemValue(const std::filesystem::path& path) {
@@ -126,9 +138,10 @@ Value DeviceContext::Cached(std::optional<Value> Cache::*slot, Build build) {
 std::string DeviceContext::GetUserAgent() {
     return Cached(&Cache::userAgent, [this] {
         LoadDeviceProperties();
-        std::string agent = "Mozilla/5.0 (Windows ";
-        agent += "Phone 8.1; ARM";
-        agent += "; Trident/7.0; Touch; rv:11.0";
+        // The phone browser's text, unless the host names the system: then the system and the machine.
+        const bool named = !host_.osVersion.empty();
+        std::string agent = "Mozilla/5.0 (";
+        agent += named ? SystemAgent(host_.osVersion) : "Windows Phone 8.1; ARM; Trident/7.0; Touch; rv:11.0";
         if (!manufacturer_.empty()) {
             agent += "; ";
             agent += manufacturer_ == "Microsoft" ? "Microsoft Corporation" : manufacturer_;
@@ -137,7 +150,7 @@ std::string DeviceContext::GetUserAgent() {
             agent += "; ";
             agent += model_;
         }
-        agent += ") like Gecko";
+        agent += named ? ")" : ") like Gecko";
         return agent;
     });
 }

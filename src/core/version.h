@@ -1,5 +1,7 @@
 #pragma once
 
+#include <velmora/Version.h>
+
 namespace velmora {
-inline constexpr const char* kVersion = "4.0.0";
+inline constexpr const char* kVersion = VELMORA_VERSION_STRING;
 }

@@ -70,6 +70,8 @@ Runtime& Runtime::Process() {
     return *runtime;
 }
 
+Runtime* Runtime::ProcessIfCreated() { return State().instance.load(std::memory_order_acquire); }
+
 void Runtime::ArmExitHandler() {
     static std::once_flag armed;
     std::call_once(armed, [] { std::atexit(OnProcessExit); });

@@ -46,6 +46,7 @@ public:
     Runtime& operator=(const Runtime&) = delete;
 
     static Runtime& Process();
+    static Runtime* ProcessIfCreated();  // null until the first public call
     // Host::Configure: stores the options for the process-wide instance; false once it exists.
     static bool ConfigureProcess(HostOptions options);
     // For tests that share one process: shuts the process-wide instance down and forgets it, with
@@ -88,6 +89,7 @@ public:
     DeviceContext* DeviceIfCreated() { return device_.IfCreated(); }
     CohortaClient* AudienceIfCreated() { return audience_.IfCreated(); }
     Vantor* OffersIfCreated() { return offers_.IfCreated(); }
+    HitQueue* HitsIfCreated() { return hits_.IfCreated(); }
 
     // The privacy setter, run on the general queue by the public class.
     void SetPrivacyStatus(std::int32_t status);

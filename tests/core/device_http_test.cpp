@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include <regex>
+#include <sys/utsname.h>
 #include <set>
 #include <thread>
 
@@ -168,6 +169,14 @@ TEST_F(Device, UserAgentAndDeviceNameUseWhatIsKnownOfMakerAndModel) {
         EXPECT_EQ(Context().GetUserAgent(), "Mozilla/5.0 (Windows Phone 8.1; ARM; Trident/7.0; Touch; rv:11.0" + c[4] + ") like Gecko");
         EXPECT_EQ(Context().GetContextData()["a.DeviceName"], c[5]);
     }
+}
+
+TEST_F(Device, AUserAgentNamesTheHostsSystemAndMachineWhenTheHostGivesOne) {
+    host.osVersion = "Debian GNU/Linux 12\r\nX-Injected: 1";
+    host.deviceManufacturer = "Acme";
+    struct utsname system {};
+    ASSERT_EQ(::uname(&system), 0);
+    EXPECT_EQ(Context().GetUserAgent(), std::string("Mozilla/5.0 (Debian GNU/Linux 12  X-Injected: 1; ") + system.machine + "; Acme)");
 }
 
 TEST_F(Device, ApplicationComesFromTheHostOrTheManifestReadOnce) {

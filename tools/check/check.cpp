@@ -9,6 +9,7 @@
 #include "vantor/vantor.h"
 
 #include <nlohmann/json.hpp>
+#include <velmora/Version.h>
 #include <pugixml.hpp>
 
 #include <stdlib.h>
@@ -477,6 +478,7 @@ void CheckManifest(const std::filesystem::path& packageDirectory, Report& report
 int RunCheck(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err) {
     static const char* kUsage =
         "usage: velmora-check [DIR | FILE]\n"
+        "       velmora-check --version\n"
         "Explains what the Velmora library makes of a VelmoraConfig.json: for every key the value it uses\n"
         "and why (from the file, or the default because the key is absent or of the wrong type), and\n"
         "each problem on its own line. DIR (default: the current directory) means DIR/VelmoraConfig.json;\n"
@@ -486,6 +488,10 @@ int RunCheck(const std::vector<std::string>& arguments, std::ostream& out, std::
     for (const auto& argument : arguments) {
         if (argument == "--help" || argument == "-h") {
             out << kUsage;
+            return 0;
+        }
+        if (argument == "--version") {
+            out << "velmora-check " << VELMORA_VERSION_STRING << "\n";
             return 0;
         }
         if (argument.size() > 1 && argument[0] == '-') {

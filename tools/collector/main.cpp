@@ -3,6 +3,8 @@
 #include "collector.h"
 #include "options.h"
 
+#include <velmora/Version.h>
+
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -32,6 +34,10 @@ int main(int argc, char** argv) {
     }
     if (options.help) {
         WriteAll(stdout, UsageText());
+        return 0;
+    }
+    if (options.version) {
+        WriteAll(stdout, "velmora-collector " VELMORA_VERSION_STRING "\n");
         return 0;
     }
 

@@ -27,6 +27,8 @@ CollectorOptions ParseArguments(const std::vector<std::string>& arguments) {
         };
         if (flag == "--help" || flag == "-h") {
             options.help = true;
+        } else if (flag == "--version") {
+            options.version = true;
         } else if (flag == "--json") {
             options.json = true;
         } else if (flag == "--host") {
@@ -76,7 +78,8 @@ std::string UsageText() {
            "  --session-id TEXT     mboxSession cookie for offer requests that bring none\n"
            "  --uuid TEXT           \"uuid\" of every audience answer\n"
            "  --dest URL            add a destination to every audience answer (repeatable)\n"
-           "  --help                show this text\n";
+           "  --help                show this text\n"
+           "  --version             show the program's version\n";
 }
 
 }  // namespace velmora::collector

@@ -23,6 +23,7 @@ struct CollectorOptions {
     std::vector<std::string> destinations;
     std::size_t keep = 10000;          // hits kept for the page and /hits.json
     bool help = false;
+    bool version = false;
 };
 
 class UsageError : public std::runtime_error {

@@ -1,0 +1,49 @@
+// The delivery counters, followed through a backlog, a retry, deliveries, a refusal and a clear.
+#include "analytics/hit_queue.h"
+#include "support/loopback_server.h"
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
+
+namespace velmora::test {
+namespace {
+
+std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t, std::int32_t> Counts(HitQueue& hits) {
+    const auto s = hits.Stats();
+    return {s.queued, s.delivered, s.retried, s.dropped, s.waiting, s.lastStatus};
+}
+
+TEST(DeliveryStats, EachHitIsCountedWhereItEndsAndTheFilesBacklogIsWaitingOnceLoaded) {
+    LoopbackServer server;
+    server.Script({500});
+    TestRuntime env(R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
+                    R"(","offlineEnabled":true,"privacyDefault":"optedin"}})");
+    env.local.Write(HitQueue::kFileName, R"({"Hits":[{"T":1,"H":"s1?a=1"},{"T":2,"H":"s2?a=2"}]})");
+    HitQueue& hits = env.runtime->Hits();
+    const auto started = std::chrono::system_clock::now();
+    EXPECT_FALSE(hits.Flush(std::chrono::seconds(10)));  // the first answer asks for a retry
+    EXPECT_EQ(Counts(hits), std::make_tuple(0, 0, 1, 0, 2, 500));
+    EXPECT_EQ(hits.Stats().lastError, "Analytics - Recoverable network error (500), imposing internal cooldown (30 seconds)");
+    hits.QueueHit("s3?a=3", 3);
+    ASSERT_TRUE(WaitUntil([&] {
+        env.clock->Advance(std::chrono::seconds(1));
+        return hits.Stats().delivered == 3;
+    }));
+    EXPECT_EQ(Counts(hits), std::make_tuple(1, 3, 1, 0, 0, 200));
+    EXPECT_GE(hits.Stats().lastDelivered, started);
+    EXPECT_EQ(server.Count(), 4u);
+
+    env.runtime->SetPrivacyStatus(kPrivacyUnknown);  // nothing leaves while these are counted
+    hits.QueueHit("s4?k=" + std::string(HitQueue::kMaxUrlBytes, 'x'), 4);
+    hits.QueueHit("s5", 5);
+    hits.QueueHit("s6", 6);
+    EXPECT_FALSE(hits.Flush(std::chrono::seconds(10)));
+    EXPECT_EQ(Counts(hits), std::make_tuple(3, 3, 1, 1, 2, 200));
+    EXPECT_EQ(hits.Stats().lastError.rfind("Analytics - Unable to queue hit (the request URL would be ", 0), 0u);
+    hits.ClearQueue();
+    EXPECT_TRUE(hits.Flush(std::chrono::seconds(10)));
+    EXPECT_EQ(Counts(hits), std::make_tuple(3, 3, 1, 3, 0, 200));
+}
+
+}  // namespace
+}  // namespace velmora::test
