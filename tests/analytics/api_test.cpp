@@ -25,7 +25,7 @@ namespace {
 
 constexpr std::chrono::seconds kWait{10};
 constexpr const char* kAid = "0123456789ABCDEF-0123456789ABCDEF";
-constexpr const char* kHitPath = "/b/ss/rs1,rs2/0/WINU-4.0.0/";
+constexpr const char* kHitPath = "/b/ss/rs1,rs2/0/WINU-" VELMORA_VERSION_STRING "/";
 
 class PublicAnalytics : public ::testing::Test {
 protected:

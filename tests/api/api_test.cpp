@@ -21,7 +21,7 @@ struct ConfigApi : ::testing::Test {
 
 // The version needs no configuration: asking for it does not start the library, which Start() shows.
 TEST_F(ConfigApi, PrivacyStatusKeepsAnInvalidValueInMemoryOnlyAndStoresTheRest) {
-    EXPECT_EQ(Config::GetVersion(), "4.0.0");
+    EXPECT_EQ(Config::GetVersion(), VELMORA_VERSION_STRING);
     Start(R"({"analytics":{"privacyDefault":"optedin"}})");
     Config::SetDebugLogging(true);  // the warnings below show that it took effect
     Config::SetPrivacyStatus(VelmoraPrivacyStatus::OptOut);

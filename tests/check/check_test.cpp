@@ -30,7 +30,7 @@ const Case kCases[] = {
       R"(analytics.charset = "UTF-8"  (default: not in the file; sent as "ce" in every hit))",
       R"(analytics.privacyDefault = OptOut  (from the file; from "optedout"; a status stored by Config::SetPrivacyStatus wins over the file's default))",
       R"(analytics.poi = 1 point(s): "Store" (40.7, -111.9, 150.0 m)  (from the file))",
-      "analytics: on; hits go to https://collect.example.com:8080/b/ss/suite1,suite2/0/WINU-4.0.0/",
+      "analytics: on; hits go to https://collect.example.com:8080/b/ss/suite1,suite2/0/WINU-" VELMORA_VERSION_STRING "/",
       "vantor: on; offer requests go to http://acme.tt.vantor.example/m2/acme/ubox/raw",
       "cohorta: on; signals go to http://aud.example.com/event?"}},
     {"wrong types fall back to defaults",

@@ -3,9 +3,10 @@
 # do: find_package and pkg-config, the shared and the static library, from C++ and from C, the
 # installed tools, and the demo built as a project of its own. Then the same from the Debian
 # packages unpacked elsewhere, with the Python package and what each package must carry.
-#   run.sh BUILD_DIR
+#   run.sh BUILD_DIR VERSION
 set -euo pipefail
 build_dir="$1"
+version="$2"  # the project's, as every file and tool should carry it
 here="$(cd "$(dirname "$0")" && pwd)"
 examples="$here/../../examples"
 work="$(mktemp -d)"
@@ -36,7 +37,7 @@ consume() {  # consume ROOT NAME
   for program in "$work/$2-pc/consumer" "$work/$2/consumer" "$work/$2/consumer_static"; do
     out="$(LD_LIBRARY_PATH="$libdir" VELMORA_PACKAGE_DIR="$work/package" VELMORA_LOCAL_DIR="$(mktemp -d -p "$work")" \
            "$program" privacy 2>"$work/$2.err")" || fail "$program failed"
-    [ "$out" = "privacy 3 version 4.0.0" ] || fail "$program printed: $out"
+    [ "$out" = "privacy 3 version $version" ] || fail "$program printed: $out"
     grep -qx "Velmora Debug:Config - Vantor not configured" "$work/$2.err" || fail "$program: no debug line"
   done
 }
@@ -71,10 +72,10 @@ libdir="$(libdir_of "$prefix")"
 multiarch="$(gcc -print-multiarch)"
 [ "$libdir" = "$prefix/lib/$multiarch" ] || fail "the library is in $libdir, not lib/$multiarch"
 for tool in velmora-collector velmora-check; do
-  [ "$("$prefix/bin/$tool" --version)" = "$tool 4.0.0" ] || fail "$tool --version"
+  [ "$("$prefix/bin/$tool" --version)" = "$tool $version" ] || fail "$tool --version"
 done
-PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --modversion velmora | grep -qx 4.0.0 \
-  || fail "pkg-config does not find velmora 4.0.0"
+PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --modversion velmora | grep -qx "$version" \
+  || fail "pkg-config does not find velmora $version"
 consume "$prefix" build
 cmake -S "$here/../../examples/demo" -B "$work/demo" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/demo" >/dev/null
@@ -101,7 +102,7 @@ out="$(VELMORA_PACKAGE_DIR="$work/aid-package" VELMORA_LOCAL_DIR="$work/aid" \
 # needs, and an installed tree works where it lands. Each package has its /usr/share/doc entry.
 cpack -G DEB -B "$work/debs" --config "$build_dir/CPackConfig.cmake" >"$work/cpack.err" 2>&1 || fail "cpack failed"
 for name in libvelmora4 libvelmora-dev velmora-tools python3-velmora velmora-doc; do
-  deb="$(ls "$work"/debs/${name}_4.0.0_*.deb 2>/dev/null)" || fail "cpack made no $name package"
+  deb="$(ls "$work"/debs/${name}_${version}_*.deb 2>/dev/null)" || fail "cpack made no $name package"
   dpkg-deb -x "$deb" "$work/deb"
   for file in copyright changelog.gz; do
     [ -s "$work/deb/usr/share/doc/$name/$file" ] || fail "$name has no /usr/share/doc/$name/$file"
@@ -113,7 +114,7 @@ consume "$work/deb/usr" deb
 consume_c "$work/deb/usr" deb
 "$work/deb/usr/bin/velmora-check" --help | grep -q "^usage: velmora-check" || fail "packaged velmora-check"
 for tool in velmora-collector velmora-check; do
-  [ "$("$work/deb/usr/bin/$tool" --version)" = "$tool 4.0.0" ] || fail "packaged $tool --version"
+  [ "$("$work/deb/usr/bin/$tool" --version)" = "$tool $version" ] || fail "packaged $tool --version"
   page="$work/deb/usr/share/man/man1/$tool.1.gz"
   [ -z "$(gzip -dc "$page" | groff -man -Tutf8 -ww -z 2>&1)" ] || fail "the manual page of $tool: $(gzip -dc "$page" | groff -man -Tutf8 -ww -z 2>&1)"
 done
