@@ -204,12 +204,12 @@ MediaModule& Runtime::Media() {
     });
 }
 
-Vantor& Runtime::Offers() {
+VantorClient& Runtime::Offers() {
     return offers_.Get([this] {
         // The lifecycle and lifetime-value modules are reached only when a load needs them.
-        Vantor::Sources sources{[this] { return Sessions().GetLifecycleContextData(); },
+        VantorClient::Sources sources{[this] { return Sessions().GetLifecycleContextData(); },
                                 [this] { return LifetimeValues().GetLifetimeValue(); }};
-        return std::make_unique<Vantor>(Config(), Gates(), Settings(), Http(), *clock_, log_, std::move(sources),
+        return std::make_unique<VantorClient>(Config(), Gates(), Settings(), Http(), *clock_, log_, std::move(sources),
                                         executor_);
     });
 }

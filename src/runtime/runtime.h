@@ -28,7 +28,7 @@ class LifetimeValue;
 class LocationTracker;
 class MediaModule;
 class TimedActionStore;
-class Vantor;
+class VantorClient;
 
 // The composition root: the one place that knows every module. Each module is built on first use
 // with the services and modules it needs passed to its constructor; no module reaches back here.
@@ -84,11 +84,11 @@ public:
     LifetimeValue& LifetimeValues();
     LocationTracker& Location();
     MediaModule& Media();
-    Vantor& Offers();
+    VantorClient& Offers();
     // Null until first use: for questions that need not make the module.
     DeviceContext* DeviceIfCreated() { return device_.IfCreated(); }
     CohortaClient* AudienceIfCreated() { return audience_.IfCreated(); }
-    Vantor* OffersIfCreated() { return offers_.IfCreated(); }
+    VantorClient* OffersIfCreated() { return offers_.IfCreated(); }
     HitQueue* HitsIfCreated() { return hits_.IfCreated(); }
 
     // The privacy setter, run on the general queue by the public class.
@@ -139,7 +139,7 @@ private:
     Lazy<LifetimeValue> lifetimeValue_;
     Lazy<LocationTracker> location_;
     Lazy<MediaModule> media_;
-    Lazy<Vantor> offers_;
+    Lazy<VantorClient> offers_;
 
     std::atomic<bool> shutDown_{false};
     std::atomic<bool> closed_{false};

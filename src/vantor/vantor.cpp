@@ -36,7 +36,7 @@ void AppendParameters(std::string& url, const StringMap& parameters) {
 
 }  // namespace
 
-Vantor::Vantor(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, HttpClient& http,
+VantorClient::VantorClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, HttpClient& http,
                Clock& clock, const Logger& log, Sources sources, Executor& executor)
     : config_(config),
       gates_(gates),
@@ -48,11 +48,11 @@ Vantor::Vantor(const ConfigSettings& config, ModuleGates& gates, SettingsStore& 
       queue_("Vantor", log, executor) {}
 
 
-std::future<std::string> Vantor::LoadRequest(OfferRequest request) {
+std::future<std::string> VantorClient::LoadRequest(OfferRequest request) {
     return queue_.Submit([this, request = std::move(request)] { return Load(request); });
 }
 
-void Vantor::ClearCookies() {
+void VantorClient::ClearCookies() {
     queue_.Post([this] {
         if (!gates_.Vantor()) {
             log_.Warning("Vantor - Your config file is not set up to use Vantor");
@@ -68,17 +68,17 @@ void Vantor::ClearCookies() {
     });
 }
 
-std::string Vantor::GetPcId() const {
+std::string VantorClient::GetPcId() const {
     MutexLock lock(mutex_);
     return pcId_;
 }
 
-std::string Vantor::GetSessionId() const {
+std::string VantorClient::GetSessionId() const {
     MutexLock lock(mutex_);
     return sessionId_;
 }
 
-void Vantor::SetPersistentParameter(const std::string& key, const std::string& value) {
+void VantorClient::SetPersistentParameter(const std::string& key, const std::string& value) {
     if (key.empty()) return;
     MutexLock lock(mutex_);
     if (value.empty()) {
@@ -88,12 +88,12 @@ void Vantor::SetPersistentParameter(const std::string& key, const std::string& v
     }
 }
 
-StringMap Vantor::PersistentParameters() const {
+StringMap VantorClient::PersistentParameters() const {
     MutexLock lock(mutex_);
     return persistent_;
 }
 
-std::string Vantor::BuildUrl(const OfferRequest& request, const StringMap& lifecycle, const StringMap& persistent,
+std::string VantorClient::BuildUrl(const OfferRequest& request, const StringMap& lifecycle, const StringMap& persistent,
                              const std::string& pcId, const std::string& sessionId) const {
     const std::string& client = config_.vantorClientCode;
     std::string url = "http://" + client + kVantorHostSuffix;
@@ -111,7 +111,7 @@ std::string Vantor::BuildUrl(const OfferRequest& request, const StringMap& lifec
     return url;
 }
 
-void Vantor::LoadIdentifiers() {
+void VantorClient::LoadIdentifiers() {
     bool needPc, needSession;
     {
         MutexLock lock(mutex_);
@@ -125,7 +125,7 @@ void Vantor::LoadIdentifiers() {
     if (session && sessionId_.empty()) sessionId_ = *session;
 }
 
-void Vantor::StoreIdentifier(const char* key, const std::string& value) {
+void VantorClient::StoreIdentifier(const char* key, const std::string& value) {
     {
         MutexLock lock(mutex_);
         (std::string(key) == kPcIdKey ? pcId_ : sessionId_) = value;
@@ -133,7 +133,7 @@ void Vantor::StoreIdentifier(const char* key, const std::string& value) {
     settings_.Insert(key, value);
 }
 
-std::string Vantor::Load(const OfferRequest& request) {
+std::string VantorClient::Load(const OfferRequest& request) {
     if (!gates_.Vantor()) {
         log_.Warning("Vantor - Your config file is not set up to use Vantor");
         return "";

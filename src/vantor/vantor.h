@@ -37,14 +37,14 @@ struct OfferRequest {
 // Asks the offer service for the content of a named location, keeping the service's visitor and
 // session identifiers across requests and runs. Loads run on the module's own queue; every
 // failure gives the request's default content.
-class Vantor {
+class VantorClient {
 public:
     struct Sources {
         std::function<StringMap()> lifecycleContext;  // the current session's lifecycle values
         std::function<float()> lifetimeValue;
     };
 
-    Vantor(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, HttpClient& http,
+    VantorClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, HttpClient& http,
            Clock& clock, const Logger& log, Sources sources, Executor& executor);
     bool Flush(std::chrono::milliseconds timeout) { return queue_.Drain(timeout); }
     void Shutdown() { queue_.Shutdown(); }

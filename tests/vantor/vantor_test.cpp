@@ -20,10 +20,10 @@ protected:
         config.privacyStatus = kPrivacyOptIn;
     }
     // A module on the local directory's settings, as each run of the application makes it.
-    std::unique_ptr<Vantor> Make() {
+    std::unique_ptr<VantorClient> Make() {
         store = std::make_unique<SettingsStore>(local.path(), log);
-        return std::make_unique<Vantor>(config, gates, *store, http, clock, log,
-                                        Vantor::Sources{[this] { return lifecycle; }, [this] { return ltv; }}, executor);
+        return std::make_unique<VantorClient>(config, gates, *store, http, clock, log,
+                                        VantorClient::Sources{[this] { return lifecycle; }, [this] { return ltv; }}, executor);
     }
     test::LoopbackServer server;
     test::TempDir local;
@@ -98,7 +98,7 @@ TEST_F(Offers, FailuresGiveTheDefaultContentWithTheirLine) {
     EXPECT_EQ(server.Count(), 3u) << "an empty name or a bad URL makes no request";
     ConfigSettings none;
     ModuleGates closed{none};
-    EXPECT_EQ(Vantor(none, closed, *store, http, clock, log, {}, executor).LoadRequest({"home", "dflt", {}}).get(), "") << "not configured";
+    EXPECT_EQ(VantorClient(none, closed, *store, http, clock, log, {}, executor).LoadRequest({"home", "dflt", {}}).get(), "") << "not configured";
     EXPECT_TRUE(capture.Contains("Velmora Warning:Vantor - Your config file is not set up to use Vantor"));
 }
 

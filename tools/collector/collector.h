@@ -1,6 +1,6 @@
 #pragma once
 
-#include "hit_store.h"
+#include "recent_hits.h"
 #include "options.h"
 
 #include <httplib.h>
@@ -40,7 +40,7 @@ public:
 
     int Port() const { return port_; }
     std::string Address() const;  // "http://host:port"
-    const HitStore& Hits() const { return hits_; }
+    const RecentHits& Hits() const { return hits_; }
 
 private:
     void Routes();
@@ -58,7 +58,7 @@ private:
 
     const CollectorOptions options_;
     const Output output_;
-    HitStore hits_;
+    RecentHits hits_;
     httplib::Server server_;
     int port_ = -1;
 

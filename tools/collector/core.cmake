@@ -10,7 +10,7 @@ if(NOT TARGET velmora_collector_core)
   add_library(velmora_collector_core STATIC
     ${_collector_dir}/collector.cpp
     ${_collector_dir}/hit_decoder.cpp
-    ${_collector_dir}/hit_store.cpp
+    ${_collector_dir}/recent_hits.cpp
     ${_collector_dir}/options.cpp
     ${_collector_dir}/page.cpp
     ${_collector_dir}/render.cpp

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "hit_store.h"
+#include "recent_hits.h"
 
 #include <nlohmann/json.hpp>
 

@@ -21,9 +21,9 @@ struct ReceivedHit {
 };
 
 // The most recent hits, oldest dropped first once `capacity` is reached. Safe across threads.
-class HitStore {
+class RecentHits {
 public:
-    explicit HitStore(std::size_t capacity);
+    explicit RecentHits(std::size_t capacity);
 
     // Numbers the hit, keeps it and returns the kept copy.
     ReceivedHit Add(ReceivedHit hit);
