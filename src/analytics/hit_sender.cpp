@@ -169,7 +169,10 @@ HitSender::Outcome HitSender::Attempt(const QueuedHit& hit) {
     }
     log_.Debug("Analytics - Sending hit (%s)", url.c_str());
     try {
-        const std::int32_t status = transport_.Get(url, headers_, kRequestTimeoutMillis);
+        RequestHandler request(transport_, log_, url);
+        request.SetTimeout(kRequestTimeoutMillis);
+        for (const auto& [name, value] : headers_) request.SetHeader(name, value);
+        const std::int32_t status = request.GetStatusCode();
         if (status == 200 || status == 307) {
             lastSentTimestamp_ = hit.timestamp;
             store_.Stats().Delivered(status);

@@ -82,7 +82,7 @@ private:
     // Sender thread only.
     std::int32_t lastSentTimestamp_ = 0;
     std::optional<std::string> baseUrl_;
-    Transport::Headers headers_;  // the user agent, built once; the language is read for every request
+    HttpRequest::Headers headers_;  // the user agent, built once; the language is read for every request
 
     // While the sender waits for a connection: the timer that looks for it. Shared with the timer's
     // tick so that a tick never outlives the sender.

@@ -54,8 +54,8 @@ SignalAnswer ParseSignalAnswer(const std::string& body) {
 }
 
 CohortaClient::CohortaClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings,
-                             HttpClient& http, const Logger& log, Executor& executor)
-    : config_(config), gates_(gates), settings_(settings), http_(http), log_(log), queue_("Cohorta", log, executor) {}
+                             Transport& transport, const Logger& log, Executor& executor)
+    : config_(config), gates_(gates), settings_(settings), transport_(transport), log_(log), queue_("Cohorta", log, executor) {}
 
 CohortaClient::~CohortaClient() { queue_.Shutdown(); }
 
@@ -153,7 +153,7 @@ std::optional<StringMap> CohortaClient::Signal(const StringMap& traits) {
 
     std::string body;
     try {
-        RequestHandler request(http_, url);
+        RequestHandler request(transport_, log_, url);
         request.SetTimeout(kSignalTimeoutMs);
         body = request.GetResponseText();
         if (request.TimedOut()) {
@@ -194,7 +194,7 @@ std::optional<StringMap> CohortaClient::Signal(const StringMap& traits) {
 
 void CohortaClient::ForwardDestination(const Json& destination) {
     try {
-        RequestHandler request(http_, destination.at("c").get<std::string>());
+        RequestHandler request(transport_, log_, destination.at("c").get<std::string>());
         request.SetTimeout(kDestinationTimeoutMs);
         request.GetStatusCode();
         if (request.TimedOut()) log_.Warning("Cohorta - Failed to forward dest; the request timed out");

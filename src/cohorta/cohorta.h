@@ -46,7 +46,7 @@ public:
     static constexpr std::int32_t kSignalTimeoutMs = 2000;
     static constexpr std::int32_t kDestinationTimeoutMs = 5000;
 
-    CohortaClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, HttpClient& http,
+    CohortaClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, Transport& transport,
                   const Logger& log, Executor& executor);
     ~CohortaClient();
 
@@ -76,7 +76,7 @@ private:
     const ConfigSettings& config_;
     ModuleGates& gates_;
     SettingsStore& settings_;
-    HttpClient& http_;
+    Transport& transport_;
     const Logger& log_;
     const std::regex dot_{"[.]"};
     const std::regex leadingAmpersand_{"\\?&"};

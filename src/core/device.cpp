@@ -66,15 +66,15 @@ std::string AidFromAnswer(const std::string& body) {
 }
 
 DeviceContext::DeviceContext(const HostOptions& host, std::function<const ConfigSettings&()> config,
-                             std::function<SettingsStore&()> settings, std::function<HttpClient&()> http,
+                             std::function<SettingsStore&()> settings, std::function<Transport&()> transport,
                              const Logger& log)
-    : host_(host), config_(std::move(config)), settings_(std::move(settings)), http_(std::move(http)), log_(log) {}
+    : host_(host), config_(std::move(config)), settings_(std::move(settings)), transport_(std::move(transport)), log_(log) {}
 
 DeviceContext::DeviceContext(const HostOptions& host, const ConfigSettings& config, SettingsStore& settings,
-                             HttpClient& http, const Logger& log)
+                             Transport& transport, const Logger& log)
     : DeviceContext(
           host, [&config]() -> const ConfigSettings& { return config; },
-          [&settings]() -> SettingsStore& { return settings; }, [&http]() -> HttpClient& { return http; }, log) {}
+          [&settings]() -> SettingsStore& { return settings; }, [&transport]() -> Transport& { return transport; }, log) {}
 
 
 void DeviceContext::LoadDeviceProperties() {
@@ -251,7 +251,7 @@ std::string DeviceContext::FetchAid() {
     }
     const std::string url = std::string(config_().ssl ? "https://" : "http://") + config_().server + "/id";
     try {
-        RequestHandler request(http_(), url);
+        RequestHandler request(transport_(), log_, url);
         request.SetTimeout(kAidTimeoutMilliseconds);
         return AidFromAnswer(request.GetResponseText());
     } catch (const std::exception& e) {

@@ -33,9 +33,9 @@ public:
     // The configuration, the settings store and the HTTP client are reached only when a value
     // needs them, so that reading the resolution on the application's thread never loads a file.
     DeviceContext(const HostOptions& host, std::function<const ConfigSettings&()> config,
-                  std::function<SettingsStore&()> settings, std::function<HttpClient&()> http, const Logger& log);
+                  std::function<SettingsStore&()> settings, std::function<Transport&()> transport, const Logger& log);
     DeviceContext(const HostOptions& host, const ConfigSettings& config, SettingsStore& settings,
-                  HttpClient& http, const Logger& log);
+                  Transport& transport, const Logger& log);
 
     std::string GetUserAgent() EXCLUDES(cacheMutex_);
     // "a.DeviceName", "a.Resolution", "a.OSVersion", "a.CarrierName", "a.AppID"
@@ -94,7 +94,7 @@ private:
     const HostOptions& host_;
     std::function<const ConfigSettings&()> config_;
     std::function<SettingsStore&()> settings_;
-    std::function<HttpClient&()> http_;
+    std::function<Transport&()> transport_;
     const Logger& log_;
     std::filesystem::path systemInfoDirectory_ = "/sys/class/dmi/id";
 

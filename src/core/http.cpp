@@ -21,8 +21,10 @@ constexpr std::int64_t kConnectionAborted = 0x80072EFE;
 constexpr std::int64_t kConnectionReset = 0x80072EFF;
 constexpr std::int64_t kRedirectFailed = 0x80072F80;
 constexpr std::int64_t kInvalidName = 123;
-// Curl codes without a row keep their number above every 32-bit result code.
+// Curl codes without a row keep their number above every 32-bit result code; failures of curl's
+// multi interface keep theirs above those.
 constexpr std::int64_t kUnmappedCurlBase = std::int64_t{1} << 32;
+constexpr std::int64_t kMultiCodeBase = 1 << 16;
 
 // A platform client gives up after this many hops; a redirect loop ends here.
 constexpr long kMaxRedirects = 10;
@@ -250,21 +252,25 @@ struct HttpClient::Shared : std::enable_shared_from_this<HttpClient::Shared> {
 
 namespace {
 
+// What a transfer ended with: curl's code, or a failure of the multi interface that drives it.
+struct TransferEnd {
+    CURLcode code = CURLE_OK;
+    CURLMcode multi = CURLM_OK;
+};
+
 // curl_easy_perform, but on the handle's multi handle so that HttpClient::Abort can end the wait.
-CURLcode RunTransfer(HttpClient::Shared& shared, const HttpClient::Shared::Handle& handle) {
-    if (curl_multi_add_handle(handle.multi, handle.easy) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
-    CURLcode code = CURLE_ABORTED_BY_CALLBACK;
+TransferEnd RunTransfer(HttpClient::Shared& shared, const HttpClient::Shared::Handle& handle) {
+    TransferEnd end;
+    if ((end.multi = curl_multi_add_handle(handle.multi, handle.easy)) != CURLM_OK) return end;
+    end.code = CURLE_ABORTED_BY_CALLBACK;
     if (shared.Register(handle.multi)) {
         for (;;) {
             int running = 0;
-            if (curl_multi_perform(handle.multi, &running) != CURLM_OK) {
-                code = CURLE_OUT_OF_MEMORY;
-                break;
-            }
+            if ((end.multi = curl_multi_perform(handle.multi, &running)) != CURLM_OK) break;
             if (running == 0) {
                 int left = 0;
                 while (CURLMsg* message = curl_multi_info_read(handle.multi, &left)) {
-                    if (message->msg == CURLMSG_DONE) code = message->data.result;
+                    if (message->msg == CURLMSG_DONE) end.code = message->data.result;
                 }
                 break;
             }
@@ -274,13 +280,12 @@ CURLcode RunTransfer(HttpClient::Shared& shared, const HttpClient::Shared::Handl
         shared.Unregister(handle.multi);
     }
     curl_multi_remove_handle(handle.multi, handle.easy);
-    return code;
+    return end;
 }
 
 }  // namespace
 
-HttpClient::HttpClient(const Logger& log, std::vector<std::string> connectTo, Clock& clock)
-    : log_(log), shared_(std::make_shared<Shared>(clock)) {
+HttpClient::HttpClient(std::vector<std::string> connectTo, Clock& clock) : shared_(std::make_shared<Shared>(clock)) {
     shared_->connectTo = MakeSlist(connectTo);
 }
 
@@ -297,56 +302,39 @@ void HttpClient::Abort() {
     for (CURLM* multi : shared_->active) curl_multi_wakeup(multi);
 }
 
-
-struct RequestHandler::Result {
-    bool timedOut = false;
-    std::int32_t status = 0;
-    std::string body;
-};
-
-RequestHandler::RequestHandler(HttpClient& client, std::string uri) : client_(client), uri_(std::move(uri)) {}
-
-RequestHandler::~RequestHandler() = default;
-
-void RequestHandler::SetHeader(const std::string& name, const std::string& value) {
-    // "Name:" alone would make curl drop the header; "Name;" sends it with an empty value.
-    headers_.push_back(value.empty() ? name + ";" : name + ": " + value);
-}
-
-void RequestHandler::SetCookie(const std::string& name, const std::string& value) { cookies_[name] = value; }
-
-RequestHandler::Result RequestHandler::Perform(bool wantBody) {
+HttpOutcome HttpClient::Send(const HttpRequest& request) {
     // The time allowed has run out before the request could start; curl would read 0 as no limit.
-    if (timeoutMilliseconds_ <= 0) {
-        responseCookies_.clear();
-        Result result;
-        result.timedOut = true;
-        return result;
-    }
-    auto& shared = client_.shared();
+    if (request.timeoutMillis <= 0) return HttpOutcome::TimedOut();
+    auto& shared = *shared_;
     Transfer transfer;
-    transfer.wantBody = wantBody;
-    Slist headers = MakeSlist(headers_);
+    transfer.wantBody = request.wantBody;
+    std::vector<std::string> lines;
+    for (const auto& [name, value] : request.headers) {
+        // "Name:" alone would make curl drop the header; "Name;" sends it with an empty value.
+        lines.push_back(value.empty() ? name + ";" : name + ": " + value);
+    }
+    Slist headers = MakeSlist(lines);
     std::string cookieHeader;
-    for (const auto& [name, value] : cookies_) {
+    for (const auto& [name, value] : request.cookies) {
         if (!cookieHeader.empty()) cookieHeader += "; ";
         cookieHeader += name + "=" + value;
     }
     char error[CURL_ERROR_SIZE] = {};
 
     const auto handle = shared.Take();
-    if (!handle) throw TransportError(kConnectionAborted, DescribeHResult(kConnectionAborted));
+    if (!handle) return HttpOutcome::Failed(kConnectionAborted, DescribeHResult(kConnectionAborted));
     CURL* curl = handle->easy;
     curl_easy_reset(curl);
-    curl_easy_setopt(curl, CURLOPT_URL, uri_.c_str());
+    curl_easy_setopt(curl, CURLOPT_URL, request.url.c_str());
     curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+    if (request.method != "GET") curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.c_str());
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kMaxRedirects);
     curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMilliseconds_));
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeoutMillis));
     if (shared.connectTo) curl_easy_setopt(curl, CURLOPT_CONNECT_TO, shared.connectTo.get());
     if (headers) curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
     if (!cookieHeader.empty()) curl_easy_setopt(curl, CURLOPT_COOKIE, cookieHeader.c_str());
@@ -356,61 +344,64 @@ RequestHandler::Result RequestHandler::Perform(bool wantBody) {
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, &transfer);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
 
-    const CURLcode code = RunTransfer(shared, *handle);
+    const TransferEnd end = RunTransfer(shared, *handle);
     long status = 0;
-    if (code == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    if (end.multi == CURLM_OK && end.code == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     // The handle must not keep pointers into this frame once it is back in the pool.
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);
     shared.Give(*handle);
 
-    responseCookies_ = std::move(transfer.cookies);
-    Result result;
-    if (code == CURLE_OPERATION_TIMEDOUT) {
-        result.timedOut = true;
-        return result;
+    if (end.multi != CURLM_OK) {
+        return HttpOutcome::Failed(kUnmappedCurlBase + kMultiCodeBase + end.multi,
+                                   std::string("curl's multi interface failed: ") + curl_multi_strerror(end.multi));
     }
-    if (code != CURLE_OK) {
-        const std::int64_t mapped = MapCurlCode(code);
-        const char* description = DescribeHResult(mapped);
-        client_.log().Debug("Request Handler - Error processing request (%s)", description);
+    if (end.code == CURLE_OPERATION_TIMEDOUT) return HttpOutcome::TimedOut();
+    if (end.code != CURLE_OK) {
+        const std::int64_t mapped = MapCurlCode(end.code);
         // Failures of the table carry its message; the rest carry curl's own account of them.
-        std::string message = description;
-        if (mapped >= kUnmappedCurlBase) message = error[0] != '\0' ? error : curl_easy_strerror(code);
-        const bool refused = code == CURLE_URL_MALFORMAT || code == CURLE_UNSUPPORTED_PROTOCOL ||
-                             code == CURLE_BAD_FUNCTION_ARGUMENT;
-        throw TransportError(mapped, message, refused);
+        std::string message = DescribeHResult(mapped);
+        if (mapped >= kUnmappedCurlBase) message = error[0] != '\0' ? error : curl_easy_strerror(end.code);
+        const bool refused = end.code == CURLE_URL_MALFORMAT || end.code == CURLE_UNSUPPORTED_PROTOCOL ||
+                             end.code == CURLE_BAD_FUNCTION_ARGUMENT;
+        return HttpOutcome::Failed(mapped, message, refused);
     }
-    result.status = static_cast<std::int32_t>(status);
-    result.body = std::move(transfer.body);
-    return result;
+    return HttpOutcome::Answered(static_cast<std::int32_t>(status), std::move(transfer.body),
+                                 std::move(transfer.cookies));
+}
+
+RequestHandler::RequestHandler(Transport& transport, const Logger& log, std::string uri)
+    : transport_(transport), log_(log) {
+    request_.url = std::move(uri);
+}
+
+void RequestHandler::SetHeader(const std::string& name, const std::string& value) {
+    request_.headers.emplace_back(name, value);
+}
+
+void RequestHandler::SetCookie(const std::string& name, const std::string& value) { request_.cookies[name] = value; }
+
+HttpOutcome RequestHandler::Perform(bool wantBody) {
+    request_.wantBody = wantBody;
+    HttpOutcome outcome = transport_.Send(request_);
+    responseCookies_ = outcome.cookies;
+    timedOut_ = outcome.kind == HttpOutcome::Kind::kTimedOut;
+    if (timedOut_) log_.Debug("Request Handler - Request timed out");
+    if (outcome.kind == HttpOutcome::Kind::kFailed) {
+        log_.Debug("Request Handler - Error processing request (%s)", DescribeHResult(outcome.code));
+        throw TransportError(outcome.code, outcome.message, outcome.refused);
+    }
+    return outcome;
 }
 
 std::int32_t RequestHandler::GetStatusCode() {
-    Result result = Perform(false);
-    timedOut_ = result.timedOut;
-    if (result.timedOut) {
-        client_.log().Debug("Request Handler - Request timed out");
-        return 408;
-    }
-    return result.status;
+    HttpOutcome outcome = Perform(false);
+    return timedOut_ ? 408 : outcome.status;
 }
 
 std::string RequestHandler::GetResponseText() {
-    Result result = Perform(true);
-    timedOut_ = result.timedOut;
-    if (result.timedOut) {
-        client_.log().Debug("Request Handler - Request timed out");
-        return "";
-    }
-    return std::move(result.body);
-}
-
-std::int32_t HttpClient::Get(const std::string& url, const Headers& headers, std::int32_t timeoutMillis) {
-    RequestHandler request(*this, url);
-    request.SetTimeout(timeoutMillis);
-    for (const auto& [name, value] : headers) request.SetHeader(name, value);
-    return request.GetStatusCode();
+    HttpOutcome outcome = Perform(true);
+    return timedOut_ ? std::string() : std::move(outcome.body);
 }
 
 }  // namespace velmora

@@ -32,13 +32,57 @@ private:
 // The message of the request service's table for a result code; "Unknown COMException" otherwise.
 const char* DescribeHResult(std::int64_t code);
 
-// One synchronous GET, as a sender sees it: the status code (408 when the time-out ran out), or
-// TransportError when no answer came. Tests put a fake in place of the HTTP client.
+// One outgoing request of the library, whatever it is for: hits, offers, audience signals and their
+// destinations, the identifier.
+struct HttpRequest {
+    using Headers = std::vector<std::pair<std::string, std::string>>;
+    std::string method = "GET";
+    std::string url;
+    Headers headers;                       // sent verbatim, an empty value as an empty header
+    StringMap cookies;                     // sent with the request, in name order
+    std::int32_t timeoutMillis = 30'000;   // the whole request; zero or less runs out at once
+    bool wantBody = true;                  // false: only the status is of interest
+};
+
+// What came of a request: an answer, the time-out, or a failure of the transport.
+struct HttpOutcome {
+    enum class Kind { kAnswered, kTimedOut, kFailed };
+    Kind kind = Kind::kFailed;
+    std::int32_t status = 0;   // kAnswered: the HTTP status, whatever it is
+    std::string body;          // kAnswered, when asked for
+    StringMap cookies;         // kAnswered: set by the answer ("Set-Cookie"), of every hop, by name
+    std::int64_t code = 0;     // kFailed: the platform-style result code (DescribeHResult)
+    std::string message;       // kFailed: what went wrong
+    bool refused = false;      // kFailed: the transport would not even try the URL
+
+    static HttpOutcome Answered(std::int32_t status, std::string body = "", StringMap cookies = {}) {
+        HttpOutcome outcome;
+        outcome.kind = Kind::kAnswered;
+        outcome.status = status;
+        outcome.body = std::move(body);
+        outcome.cookies = std::move(cookies);
+        return outcome;
+    }
+    static HttpOutcome TimedOut() {
+        HttpOutcome outcome;
+        outcome.kind = Kind::kTimedOut;
+        return outcome;
+    }
+    static HttpOutcome Failed(std::int64_t code, std::string message, bool refused = false) {
+        HttpOutcome outcome;
+        outcome.code = code;
+        outcome.message = std::move(message);
+        outcome.refused = refused;
+        return outcome;
+    }
+};
+
+// The seam every request of the library goes through: the curl client implements it, tests put a
+// fake in its place. Send never throws for what happens on the network; it reports it.
 class Transport {
 public:
-    using Headers = std::vector<std::pair<std::string, std::string>>;
     virtual ~Transport() = default;
-    virtual std::int32_t Get(const std::string& url, const Headers& headers, std::int32_t timeoutMillis) = 0;
+    virtual HttpOutcome Send(const HttpRequest& request) = 0;
 };
 
 // Shared by every request of a runtime: the host's connect-to entries and a connection cache, so
@@ -47,36 +91,32 @@ public:
 // has closed.
 class HttpClient : public Transport {
 public:
-    HttpClient(const Logger& log, std::vector<std::string> connectTo, Clock& clock);
+    HttpClient(std::vector<std::string> connectTo, Clock& clock);
     ~HttpClient() override;
 
-    std::int32_t Get(const std::string& url, const Headers& headers, std::int32_t timeoutMillis) override;
+    HttpOutcome Send(const HttpRequest& request) override;
 
     // Ends the requests in flight at once (they fail as aborted connections) and makes every later
     // request fail the same way: the end of the process must not wait out a server's time-out.
     void Abort();
 
     struct Shared;
-    Shared& shared() { return *shared_; }
-    const Logger& log() const { return log_; }
 
 private:
-    const Logger& log_;
     std::shared_ptr<Shared> shared_;
 };
 
-// One HTTP GET. A time-out covers the whole request (resolution, connection and response) and is
-// no failure: GetStatusCode gives 408 and GetResponseText "". Every other transport failure is
-// logged as a debug line and thrown as TransportError for the caller to handle.
+// One request as its caller sees it. A time-out is no failure: GetStatusCode gives 408 and
+// GetResponseText "", after a debug line. Every other failure of the transport is logged as a
+// debug line and thrown as TransportError for the caller to handle.
 class RequestHandler {
 public:
-    RequestHandler(HttpClient& client, std::string uri);
-    ~RequestHandler();
+    RequestHandler(Transport& transport, const Logger& log, std::string uri);
     RequestHandler(const RequestHandler&) = delete;
     RequestHandler& operator=(const RequestHandler&) = delete;
 
     // Zero or less runs out at once, without sending.
-    void SetTimeout(std::int32_t milliseconds) { timeoutMilliseconds_ = milliseconds; }
+    void SetTimeout(std::int32_t milliseconds) { request_.timeoutMillis = milliseconds; }
     void SetHeader(const std::string& name, const std::string& value);  // added without validation
     void SetCookie(const std::string& name, const std::string& value);  // sent with the request
 
@@ -90,14 +130,11 @@ public:
     const StringMap& ResponseCookies() const { return responseCookies_; }
 
 private:
-    struct Result;
-    Result Perform(bool wantBody);
+    HttpOutcome Perform(bool wantBody);
 
-    HttpClient& client_;
-    std::string uri_;
-    std::int32_t timeoutMilliseconds_ = 30'000;  // no request waits without a limit
-    std::vector<std::string> headers_;
-    StringMap cookies_;
+    Transport& transport_;
+    const Logger& log_;
+    HttpRequest request_;
     StringMap responseCookies_;
     bool timedOut_ = false;
 };

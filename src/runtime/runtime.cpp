@@ -140,7 +140,7 @@ SerialQueue& Runtime::GeneralQueue() {
 }
 
 HttpClient& Runtime::Http() {
-    return http_.Get([this] { return std::make_unique<HttpClient>(log_, host_.connectTo, *clock_); });
+    return http_.Get([this] { return std::make_unique<HttpClient>(host_.connectTo, *clock_); });
 }
 
 DeviceContext& Runtime::Device() {
@@ -148,7 +148,7 @@ DeviceContext& Runtime::Device() {
     return device_.Get([this] {
         return std::make_unique<DeviceContext>(
             host_, [this]() -> const ConfigSettings& { return Config(); },
-            [this]() -> SettingsStore& { return Settings(); }, [this]() -> HttpClient& { return Http(); }, log_);
+            [this]() -> SettingsStore& { return Settings(); }, [this]() -> Transport& { return Http(); }, log_);
     });
 }
 

@@ -36,12 +36,12 @@ void AppendParameters(std::string& url, const StringMap& parameters) {
 
 }  // namespace
 
-VantorClient::VantorClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, HttpClient& http,
+VantorClient::VantorClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, Transport& transport,
                Clock& clock, const Logger& log, Sources sources, Executor& executor)
     : config_(config),
       gates_(gates),
       settings_(settings),
-      http_(http),
+      transport_(transport),
       clock_(clock),
       log_(log),
       sources_(std::move(sources)),
@@ -163,7 +163,7 @@ std::string VantorClient::Load(const OfferRequest& request) {
             log_.Warning("Vantor - Unable to create URI object (%s)", error.c_str());
             return request.defaultContent;
         }
-        RequestHandler handler(http_, url);
+        RequestHandler handler(transport_, log_, url);
         const std::int64_t timeout = std::int64_t{config_.vantorTimeout} * 1000;
         handler.SetTimeout(static_cast<std::int32_t>(
             std::clamp<std::int64_t>(timeout, 0, std::numeric_limits<std::int32_t>::max())));

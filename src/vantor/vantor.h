@@ -44,7 +44,7 @@ public:
         std::function<float()> lifetimeValue;
     };
 
-    VantorClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, HttpClient& http,
+    VantorClient(const ConfigSettings& config, ModuleGates& gates, SettingsStore& settings, Transport& transport,
            Clock& clock, const Logger& log, Sources sources, Executor& executor);
     bool Flush(std::chrono::milliseconds timeout) { return queue_.Drain(timeout); }
     void Shutdown() { queue_.Shutdown(); }
@@ -72,7 +72,7 @@ private:
     const ConfigSettings& config_;
     ModuleGates& gates_;
     SettingsStore& settings_;
-    HttpClient& http_;
+    Transport& transport_;
     Clock& clock_;
     const Logger& log_;
     Sources sources_;

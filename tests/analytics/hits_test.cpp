@@ -106,14 +106,14 @@ struct CountingFiles : FileStore {
 
 // Answers with the statuses or failures given in turn, then 200; records every URL.
 struct FakeTransport : Transport {
-    std::int32_t Get(const std::string& url, const Headers&, std::int32_t) override {
+    HttpOutcome Send(const HttpRequest& request) override {
         std::lock_guard lock(mutex);
-        urls.push_back(url);
+        urls.push_back(request.url);
         const int answer = answers.empty() ? 200 : answers.front();
         if (!answers.empty()) answers.pop_front();
-        if (answer == kTransportFailure) throw TransportError(0x80072EFF, "connection reset");
-        if (answer == kRefusedUrl) throw TransportError(0x80072EE5, "malformed URL", true);
-        return answer;
+        if (answer == kTransportFailure) return HttpOutcome::Failed(0x80072EFF, "connection reset");
+        if (answer == kRefusedUrl) return HttpOutcome::Failed(0x80072EE5, "malformed URL", true);
+        return HttpOutcome::Answered(answer);
     }
     std::vector<std::string> Urls() {
         std::lock_guard lock(mutex);

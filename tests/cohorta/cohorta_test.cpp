@@ -14,8 +14,8 @@ constexpr const char* kTail = "d_ptfm=win8&d_dst=1&d_rtbd=json";
 TEST_F(Application, AudienceRequestsAreBuiltInTheirFixedOrderAndFailuresLeaveTheStoredState) {
     const std::string empty = "Velmora Warning:Cohorta - response was empty";
     const std::string parse = "Velmora Warning:Cohorta - Unexpected error parsing result (";
-    // answer "@host": that server instead of the loopback one; destinations are called before the rest is read
-    const std::string dest = R"({"dests":[{"c":")" + audience.Url("/d") + R"("}],)";
+    // answer "@host": that server instead of the audience's; destinations are called before the rest is read
+    const std::string dest = R"({"dests":[{"c":"http://)" + std::string(kAudienceHost) + R"(/d"}],)";
     struct Row { StringMap traits; std::string userId, dpid, dpuuid, query, answer, line; std::size_t dests = 0; };
     const Row rows[] = {
         {{{"a.b", "1"}, {"x", ""}}, "", "", "", "c_a_b=1&", R"({"stuff":[]})", empty},
@@ -26,19 +26,21 @@ TEST_F(Application, AudienceRequestsAreBuiltInTheirFixedOrderAndFailuresLeaveThe
         {{{"t", "1"}}, "", "", "Q", "c_t=1&", "{}", empty},
         {{{"t", "1"}}, "U1", "P", "Q", "c_t=1&d_uuid=U1&d_dpid=P&d_dpuuid=Q&", "HOLD",  // waits out the 2 s limit
          "Velmora Warning:Cohorta - Request timed out"},
-        {{}, "", "", "", "", "@" + refused, "Velmora Warning:Cohorta - Unable to create URI object (A connection with"},
+        {{}, "", "", "", "", std::string("@") + kRefusedHost,
+         "Velmora Warning:Cohorta - Unable to create URI object (A connection with"},
         {{}, "", "", "", "", "@bad host", "Velmora Warning:Cohorta - Unable to create URL object"},
     };
     for (const auto& row : rows) {
-        const std::string host = row.answer[0] == '@' ? row.answer.substr(1) : audience.Address();
+        const std::string host = row.answer[0] == '@' ? row.answer.substr(1) : kAudienceHost;
         Answer(row.answer);
         Launch("1.0.0.0", 300, host);
         Settings().Insert(kCohortaUserIdKey, row.userId);
         Settings().Insert(kCohortaProfileKey, StringMap{{"old", "1"}});
         Cohorta().SetDpidAndDpuuid(row.dpid, row.dpuuid);
-        const std::size_t before = audience.Count();
+        const std::size_t before = audience.Requests().size();
         EXPECT_EQ(Cohorta().SubmitSignal(row.traits).get(), std::nullopt);
-        EXPECT_EQ(audience.Count() - before, host == audience.Address() ? 1 + row.dests : 0u) << "the signal and destinations";
+        EXPECT_EQ(audience.Requests().size() - before, host == "bad host" ? 0u : 1 + row.dests) << "the signal and destinations";
+        if (host != "bad host") EXPECT_EQ(audience.Requests()[before].timeoutMillis, CohortaClient::kSignalTimeoutMs);
         EXPECT_THAT(env.log.Lines(), Contains("Velmora Debug:Cohorta - request (http://" + host + "/event?" + row.query + kTail + ")"));
         EXPECT_THAT(env.log.Lines(), Contains(StartsWith(row.line)));
         EXPECT_EQ(LookupText(Settings(), kCohortaUserIdKey), row.userId);
@@ -48,13 +50,16 @@ TEST_F(Application, AudienceRequestsAreBuiltInTheirFixedOrderAndFailuresLeaveThe
 }
 
 TEST_F(Application, TheAudienceAnswerIsKeptAcrossProcessesAndItsDestinationsCalled) {
-    Answer(R"({"uuid":"U1","dests":[{"c":")" + audience.Url("/d1") + R"("},{"c":")" + audience.Url("/d2?x=1") +
-           R"("},{"url":"none"},{"c":"http://)" + refused + R"(/"}],)" +
-           R"("stuff":[{"cn":"seg","cv":"gold"},{"cn":"age","cv":"30"},{"cn":"flag"}]})");
+    const std::string host = std::string("http://") + kAudienceHost;
+    Answer(R"({"uuid":"U1","dests":[{"c":")" + host + R"(/d1"},{"c":")" + host + R"(/d2?x=1"},{"url":"none"},)" +
+           R"({"c":"http://)" + kRefusedHost + R"(/"}],"stuff":[{"cn":"seg","cv":"gold"},{"cn":"age","cv":"30"},{"cn":"flag"}]})");
     const StringMap profile{{"age", "30"}, {"flag", ""}, {"seg", "gold"}};
     Launch();
     EXPECT_EQ(Cohorta().SubmitSignal({}).get(), profile);
-    EXPECT_EQ(audience.Count(), 3u);  // the signal and the two destinations that can be called
+    const auto requests = audience.Requests();  // the signal and the destinations with an address
+    ASSERT_EQ(requests.size(), 4u);
+    EXPECT_EQ(std::make_tuple(requests[1].url, requests[3].url), std::make_tuple(host + "/d1", std::string("http://refused.test/")));
+    EXPECT_EQ(requests[2].timeoutMillis, CohortaClient::kDestinationTimeoutMs);
     const auto lines = env.log.Lines();
     EXPECT_THAT(lines, Contains(StartsWith("Velmora Warning:Cohorta - Unknown failure forwarding dest (")));
     EXPECT_THAT(lines, Contains("Velmora Warning:Cohorta - Failed to forward the dest (A connection with the server "

@@ -1,5 +1,6 @@
 #include "core/device.h"
 #include "core/http.h"
+#include "support/fake_transport.h"
 #include "support/fault_server.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
@@ -39,7 +40,7 @@ struct Http : ::testing::Test {
         });
     }
     std::unique_ptr<RequestHandler> Request(const std::string& url, std::int32_t timeout = 5000) {
-        auto request = std::make_unique<RequestHandler>(http, url);
+        auto request = std::make_unique<RequestHandler>(http, log, url);
         request->SetTimeout(timeout);
         return request;
     }
@@ -47,7 +48,7 @@ struct Http : ::testing::Test {
     test::LogCapture capture;
     Logger log{capture.Sink()};
     ManualClock clock;
-    HttpClient http{log, {}, clock};
+    HttpClient http{{}, clock};
 };
 
 TEST_F(Http, TransportFailuresLogTheTableMessageAndThrow) {
@@ -117,6 +118,9 @@ TEST_F(Http, AStatusRequestWithoutAnAnswerInTimeComesBackAs408WithItsLine) {
     server.OnGet([this](const httplib::Request&, httplib::Response&) { server.Hold(); });
     EXPECT_EQ(Request(server.Url("/"), 200)->GetStatusCode(), 408);
     EXPECT_EQ(capture.Lines(), std::vector<std::string>{"Velmora Debug:Request Handler - Request timed out"});
+    server.Release();
+    EXPECT_EQ(Request(server.Url("/"), 0)->GetResponseText(), "");
+    EXPECT_EQ(server.Count(), 1u) << "no time at all: not even sent";
 }
 
 // Cookies going out and coming back, and none sticking to the pooled connection, show in the offer tests.
@@ -126,24 +130,32 @@ TEST_F(Http, HeadersGoOutVerbatimAndResponseCookiesComeBackFromEveryHop) {
     EXPECT_EQ(moved->GetStatusCode(), 200);
     EXPECT_EQ(moved->ResponseCookies(), (StringMap{{"final", "yes"}, {"hop", "first"}}));
     EXPECT_EQ(server.Requests()[0].Header("X-Unchecked"), "a,,b;; (c) \"d");
+    HttpRequest remove;
+    remove.method = "DELETE";
+    remove.url = server.Url("/");
+    EXPECT_EQ(http.Send(remove).status, 404) << "the server has no DELETE";
 }
 
 const std::regex kAidForm("^[0-7][0-9A-F]{15}-[0-3][0-9A-F]{15}$");
 const std::string kRefused = "A connection with the server specified in the uri parameter could not be established.";
 
-// A device context on temporary directories; the loopback server is the tracking server of "/id".
-struct Device : Http {
+// A device context on temporary directories; its identifier requests go to a fake transport.
+struct Device : ::testing::Test {
     Device() {
+        log.SetDebugEnabled(true);
         host.packageDirectory = package.path();
-        config.server = server.Address();
+        config.server = "collect.test";
     }
     DeviceContext& Context() {
         if (!context) {
-            context = std::make_unique<DeviceContext>(host, config, settings, http, log);
+            context = std::make_unique<DeviceContext>(host, config, settings, transport, log);
             context->SetSystemInfoDirectory(dmi.path());
         }
         return *context;
     }
+    test::LogCapture capture;
+    Logger log{capture.Sink()};
+    test::FakeTransport transport;
     test::TempDir package, local, dmi;
     HostOptions host;
     ConfigSettings config;
@@ -220,38 +232,55 @@ TEST_F(Device, ConcurrentFirstUsesComputeEachValueOnce) {
         threads.emplace_back([&d, t] { t % 2 ? d.GetApplicationVersion() + d.GetApplicationId() + d.GetAid() : d.GetContextData()["a.AppID"] + d.GetAid(); });
     }
     for (auto& thread : threads) thread.join();
-    EXPECT_EQ(std::make_tuple(capture.Lines().size(), windowCalls.load(), server.Count()), std::make_tuple(1u, 1, 1u));
+    EXPECT_EQ(std::make_tuple(capture.Lines().size(), windowCalls.load(), transport.Requests().size()),
+              std::make_tuple(1u, 1, 1u));
     EXPECT_EQ(d.GetContextData(), (StringMap{{"a.AppID", "Unknown 0.0.0 (0)"}, {"a.CarrierName", ""}, {"a.DeviceName", "Unknown Unknown"},
                                              {"a.OSVersion", "Windows Phone 8.1"}, {"a.Resolution", "Unknown"}}));
 }
 
 // The server's aid, else a generated one; either is stored, and a later context reuses it unasked.
+// The identifier is asked for at "/id" of the tracking server, within 500 ms, and never after an
+// opt-out.
 TEST_F(Device, AidComesFromTheServerElseIsGeneratedAndIsStoredForLaterRuns) {
-    test::ClosedPort closed;
     const std::string fetched = "3F2504E04F8911D3-09A0300C04FF0A1B";
-    const std::tuple<std::string, std::string, std::vector<std::string>> cases[] = {
-        // "/id" body ("hold": too late), aid (empty: generated), log lines
-        {"{\"id\":\"" + fetched + "\",\"other\":1}", fetched, {}}, {"id=123", "", {}}, {"{\"id\":42}", "", {}},
-        {"hold", "", {"Velmora Debug:Request Handler - Request timed out"}},
-        {"closed", "", {"Velmora Debug:Request Handler - Error processing request (" + kRefused + ")",
-                        "Velmora Debug:Analytics - Unable to retrieve aid from server (" + kRefused + ")"}}};
-    for (const auto& [body, expected, lines] : cases) {
-        server.OnGet([&, body = body](const httplib::Request&, httplib::Response& response) {
-            if (body == "hold") server.Hold();
-            response.set_content(body, "application/json");
-        });
-        if (body == "closed") config.server = "127.0.0.1:" + std::to_string(closed.Port());
+    const std::string failed = "Velmora Debug:Request Handler - Error processing request (" + kRefused + ")";
+    struct Row {
+        HttpOutcome answer;
+        std::string aid;  // empty: generated
+        std::vector<std::string> lines;
+        std::int32_t privacy = kPrivacyOptIn;
+        bool ssl = false;
+    };
+    const Row rows[] = {
+        {HttpOutcome::Answered(200, "{\"id\":\"" + fetched + "\",\"other\":1}"), fetched, {}},
+        {HttpOutcome::Answered(200, "{\"id\":\"" + fetched + "\"}"), fetched, {}, kPrivacyUnknown, true},
+        {HttpOutcome::Answered(200, "id=123"), "", {}}, {HttpOutcome::Answered(200, "{\"id\":42}"), "", {}},
+        {HttpOutcome::TimedOut(), "", {"Velmora Debug:Request Handler - Request timed out"}},
+        {HttpOutcome::Failed(0x80072EFD, kRefused), "", {failed, "Velmora Debug:Analytics - Unable to retrieve aid from server (" + kRefused + ")"}},
+        {HttpOutcome::Answered(200, "{\"id\":\"" + fetched + "\"}"), "",
+         {"Velmora Debug:Analytics - Not retrieving aid from server due to privacy status being opted out"}, kPrivacyOptOut}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.answer.body + row.answer.message);
+        transport.Always(row.answer);
+        config.privacyStatus = row.privacy;
+        config.ssl = row.ssl;
         settings.Remove(kAidKey);
         capture.Clear();
         context.reset();
+        const std::size_t before = transport.Requests().size();
         const std::string aid = Context().GetAid();
-        EXPECT_TRUE(expected.empty() ? std::regex_match(aid, kAidForm) : aid == expected) << aid;
+        EXPECT_TRUE(row.aid.empty() ? std::regex_match(aid, kAidForm) : aid == row.aid) << aid;
         EXPECT_EQ(LookupText(settings, kAidKey), aid);
-        EXPECT_EQ(capture.Lines(), lines) << body;
-        const std::size_t requests = server.Count();
+        EXPECT_EQ(capture.Lines(), row.lines);
+        const auto requests = transport.Requests();
+        ASSERT_EQ(requests.size() - before, row.privacy == kPrivacyOptOut ? 0u : 1u);
+        if (row.privacy != kPrivacyOptOut) {
+            EXPECT_EQ(requests.back().url, std::string(row.ssl ? "https" : "http") + "://collect.test/id");
+            EXPECT_EQ(requests.back().timeoutMillis, 500);
+        }
         context.reset();
         EXPECT_EQ(Context().GetAid(), aid);
-        EXPECT_EQ(server.Count(), requests) << body;
+        EXPECT_EQ(transport.Requests().size(), requests.size()) << "a later run reuses the stored one";
     }
 }
 

@@ -127,7 +127,7 @@ TEST_P(LaunchHistory, SendsTheLifecycleValuesAndStoresTheSessionState) {
         At(event.at);
         ASSERT_TRUE(::testing::Mock::VerifyAndClearExpectations(&tracker));
         sent += event.hit != "-";
-        ASSERT_EQ(audience.Count(), sent);  // the same values go to the audience server
+        ASSERT_EQ(audience.Requests().size(), sent);  // the same values go to the audience service
         for (const auto& [key, value] : event.stored) EXPECT_EQ(Settings().Lookup(key), value) << key;
         if (event.hit == "-") continue;
         EXPECT_EQ(lifecycle->GetLifecycleContextData(), Expected(event.hit));

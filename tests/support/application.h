@@ -5,7 +5,7 @@
 #include "cohorta/cohorta.h"
 #include "core/device.h"
 #include "lifecycle/lifecycle.h"
-#include "support/loopback_server.h"
+#include "support/fake_transport.h"
 #include "support/test_support.h"
 
 #include <gmock/gmock.h>
@@ -20,14 +20,18 @@ struct MockTracker : ActionTracker {
 };
 
 // One application on one local folder, each launch a new runtime as a new process would be, with
-// debug lines on and the loopback audience server (or `cohorta`).
+// debug lines on and the audience service (on `audienceHost`, or `cohorta`) behind a fake transport.
 struct Application : ::testing::Test {
+    static constexpr const char* kAudienceHost = "audience.test";
+    static constexpr const char* kRefusedHost = "refused.test";  // its requests fail to connect
+
     void Launch(const std::string& version = "1.0.0.0", std::int32_t timeout = 300, std::string cohorta = "") {
         lifecycle.reset();
         timed.reset();
+        audienceClient.reset();
         env.package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"r","server":"s","lifecycleTimeout":)" +
                                                     std::to_string(timeout) + R"(},"cohorta":{"server":")" +
-                                                    (cohorta.empty() ? audience.Address() : cohorta) + "\"}}");
+                                                    (cohorta.empty() ? kAudienceHost : cohorta) + "\"}}");
         env.package.Write("AppxManifest.xml", R"(<Package><Identity Version=")" + version + R"("/><Properties>)"
                                               R"(<DisplayName>Demo</DisplayName></Properties></Package>)");
         HostOptions host;
@@ -38,28 +42,34 @@ struct Application : ::testing::Test {
         r.Log().SetDebugEnabled(true);
         env.log.Clear();
         timed = std::make_unique<TimedActionStore>(r.Files(), tracker, r.GetClock(), r.Log());
+        audienceClient = std::make_unique<CohortaClient>(r.Config(), r.Gates(), r.Settings(), audience, r.Log(), r.Workers());
         lifecycle = std::make_unique<Lifecycle>(r.Config(), r.Gates(), r.Settings(), r.GetClock(),
                                                 r.Device(), tracker, *timed, Cohorta(), r.Log());
     }
-    void Answer(const std::string& body) {  // to audience signals; "HOLD" never answers
-        audience.OnGet([this, body](const httplib::Request& request, httplib::Response& response) {
-            if (request.path == "/event") body == "HOLD" ? audience.Hold() : response.set_content(body, "text/json");
+    // The answer to audience signals ("HOLD": none in time); destinations get a 200, and every
+    // request to the refused host fails to connect.
+    void Answer(const std::string& body) {
+        audience.OnSend([body](const HttpRequest& request) {
+            if (request.url.find(kRefusedHost) != std::string::npos) {
+                return HttpOutcome::Failed(0x80072EFD, DescribeHResult(0x80072EFD));
+            }
+            if (request.url.find("/event?") == std::string::npos) return HttpOutcome::Answered(200);
+            return body == "HOLD" ? HttpOutcome::TimedOut() : HttpOutcome::Answered(200, body);
         });
     }
     void At(std::int64_t seconds) {  // once the signals posted ran at the old time
         EXPECT_TRUE(!lifecycle || Cohorta().Flush(std::chrono::seconds(10)));
         env.clock->SetMillis(seconds * 1000);
     }
-    CohortaClient& Cohorta() { return env.runtime->Audience(); }
+    CohortaClient& Cohorta() { return *audienceClient; }
     SettingsStore& Settings() { return env.runtime->Settings(); }
     std::string File() const { return env.local.Read(TimedActionStore::kFileName); }
 
-    LoopbackServer audience;
-    ClosedPort closed;
-    const std::string refused = "127.0.0.1:" + std::to_string(closed.Port());
+    FakeTransport audience;
     TestRuntime env;
     ::testing::StrictMock<MockTracker> tracker;
     std::unique_ptr<TimedActionStore> timed;
+    std::unique_ptr<CohortaClient> audienceClient;
     std::unique_ptr<Lifecycle> lifecycle;
 };
 

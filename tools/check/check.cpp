@@ -454,7 +454,7 @@ void CheckManifest(const std::filesystem::path& packageDirectory, Report& report
     ScratchSettings settings;
     ConfigSettings config;
     SystemClock clock;  // no request is made: the manifest is all that is read
-    HttpClient http(captured.log, {}, clock);
+    HttpClient http({}, clock);
     HostOptions host;
     host.packageDirectory = packageDirectory;
     DeviceContext device(host, config, settings.Store(), http, captured.log);
