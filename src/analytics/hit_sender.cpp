@@ -125,7 +125,7 @@ void HitSender::Run() {
             removed = true;
             continue;
         }
-        store_.Return(std::move(*hit));
+        store_.Return();
         if (!Cooldown()) break;
     }
     if (removed) store_.Save();  // what the run removed since the last save
@@ -141,7 +141,6 @@ void HitSender::KeepInOrder(QueuedHit& hit) {
     log_.Debug("Analytics - Adjusting out of order hit timestamp(%ld->%ld)", static_cast<long>(hit.timestamp),
                static_cast<long>(adjusted));
     hit.timestamp = adjusted;
-    hit.json.reset();  // made anew if the hit goes back to the file
 }
 
 HitSender::Outcome HitSender::Attempt(const QueuedHit& hit) {

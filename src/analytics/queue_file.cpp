@@ -1,0 +1,852 @@
+#include "analytics/queue_file.h"
+
+#include <nlohmann/json.hpp>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <sstream>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+
+namespace velmora {
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr auto kMinTimestamp = std::numeric_limits<std::int32_t>::min();
+constexpr auto kMaxTimestamp = std::numeric_limits<std::int32_t>::max();
+constexpr std::string_view kDocumentStart = "{\"Hits\":[";
+constexpr std::size_t kChunk = 64 * 1024;
+
+std::int32_t ClampTimestamp(double seconds) {
+    if (!(seconds > kMinTimestamp)) return kMinTimestamp;
+    if (!(seconds < kMaxTimestamp)) return kMaxTimestamp;
+    return static_cast<std::int32_t>(seconds);
+}
+
+[[noreturn]] void Fail(const char* what, const std::filesystem::path& path, int error) {
+    throw std::runtime_error(std::string(what) + " " + path.string() + ": " + std::strerror(error));
+}
+
+// Reads up to `size` bytes at `offset`; fewer only at the end of the file.
+std::size_t ReadAt(int fd, char* data, std::size_t size, std::uint64_t offset) {
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t n = ::pread(fd, data + done, size - done, static_cast<off_t>(offset + done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw std::system_error(errno, std::generic_category());
+        if (n == 0) break;
+        done += static_cast<std::size_t>(n);
+    }
+    return done;
+}
+
+void WriteAt(int fd, const char* data, std::size_t size, std::uint64_t offset) {
+    while (size > 0) {
+        const ssize_t n = ::pwrite(fd, data, size, static_cast<off_t>(offset));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw std::system_error(errno, std::generic_category());
+        data += n;
+        size -= static_cast<std::size_t>(n);
+        offset += static_cast<std::uint64_t>(n);
+    }
+}
+
+std::uint64_t Hash(const char* data, std::size_t size, std::uint64_t hash = 14695981039346656037ULL) {
+    for (std::size_t i = 0; i < size; ++i) hash = (hash ^ static_cast<unsigned char>(data[i])) * 1099511628211ULL;
+    return hash;
+}
+
+// The hash of [from, to), at most its first 64 KiB; 0 for an empty range.
+std::uint64_t RangeHash(int fd, std::uint64_t from, std::uint64_t to) {
+    if (to <= from) return 0;
+    std::string bytes(static_cast<std::size_t>(std::min<std::uint64_t>(to - from, kChunk)), '\0');
+    if (ReadAt(fd, bytes.data(), bytes.size(), from) != bytes.size()) return 1;  // fits no record
+    return Hash(bytes.data(), bytes.size());
+}
+
+enum class Scan { kEntry, kShort, kBad };
+
+// One entry of this library's layout at the start of `text`: {"T":<int32>,"H":"<JSON string>"}.
+// Sets `length`; decodes into `hit` when given. An entry whose string needs decoding is checked
+// by the JSON parser, so what passes here is what the JSON parser reads.
+Scan ScanEntry(std::string_view text, std::size_t& length, QueuedHit* hit) {
+    std::size_t at = 0;
+    auto literal = [&](std::string_view expected) {
+        const std::size_t n = std::min(expected.size(), text.size() - at);
+        if (text.compare(at, n, expected.substr(0, n)) != 0) return Scan::kBad;
+        if (n < expected.size()) return Scan::kShort;
+        at += n;
+        return Scan::kEntry;
+    };
+    if (Scan s = literal("{\"T\":"); s != Scan::kEntry) return s;
+    const bool negative = at < text.size() && text[at] == '-';
+    at += negative;
+    std::int64_t value = 0;
+    const std::size_t digits = at;
+    for (; at < text.size() && text[at] >= '0' && text[at] <= '9' && at - digits < 11; ++at) {
+        value = value * 10 + (text[at] - '0');
+    }
+    if (at == text.size()) return Scan::kShort;
+    if (at == digits || at - digits > 10 || (text[digits] == '0' && (at - digits > 1 || negative))) return Scan::kBad;
+    if (negative) value = -value;
+    if (value < kMinTimestamp || value > kMaxTimestamp) return Scan::kBad;
+    if (Scan s = literal(",\"H\":\""); s != Scan::kEntry) return s;
+    const std::size_t open = at - 1;
+    bool plain = true;
+    for (;; ++at) {
+        if (at >= text.size()) return Scan::kShort;
+        const auto c = static_cast<unsigned char>(text[at]);
+        if (c == '"') break;
+        if (c < 0x20) return Scan::kBad;
+        if (c == '\\') {
+            plain = false;
+            ++at;
+        } else if (c >= 0x7F) {
+            plain = false;
+        }
+    }
+    const std::size_t close = at++;
+    if (Scan s = literal("}"); s != Scan::kEntry) return s;
+    std::string decoded;
+    if (!plain) {
+        try {
+            decoded = Json::parse(text.substr(open, close + 1 - open)).get<std::string>();
+        } catch (const std::exception&) {
+            return Scan::kBad;
+        }
+    }
+    if (hit != nullptr) {
+        hit->timestamp = static_cast<std::int32_t>(value);
+        hit->hit = plain ? std::string(text.substr(open + 1, close - open - 1)) : std::move(decoded);
+    }
+    length = at;
+    return Scan::kEntry;
+}
+
+// Reads the entries of a file in this library's layout, from a position where an entry or the
+// closing ']' stands, in chunks.
+class EntryScanner {
+public:
+    enum class Stop { kEntry, kClosed, kLimit, kCutShort, kDamaged };
+
+    // `afterEntry`: `from` is the end of an entry, where a ',' or the closing ']' stands.
+    EntryScanner(int fd, std::uint64_t from, std::uint64_t limit, bool afterEntry)
+        : fd_(fd), base_(from), settled_(from), limit_(limit), first_(!afterEntry) {}
+
+    // The next entry (decoded when `decode`), or why there is none.
+    Stop Next(FileEntry& entry, bool decode) {
+        if (Position() >= limit_) return Stop::kLimit;
+        if (!Fill(1)) return Stop::kCutShort;
+        if (buffer_[at_] == ']') return Stop::kClosed;
+        if (!first_) {
+            if (buffer_[at_] != ',') return Stop::kDamaged;
+            ++at_;
+        }
+        for (std::size_t wanted = 1;;) {
+            std::size_t length = 0;
+            const Scan scan = ScanEntry(std::string_view(buffer_).substr(at_), length, decode ? &entry.hit : nullptr);
+            if (scan == Scan::kBad) return Stop::kDamaged;
+            if (scan == Scan::kEntry) {
+                entry.begin = Position();
+                at_ += length;
+                entry.end = settled_ = Position();
+                first_ = false;
+                return Stop::kEntry;
+            }
+            wanted = buffer_.size() - at_ + 1;
+            if (!Fill(wanted)) return Stop::kCutShort;
+        }
+    }
+    // The end of the last whole entry, or where reading began.
+    std::uint64_t Settled() const { return settled_; }
+    std::string Damage(Stop stop) const {
+        return std::string(stop == Stop::kCutShort ? "the file is cut short" : "the file is damaged") + " after byte " +
+               std::to_string(settled_);
+    }
+
+private:
+    std::uint64_t Position() const { return base_ + at_; }
+
+    // At least `count` bytes from the position on; reads a chunk ahead.
+    bool Fill(std::size_t count) {
+        if (buffer_.size() - at_ >= count) return true;
+        buffer_.erase(0, at_);
+        base_ += at_;
+        at_ = 0;
+        while (buffer_.size() < count) {
+            const std::uint64_t from = base_ + buffer_.size();
+            if (from >= limit_) return false;
+            const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(std::max(kChunk, count - buffer_.size()), limit_ - from));
+            const std::size_t kept = buffer_.size();
+            buffer_.resize(kept + want);
+            const std::size_t got = ReadAt(fd_, buffer_.data() + kept, want, from);
+            buffer_.resize(kept + got);
+            if (got < want) return buffer_.size() >= count;  // the end of the file
+        }
+        return true;
+    }
+
+    const int fd_;
+    std::string buffer_;
+    std::size_t at_ = 0;
+    std::uint64_t base_;     // file offset of buffer_[0]
+    std::uint64_t settled_;
+    const std::uint64_t limit_;
+    bool first_;
+};
+
+// Reads the queue file as a stream of events: no document tree is built for a file that may hold
+// thousands of hits, and the hits before a damaged part are kept.
+class QueueFileReader final : public nlohmann::json_sax<Json> {
+public:
+    explicit QueueFileReader(const std::function<void(QueuedHit&)>& hit) : hit_(hit) {}
+    bool SawHits() const { return sawHits_; }
+
+    bool null() override { return Value(Kind::kOther); }
+    bool boolean(bool) override { return Value(Kind::kOther); }
+    bool number_integer(number_integer_t value) override {
+        if (At("T")) current_.timestamp = static_cast<std::int32_t>(std::clamp<number_integer_t>(value, kMinTimestamp, kMaxTimestamp));
+        return Value(Kind::kNumber);
+    }
+    bool number_unsigned(number_unsigned_t value) override {
+        if (At("T")) current_.timestamp = static_cast<std::int32_t>(std::min<number_unsigned_t>(value, kMaxTimestamp));
+        return Value(Kind::kNumber);
+    }
+    bool number_float(number_float_t value, const string_t&) override {
+        if (At("T")) current_.timestamp = ClampTimestamp(value);
+        return Value(Kind::kNumber);
+    }
+    // Copies, not moves: the parser reuses its buffer for the next token.
+    bool string(string_t& value) override {
+        if (At("H")) current_.hit.assign(value);
+        return Value(Kind::kString);
+    }
+    bool binary(binary_t&) override { return Value(Kind::kOther); }
+
+    bool start_object(std::size_t) override { return Open(Kind::kObject); }
+    bool start_array(std::size_t) override { return Open(Kind::kArray); }
+    bool key(string_t& key) override {
+        if (skip_ == 0) key_.assign(key);
+        return true;
+    }
+    bool end_object() override { return Close(); }
+    bool end_array() override { return Close(); }
+
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) override {
+        throw std::runtime_error(error.what());
+    }
+
+private:
+    enum class Kind { kNumber, kString, kObject, kArray, kOther };
+
+    bool At(const char* member) const { return skip_ == 0 && depth_ == 3 && key_ == member; }
+
+    // A scalar, or the start of a container, seen where the current depth expects a value.
+    bool Value(Kind kind) {
+        if (skip_ > 0) return true;
+        switch (depth_) {
+            case 0:
+                throw std::runtime_error("the document is not a JSON object");
+            case 1:
+                if (key_ == "Hits" && kind != Kind::kArray) throw std::runtime_error("\"Hits\" is not an array");
+                break;
+            case 2:
+                if (kind != Kind::kObject) throw std::runtime_error("a queued hit is not a JSON object");
+                break;
+            case 3:
+                if (key_ == "T") {
+                    if (kind != Kind::kNumber) throw std::runtime_error("a queued hit's \"T\" is not a number");
+                    hasTimestamp_ = true;
+                } else if (key_ == "H") {
+                    if (kind != Kind::kString) throw std::runtime_error("a queued hit's \"H\" is not a string");
+                    hasHit_ = true;
+                }
+                break;
+            default:
+                break;
+        }
+        return true;
+    }
+
+    bool Open(Kind kind) {
+        if (skip_ > 0) {
+            ++skip_;
+            return true;
+        }
+        if (depth_ == 0 && kind != Kind::kObject) throw std::runtime_error("the document is not a JSON object");
+        if (depth_ > 0) Value(kind);
+        const bool wanted = depth_ == 0 || (depth_ == 1 && key_ == "Hits") || depth_ == 2;
+        if (!wanted) {
+            skip_ = 1;  // a member the file format does not know: ignored whole
+            return true;
+        }
+        if (depth_ == 2) {
+            hasTimestamp_ = hasHit_ = false;
+            current_ = QueuedHit{};
+        }
+        key_.clear();
+        ++depth_;
+        return true;
+    }
+
+    bool Close() {
+        if (skip_ > 0) {
+            --skip_;
+            return true;
+        }
+        if (depth_ == 3) {
+            if (!hasTimestamp_ || !hasHit_) throw std::runtime_error("a queued hit lacks its \"T\" or \"H\"");
+            hit_(current_);
+        } else if (depth_ == 2) {
+            sawHits_ = true;
+        }
+        --depth_;
+        key_.clear();
+        return true;
+    }
+
+    const std::function<void(QueuedHit&)>& hit_;
+    int depth_ = 0;  // 1: the document, 2: the "Hits" array, 3: one hit
+    int skip_ = 0;   // nesting inside an ignored member
+    std::string key_;
+    bool sawHits_ = false;
+    bool hasTimestamp_ = false;
+    bool hasHit_ = false;
+    QueuedHit current_;
+};
+
+// Plain printable ASCII is its own JSON string text; everything else goes through the serializer.
+bool NeedsEscaping(const std::string& text) {
+    for (unsigned char c : text) {
+        if (c < 0x20 || c >= 0x7F || c == '"' || c == '\\') return true;
+    }
+    return false;
+}
+
+int OpenDescriptor(const std::filesystem::path& path, int flags) {
+    const int fd = ::open(path.c_str(), flags | O_CLOEXEC, 0644);
+    if (fd < 0) Fail("Cannot open", path, errno);
+    return fd;
+}
+
+std::uint64_t Inode(int fd, std::uint64_t* size = nullptr) {
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) throw std::system_error(errno, std::generic_category());
+    if (size != nullptr) *size = static_cast<std::uint64_t>(info.st_size);
+    return static_cast<std::uint64_t>(info.st_ino);
+}
+
+}  // namespace
+
+std::string QueueFileMember(const std::string& hit, std::int32_t timestamp) {
+    std::string member;
+    member.reserve(hit.size() + 24);
+    member += "{\"T\":";
+    member += std::to_string(timestamp);
+    member += ",\"H\":";
+    if (NeedsEscaping(hit)) {
+        member += Json(hit).dump(-1, ' ', false, Json::error_handler_t::replace);
+    } else {
+        member += '"';
+        member += hit;
+        member += '"';
+    }
+    member += '}';
+    return member;
+}
+
+void ParseQueueFile(std::istream& text, const std::function<void(QueuedHit&)>& hit) {
+    if (text.peek() == std::char_traits<char>::eof()) return;  // a file that did not exist yet
+    QueueFileReader reader(hit);
+    Json::sax_parse(text, &reader);
+    if (!reader.SawHits()) throw std::runtime_error("the document has no \"Hits\" array");
+}
+
+void ParseQueueFile(const std::string& text, std::vector<QueuedHit>& hits) {
+    std::istringstream in(text);
+    ParseQueueFile(in, [&hits](QueuedHit& hit) { hits.push_back(std::move(hit)); });
+}
+
+// The record in the index, twice (at 0 and at kSlot), the newer one first tried: a record cut short
+// by a power cut leaves the older one.
+struct QueueFile::Record {
+    static constexpr char kMagic[8] = {'V', 'L', 'M', 'Q', 'I', 'D', 'X', '1'};
+    static constexpr off_t kSlot = 512;
+    char magic[8];
+    std::uint64_t sequence, inode, head, beforeHead, headCheck, end, lastBegin, endCheck, count, checksum;
+
+    std::uint64_t Sum() const { return Hash(reinterpret_cast<const char*>(this), offsetof(Record, checksum)); }
+    bool Whole() const { return std::memcmp(magic, kMagic, sizeof magic) == 0 && checksum == Sum(); }
+};
+
+QueueFile::~QueueFile() {
+    Close();
+    if (index_ >= 0) ::close(index_);
+}
+
+QueueFile::Compaction::~Compaction() {
+    if (source >= 0) ::close(source);
+    if (target >= 0) ::close(target);
+    if (!temporary.empty()) ::unlink(temporary.c_str());
+}
+
+void QueueFile::Close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    document_ = convertDue_ = false;
+    head_ = end_ = readAt_ = kStart;
+    count_ = readCount_ = beforeHead_ = lastBegin_ = readLast_ = 0;
+    ++generation_;
+}
+
+std::string QueueFile::Open() {
+    Close();
+    fd_ = files_.OpenForUpdate(kFileName);
+    inode_ = Inode(fd_, &size_);
+    if (size_ == 0) return {};  // a first start
+    if (index_ < 0) index_ = ::open((files_.Directory() / kIndexName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (Record record; FindRecord(size_, record)) {
+        sequence_ = record.sequence;
+        head_ = readAt_ = record.head;
+        beforeHead_ = readLast_ = record.beforeHead;
+        end_ = record.end;
+        lastBegin_ = record.lastBegin;
+        count_ = record.count;
+        std::string damage = Settle(end_, size_, /*salvage=*/true);
+        // An empty queue's head is its end, where entries appended since begin with a ','.
+        if (record.head == record.end && count_ > 0 && record.end > kStart) head_ = readAt_ = record.end + 1;
+        return damage;
+    }
+    char start[kDocumentStart.size()];
+    if (ReadAt(fd_, start, sizeof start, 0) == sizeof start && std::string_view(start, sizeof start) == kDocumentStart) {
+        std::string damage = Settle(kStart, size_, /*salvage=*/false);
+        if (document_) return damage;
+    }
+    return Convert();  // another layout, or damage that the JSON parser is to describe
+}
+
+bool QueueFile::FindRecord(std::uint64_t size, Record& found) {
+    if (index_ < 0) return false;
+    Record records[2] = {};
+    for (int slot = 0; slot < 2; ++slot) {
+        if (ReadAt(index_, reinterpret_cast<char*>(&records[slot]), sizeof(Record), slot * Record::kSlot) != sizeof(Record)) {
+            records[slot] = Record{};
+        }
+    }
+    if (records[1].Whole() && (!records[0].Whole() || records[1].sequence > records[0].sequence)) std::swap(records[0], records[1]);
+    for (const Record& record : records) {
+        if (record.Whole() && Fits(record, size)) {
+            found = record;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool QueueFile::Fits(const Record& r, std::uint64_t size) const {
+    if (r.inode != inode_ || r.head < kStart || r.head > r.end || r.end + 1 > size) return false;
+    if ((r.beforeHead == 0) != (r.head == kStart) || (r.lastBegin == 0) != (r.end == kStart)) return false;
+    if (r.beforeHead >= r.head || r.lastBegin >= r.end || (r.count > 0 && r.lastBegin < r.head)) return false;
+    if (r.count > (r.end - r.head + 1) / 15) return false;  // an entry takes 14 bytes and a comma at least
+    char start[kDocumentStart.size()];
+    char atEnd = 0;
+    if (ReadAt(fd_, start, sizeof start, 0) != sizeof start || kDocumentStart != std::string_view(start, sizeof start) ||
+        ReadAt(fd_, &atEnd, 1, r.end) != 1) {
+        return false;
+    }
+    // The closing ']', or the first byte of what was appended since.
+    if (atEnd != ']' && atEnd != (r.end == kStart ? '{' : ',')) return false;
+    auto check = [this](std::uint64_t from, std::uint64_t to) { return from == 0 ? 0 : RangeHash(fd_, from, to); };
+    return check(r.beforeHead, r.head) == r.headCheck && check(r.lastBegin, r.end) == r.endCheck;
+}
+
+// Reads the entries from `from` to the closing ']'. With `salvage` (the file is known to be this
+// library's) damage ends the entries before it, what follows the ']' is an append cut short, and
+// the end is made clean: "]}" and nothing after. Otherwise a file that is not clean is left for
+// Convert.
+std::string QueueFile::Settle(std::uint64_t from, std::uint64_t size, bool salvage) {
+    EntryScanner scan(fd_, from, size, /*afterEntry=*/from > kStart);
+    FileEntry entry;
+    EntryScanner::Stop stop;
+    std::uint64_t entries = 0, last = lastBegin_;
+    while ((stop = scan.Next(entry, /*decode=*/false)) == EntryScanner::Stop::kEntry) {
+        ++entries;
+        last = entry.begin;
+    }
+    char close = 0;
+    const bool clean = stop == EntryScanner::Stop::kClosed && size == scan.Settled() + 2 &&
+                       ReadAt(fd_, &close, 1, scan.Settled() + 1) == 1 && close == '}';
+    if (!clean && !salvage) return {};
+    std::string damage = stop == EntryScanner::Stop::kClosed ? std::string() : scan.Damage(stop);
+    document_ = true;
+    count_ += entries;
+    lastBegin_ = last;
+    end_ = scan.Settled();
+    if (!clean) {
+        try {
+            WriteEnd("]}");
+        } catch (const std::exception&) {
+            // The next open finds the same end.
+        }
+    }
+    WriteIndex();
+    return damage;
+}
+
+// The whole file through the JSON parser, rewritten in this library's layout with the entries
+// before any damage. Memory holds one chunk of the new file, not the queue.
+std::string QueueFile::Convert() {
+    const auto path = files_.Directory() / kFileName;
+    std::string damage;
+    std::uint64_t entries = 0, lastBegin = 0;
+    convertDue_ = true;
+    files_.Replace(kFileName, [&](int out) {
+        std::ifstream in(path, std::ios::binary);
+        std::string buffer(kDocumentStart);
+        std::uint64_t written = 0;
+        auto flush = [&] {
+            FileStore::WriteAll(out, buffer.data(), buffer.size());
+            written += buffer.size();
+            buffer.clear();
+        };
+        entries = 0;
+        try {
+            ParseQueueFile(in, [&](QueuedHit& hit) {
+                if (entries++ > 0) buffer += ',';
+                lastBegin = written + buffer.size();
+                buffer += QueueFileMember(hit.hit, hit.timestamp);
+                if (buffer.size() >= kChunk) flush();
+            });
+        } catch (const std::system_error&) {
+            throw;
+        } catch (const std::runtime_error& e) {
+            damage = e.what();
+        }
+        buffer += "]}";
+        flush();
+    });
+    Adopt(OpenDescriptor(path, O_RDWR), entries, lastBegin);
+    return damage;
+}
+
+void QueueFile::Adopt(int fd, std::uint64_t entries, std::uint64_t lastBegin) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+    inode_ = Inode(fd_, &size_);
+    document_ = true;
+    convertDue_ = false;
+    head_ = readAt_ = kStart;
+    beforeHead_ = readLast_ = readCount_ = 0;
+    end_ = size_ - 2;
+    count_ = entries;
+    lastBegin_ = lastBegin;
+    ++generation_;
+    WriteIndex();
+}
+
+// `text` ends with "]}" and goes where the closing ']' is: all but its first byte first, then that
+// byte over the ']'. Before the second write the old document is whole; when a write fails, its
+// end is put back.
+void QueueFile::WriteEnd(const std::string& text) {
+    try {
+        WriteAt(fd_, text.data() + 1, text.size() - 1, end_ + 1);
+        WriteAt(fd_, text.data(), 1, end_);
+    } catch (const std::system_error& e) {
+        try {
+            WriteAt(fd_, "]}", 2, end_);
+        } catch (const std::system_error&) {
+            // The next open salvages the entries before the end.
+        }
+        if (::ftruncate(fd_, static_cast<off_t>(end_ + 2)) == 0) size_ = end_ + 2;
+        Fail("Cannot write", files_.Directory() / kFileName, e.code().value());
+    }
+    const std::uint64_t size = end_ + text.size();
+    // Left in place, what lies beyond the new end would be removed by the next open.
+    if (size_ > size && ::ftruncate(fd_, static_cast<off_t>(size)) != 0) return;
+    size_ = size;
+}
+
+void QueueFile::Append(const std::deque<std::string>& members) {
+    if (members.empty()) return;
+    if (!document_) {
+        if (!convertDue_) return Reset(members);
+        Convert();
+    }
+    std::size_t length = 2;
+    for (const auto& member : members) length += member.size() + 1;
+    std::string text;
+    text.reserve(length);
+    std::size_t lastAt = 0;
+    for (const auto& member : members) {
+        if (!text.empty() || end_ > kStart) text += ',';
+        lastAt = text.size();
+        text += member;
+    }
+    text += "]}";
+    WriteEnd(text);
+    if (end_ > kStart) {  // an empty queue's head, and a place that read everything, move to the first new entry
+        if (head_ == end_) head_ = end_ + 1;
+        if (readAt_ == end_) readAt_ = end_ + 1;
+    }
+    lastBegin_ = end_ + lastAt;
+    end_ += text.size() - 2;
+    count_ += members.size();
+    if (end_ - indexedEnd_ >= kIndexSlack) WriteIndex();
+}
+
+void QueueFile::Reset(const std::deque<std::string>& members) {
+    std::string text(kDocumentStart);
+    std::uint64_t lastBegin = 0;
+    for (const auto& member : members) {
+        if (text.size() > kDocumentStart.size()) text += ',';
+        lastBegin = text.size();
+        text += member;
+    }
+    text += "]}";
+    files_.Replace(kFileName, [&text](int fd) { FileStore::WriteAll(fd, text.data(), text.size()); }, !members.empty());
+    Adopt(OpenDescriptor(files_.Directory() / kFileName, O_RDWR), members.size(), lastBegin);
+}
+
+void QueueFile::DropAll() {
+    convertDue_ = false;  // a file in another layout is replaced, not converted
+    beforeHead_ = readLast_ = lastBegin_;
+    head_ = readAt_ = end_;
+    count_ = readCount_ = 0;
+    ++generation_;  // a compaction under way would bring the entries back
+    WriteIndex();
+}
+
+std::string QueueFile::Read(std::size_t bytes, std::deque<FileEntry>& out) {
+    if (!document_ || readAt_ >= end_) return {};
+    EntryScanner scan(fd_, readAt_, end_, /*afterEntry=*/false);
+    std::uint64_t lastEnd = readAt_ > kStart ? readAt_ - 1 : kStart;  // the ',' after the entry before
+    for (std::size_t got = 0; got < bytes;) {
+        FileEntry entry;
+        const auto stop = scan.Next(entry, /*decode=*/true);
+        if (stop == EntryScanner::Stop::kLimit) break;
+        if (stop != EntryScanner::Stop::kEntry) {
+            // The entries stop before the end they were known to have: the queue ends here.
+            end_ = readAt_ = lastEnd;
+            head_ = std::min(head_, end_);
+            lastBegin_ = readLast_;
+            count_ = readCount_;
+            try {
+                WriteEnd("]}");
+            } catch (const std::exception&) {
+                // The next open finds the same damage.
+            }
+            WriteIndex();
+            return stop == EntryScanner::Stop::kClosed ? scan.Damage(EntryScanner::Stop::kCutShort) : scan.Damage(stop);
+        }
+        got += entry.end - entry.begin;
+        lastEnd = entry.end;
+        readLast_ = entry.begin;
+        readAt_ = entry.end < end_ ? entry.end + 1 : entry.end;
+        ++readCount_;
+        out.push_back(std::move(entry));
+    }
+    return {};
+}
+
+void QueueFile::Advance(const FileEntry& first) {
+    if (count_ == 0 || readCount_ == 0 || first.begin != head_) return;
+    beforeHead_ = first.begin;
+    head_ = first.end < end_ ? first.end + 1 : first.end;
+    --count_;
+    --readCount_;
+    WriteIndex();
+}
+
+bool QueueFile::CompactionDue() const {
+    const std::uint64_t delivered = head_ - kStart;
+    return document_ && count_ > 0 && head_ >= compactFrom_ && delivered >= kCompactBytes && delivered >= end_ - head_;
+}
+
+namespace {
+
+// Copies [from, to) of `source` to the position of `target`, in the kernel when it can.
+void CopyRange(int source, std::uint64_t from, std::uint64_t to, int target) {
+    while (from < to) {
+        loff_t at = static_cast<loff_t>(from);
+        const ssize_t n = ::copy_file_range(source, &at, target, nullptr, static_cast<std::size_t>(to - from), 0);
+        if (n > 0) {
+            from += static_cast<std::uint64_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) {
+            throw std::system_error(errno, std::generic_category());
+        }
+        std::string chunk(kChunk, '\0');  // a file system without it
+        while (from < to) {
+            const std::size_t got = ReadAt(source, chunk.data(), static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, to - from)), from);
+            if (got == 0) throw std::runtime_error("the queue file ended while it was copied");
+            FileStore::WriteAll(target, chunk.data(), got);
+            from += got;
+        }
+    }
+}
+
+std::string Message(const std::exception& e, const std::filesystem::path& path) {
+    if (const auto* system = dynamic_cast<const std::system_error*>(&e)) {
+        return "Cannot write " + path.string() + ": " + std::strerror(system->code().value());
+    }
+    return e.what();
+}
+
+}  // namespace
+
+void QueueFile::BeginCompaction(Compaction& job) {
+    static std::atomic<unsigned> counter{0};
+    job.generation = generation_;
+    job.from = head_;
+    job.to = end_;
+    job.temporary = files_.Directory() / (std::string(kFileName) + ".tmp" + std::to_string(::getpid()) + "-c" +
+                                          std::to_string(counter.fetch_add(1)));
+    job.source = ::fcntl(fd_, F_DUPFD_CLOEXEC, 0);
+    job.target = ::open(job.temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (job.source < 0 || job.target < 0) {
+        job.error = std::string("Cannot create ") + job.temporary.string() + ": " + std::strerror(errno);
+        return;
+    }
+    try {
+        FileStore::WriteAll(job.target, kDocumentStart.data(), kDocumentStart.size());
+    } catch (const std::exception& e) {
+        job.error = Message(e, job.temporary);
+    }
+}
+
+void QueueFile::CopyQueued(Compaction& job) {
+    if (!job.error.empty()) return;
+    try {
+        CopyRange(job.source, job.from, job.to, job.target);
+        if (::fdatasync(job.target) != 0) throw std::system_error(errno, std::generic_category());
+    } catch (const std::exception& e) {
+        job.error = Message(e, job.temporary);
+    }
+}
+
+std::uint64_t QueueFile::FinishCompaction(Compaction& job) {
+    const auto path = files_.Directory() / kFileName;
+    if (job.error.empty() && job.generation == generation_ && fd_ >= 0) {
+        try {
+            CopyRange(fd_, job.to, end_, job.target);  // appended meanwhile
+            FileStore::WriteAll(job.target, "]}", 2);
+            if (::fdatasync(job.target) != 0) throw std::system_error(errno, std::generic_category());
+            if (::rename(job.temporary.c_str(), path.c_str()) != 0) throw std::system_error(errno, std::generic_category());
+        } catch (const std::exception& e) {
+            job.error = Message(e, job.temporary);
+        }
+    }
+    if (!job.error.empty() || job.generation != generation_ || fd_ < 0) {
+        if (!job.error.empty()) compactFrom_ = head_ + kCompactBytes;  // not again at every delivery
+        return 0;
+    }
+    job.temporary.clear();
+    const std::uint64_t shift = head_ - kStart;
+    ::close(fd_);
+    fd_ = job.target;
+    job.target = -1;
+    inode_ = Inode(fd_, &size_);
+    head_ = kStart;
+    beforeHead_ = 0;
+    end_ -= shift;
+    lastBegin_ = count_ > 0 ? lastBegin_ - shift : 0;
+    readAt_ -= shift;
+    readLast_ = readCount_ > 0 ? readLast_ - shift : 0;
+    compactFrom_ = 0;
+    ++generation_;
+    WriteIndex();
+    return shift;
+}
+
+void QueueFile::Sync() {
+    if (fd_ < 0) return;
+    if (::fdatasync(fd_) != 0) Fail("Cannot sync", files_.Directory() / kFileName, errno);
+    WriteIndex();
+    if (index_ >= 0) ::fdatasync(index_);
+}
+
+void QueueFile::WriteIndex() {
+    if (!document_ || fd_ < 0) return;
+    if (index_ < 0) index_ = ::open((files_.Directory() / kIndexName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (index_ < 0) return;
+    Record r{};
+    std::memcpy(r.magic, Record::kMagic, sizeof r.magic);
+    r.sequence = ++sequence_;
+    r.inode = inode_;
+    r.head = head_;
+    r.beforeHead = beforeHead_;
+    r.end = end_;
+    r.lastBegin = lastBegin_;
+    r.count = count_;
+    try {
+        r.headCheck = beforeHead_ == 0 ? 0 : RangeHash(fd_, beforeHead_, head_);
+        r.endCheck = lastBegin_ == 0 ? 0 : RangeHash(fd_, lastBegin_, end_);
+    } catch (const std::system_error&) {
+        return;
+    }
+    r.checksum = r.Sum();
+    // The record saves time only: a failed write leaves an older one, which fits no longer or
+    // points further back.
+    if (::pwrite(index_, &r, sizeof r, static_cast<off_t>(r.sequence % 2) * Record::kSlot) == sizeof r) indexedEnd_ = end_;
+}
+
+void QueueFile::ReadQueued(const std::filesystem::path& directory, std::vector<QueuedHit>& hits) {
+    // A reader racing an append may see its second write before its first, or a file size older
+    // than its bytes: what looks cut short is read again.
+    const std::size_t before = hits.size();
+    for (int attempt = 1;; ++attempt) {
+        try {
+            FileStore files(directory);
+            QueueFile(files).ReadOnce(hits);
+            return;
+        } catch (const std::runtime_error&) {
+            if (attempt == 3) throw;
+            hits.resize(before);
+        }
+    }
+}
+
+void QueueFile::ReadOnce(std::vector<QueuedHit>& hits) {
+    const auto path = files_.Directory() / kFileName;
+    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd_ < 0 && errno == ENOENT) return;
+    if (fd_ < 0) Fail("Cannot open", path, errno);
+    std::uint64_t size = 0;
+    inode_ = Inode(fd_, &size);
+    index_ = ::open((files_.Directory() / kIndexName).c_str(), O_RDONLY | O_CLOEXEC);
+    Record record;
+    const bool indexed = FindRecord(size, record);
+    char start[kDocumentStart.size()];
+    const std::size_t before = hits.size();
+    if (indexed || (ReadAt(fd_, start, sizeof start, 0) == sizeof start && std::string_view(start, sizeof start) == kDocumentStart)) {
+        const std::uint64_t from = indexed ? record.head : kStart;
+        // To the end of the file as it is then: another process may be appending.
+        EntryScanner scan(fd_, from, UINT64_MAX, /*afterEntry=*/indexed && from == record.end && from > kStart);
+        FileEntry entry;
+        EntryScanner::Stop stop;
+        while ((stop = scan.Next(entry, /*decode=*/true)) == EntryScanner::Stop::kEntry) hits.push_back(std::move(entry.hit));
+        char tail[3];
+        const bool closed = stop == EntryScanner::Stop::kClosed;
+        // What follows the ']' of this library's file is an append under way.
+        if (closed && (indexed || (ReadAt(fd_, tail, sizeof tail, scan.Settled()) == 2 && tail[1] == '}'))) return;
+        if (indexed) throw std::runtime_error(scan.Damage(stop));
+        hits.resize(before);
+    }
+    std::ifstream in(path, std::ios::binary);
+    ParseQueueFile(in, [&hits](QueuedHit& hit) { hits.push_back(std::move(hit)); });
+}
+
+}  // namespace velmora
