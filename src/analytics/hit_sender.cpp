@@ -31,7 +31,11 @@ void HitSender::Start() {
         MutexLock lock(mutex_);
         if (stopping_) return;
         runRequested_ = true;
-        if (!thread_.joinable()) thread_ = std::thread([this] { Loop(); });
+        if (!threadRunning_) {
+            if (thread_.joinable()) thread_.join();  // it has left its loop
+            thread_ = std::thread([this] { Loop(); });
+            threadRunning_ = true;
+        }
     }
     wake_.Signal();
 }
@@ -81,11 +85,12 @@ void HitSender::Loop() {
     StartLibraryThread("velmora-sender");
     mutex_.Lock();
     for (;;) {
-        wake_.Wait(mutex_, [this] {
+        // Idle for a while, the thread leaves; the next Start makes another.
+        const bool asked = wake_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kIdleLinger, [this] {
             mutex_.AssertHeld();
             return runRequested_ || stopping_;
         });
-        if (stopping_) break;
+        if (stopping_ || !asked) break;
         runRequested_ = false;
         running_ = true;
         mutex_.Unlock();
@@ -98,7 +103,8 @@ void HitSender::Loop() {
         running_ = false;
         rest_.SignalAll();
     }
-    runRequested_ = false;
+    if (stopping_) runRequested_ = false;
+    threadRunning_ = false;
     rest_.SignalAll();
     mutex_.Unlock();
 }

@@ -60,7 +60,11 @@ std::shared_ptr<Timer> SystemClock::Every(std::chrono::milliseconds period, std:
     entry->tick = std::move(tick);
     MutexLock lock(mutex_);
     due_.emplace(std::chrono::steady_clock::now() + period, entry);
-    if (!thread_.joinable()) thread_ = std::thread([this] { RunTimers(); });
+    if (!threadRunning_) {
+        if (thread_.joinable()) thread_.join();  // it has left its loop
+        thread_ = std::thread([this] { RunTimers(); });
+        threadRunning_ = true;
+    }
     cv_.SignalAll();
     return entry;
 }
@@ -74,7 +78,8 @@ void SystemClock::RunTimers() {
             it = it->second->cancelled ? due_.erase(it) : std::next(it);
         }
         if (due_.empty()) {
-            cv_.Wait(mutex_);
+            // Without timers for a while the thread leaves; the next Every makes another.
+            if (!cv_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kIdleLinger) && due_.empty()) break;
             continue;
         }
         auto next = due_.begin()->first;
@@ -90,6 +95,7 @@ void SystemClock::RunTimers() {
         if (!entry->cancelled) entry->tick();
         mutex_.Lock();
     }
+    threadRunning_ = false;
     mutex_.Unlock();
 }
 
