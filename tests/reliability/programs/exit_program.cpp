@@ -13,6 +13,7 @@
 //                     must return at once ("returned <ms>"); then, once the file can be read, flush
 //   endless           for the kill tests: track states "r<COUNT>n0", "r<COUNT>n1", ... (COUNT is
 //                     the round) until killed, printing "ready" once the first is saved
+//   drain             for the kill tests: deliver what the queue file holds, until killed
 // The other modes print "ending" just before they end, so that the caller can time the end.
 #include <velmora/Velmora.h>
 
@@ -109,6 +110,11 @@ int main(int argc, char** argv) {
     };
     Host::Configure(options);
     if (mode == "endless") return TrackUntilKilled(count);
+    if (mode == "drain") {
+        Analytics::GetQueueSize();
+        Host::Flush(std::chrono::minutes(1));
+        return 3;  // delivered it all before the kill: the test had nothing to kill
+    }
     if (mode == "hung") {
         const auto start = std::chrono::steady_clock::now();
         Config::SetDebugLogging(true);
