@@ -158,11 +158,7 @@ void HitStore::CompactIfDue() {
     }
     QueueFile::CopyQueued(job);
     MutexLock lock(mutex_);
-    const std::uint64_t shift = file_.FinishCompaction(job);
-    for (auto& entry : window_) {
-        entry.begin -= shift;
-        entry.end -= shift;
-    }
+    QueueFile::Shift(window_, file_.FinishCompaction(job));
     if (!job.error.empty()) SaveFailed(std::runtime_error(job.error));
 }
 

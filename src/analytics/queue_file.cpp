@@ -67,11 +67,10 @@ std::uint64_t Hash(const char* data, std::size_t size, std::uint64_t hash = 1469
     return hash;
 }
 
-// The hash of [from, to), at most its first 64 KiB; 0 for an empty range.
-std::uint64_t RangeHash(int fd, std::uint64_t from, std::uint64_t to) {
-    if (to <= from) return 0;
-    std::string bytes(static_cast<std::size_t>(std::min<std::uint64_t>(to - from, kChunk)), '\0');
-    if (ReadAt(fd, bytes.data(), bytes.size(), from) != bytes.size()) return 1;  // fits no record
+// The hash of the entry's bytes as they are in the file.
+std::uint64_t FileHash(int fd, const EntryPlace& place) {
+    std::string bytes(static_cast<std::size_t>(place.end - place.begin), '\0');
+    if (ReadAt(fd, bytes.data(), bytes.size(), place.begin) != bytes.size()) return place.hash + 1;  // fits no record
     return Hash(bytes.data(), bytes.size());
 }
 
@@ -158,9 +157,10 @@ public:
             const Scan scan = ScanEntry(std::string_view(buffer_).substr(at_), length, decode ? &entry.hit : nullptr);
             if (scan == Scan::kBad) return Stop::kDamaged;
             if (scan == Scan::kEntry) {
-                entry.begin = Position();
+                entry.place.begin = Position();
+                entry.place.hash = decode ? Hash(buffer_.data() + at_, length) : 0;
                 at_ += length;
-                entry.end = settled_ = Position();
+                entry.place.end = settled_ = Position();
                 first_ = false;
                 return Stop::kEntry;
             }
@@ -384,7 +384,9 @@ struct QueueFile::Record {
     static constexpr char kMagic[8] = {'V', 'L', 'M', 'Q', 'I', 'D', 'X', '1'};
     static constexpr off_t kSlot = 512;
     char magic[8];
-    std::uint64_t sequence, inode, head, beforeHead, headCheck, end, lastBegin, endCheck, count, checksum;
+    std::uint64_t sequence, inode, head, end, count;
+    EntryPlace beforeHead, last;  // tie the record to the bytes before the head and the end
+    std::uint64_t checksum;
 
     std::uint64_t Sum() const { return Hash(reinterpret_cast<const char*>(this), offsetof(Record, checksum)); }
     bool Whole() const { return std::memcmp(magic, kMagic, sizeof magic) == 0 && checksum == Sum(); }
@@ -406,7 +408,8 @@ void QueueFile::Close() {
     fd_ = -1;
     document_ = convertDue_ = false;
     head_ = end_ = readAt_ = kStart;
-    count_ = readCount_ = beforeHead_ = lastBegin_ = readLast_ = 0;
+    count_ = readCount_ = 0;
+    beforeHead_ = last_ = readLast_ = EntryPlace{};
     ++generation_;
 }
 
@@ -421,7 +424,7 @@ std::string QueueFile::Open() {
         head_ = readAt_ = record.head;
         beforeHead_ = readLast_ = record.beforeHead;
         end_ = record.end;
-        lastBegin_ = record.lastBegin;
+        last_ = record.last;
         count_ = record.count;
         std::string damage = Settle(end_, size_, /*salvage=*/true);
         // An empty queue's head is its end, where entries appended since begin with a ','.
@@ -456,8 +459,13 @@ bool QueueFile::FindRecord(std::uint64_t size, Record& found) {
 
 bool QueueFile::Fits(const Record& r, std::uint64_t size) const {
     if (r.inode != inode_ || r.head < kStart || r.head > r.end || r.end + 1 > size) return false;
-    if ((r.beforeHead == 0) != (r.head == kStart) || (r.lastBegin == 0) != (r.end == kStart)) return false;
-    if (r.beforeHead >= r.head || r.lastBegin >= r.end || (r.count > 0 && r.lastBegin < r.head)) return false;
+    if ((r.beforeHead.begin == 0) != (r.head == kStart) || (r.last.begin == 0) != (r.end == kStart)) return false;
+    auto placed = [](const EntryPlace& e, std::uint64_t after) {  // an entry ending at `after` or before its ','
+        return e.begin == 0 || (e.begin >= kStart && e.begin + 14 <= e.end && e.end <= after && after <= e.end + 1 &&
+                                e.end - e.begin <= (1u << 30));
+    };
+    if (!placed(r.beforeHead, r.head) || !placed(r.last, r.end) || r.last.end != (r.last.begin == 0 ? 0 : r.end)) return false;
+    if (r.count > 0 && r.last.begin < r.head) return false;
     if (r.count > (r.end - r.head + 1) / 15) return false;  // an entry takes 14 bytes and a comma at least
     char start[kDocumentStart.size()];
     char atEnd = 0;
@@ -467,8 +475,8 @@ bool QueueFile::Fits(const Record& r, std::uint64_t size) const {
     }
     // The closing ']', or the first byte of what was appended since.
     if (atEnd != ']' && atEnd != (r.end == kStart ? '{' : ',')) return false;
-    auto check = [this](std::uint64_t from, std::uint64_t to) { return from == 0 ? 0 : RangeHash(fd_, from, to); };
-    return check(r.beforeHead, r.head) == r.headCheck && check(r.lastBegin, r.end) == r.endCheck;
+    auto same = [this](const EntryPlace& e) { return e.begin == 0 || FileHash(fd_, e) == e.hash; };
+    return same(r.beforeHead) && same(r.last);
 }
 
 // Reads the entries from `from` to the closing ']'. With `salvage` (the file is known to be this
@@ -479,10 +487,11 @@ std::string QueueFile::Settle(std::uint64_t from, std::uint64_t size, bool salva
     EntryScanner scan(fd_, from, size, /*afterEntry=*/from > kStart);
     FileEntry entry;
     EntryScanner::Stop stop;
-    std::uint64_t entries = 0, last = lastBegin_;
+    std::uint64_t entries = 0;
+    EntryPlace last = last_;
     while ((stop = scan.Next(entry, /*decode=*/false)) == EntryScanner::Stop::kEntry) {
         ++entries;
-        last = entry.begin;
+        last = entry.place;
     }
     char close = 0;
     const bool clean = stop == EntryScanner::Stop::kClosed && size == scan.Settled() + 2 &&
@@ -491,7 +500,8 @@ std::string QueueFile::Settle(std::uint64_t from, std::uint64_t size, bool salva
     std::string damage = stop == EntryScanner::Stop::kClosed ? std::string() : scan.Damage(stop);
     document_ = true;
     count_ += entries;
-    lastBegin_ = last;
+    last_ = last;
+    if (entries > 0) last_.hash = FileHash(fd_, last_);
     end_ = scan.Settled();
     if (!clean) {
         try {
@@ -509,7 +519,8 @@ std::string QueueFile::Settle(std::uint64_t from, std::uint64_t size, bool salva
 std::string QueueFile::Convert() {
     const auto path = files_.Directory() / kFileName;
     std::string damage;
-    std::uint64_t entries = 0, lastBegin = 0;
+    std::uint64_t entries = 0;
+    EntryPlace last;
     convertDue_ = true;
     files_.Replace(kFileName, [&](int out) {
         std::ifstream in(path, std::ios::binary);
@@ -524,8 +535,9 @@ std::string QueueFile::Convert() {
         try {
             ParseQueueFile(in, [&](QueuedHit& hit) {
                 if (entries++ > 0) buffer += ',';
-                lastBegin = written + buffer.size();
-                buffer += QueueFileMember(hit.hit, hit.timestamp);
+                const std::string member = QueueFileMember(hit.hit, hit.timestamp);
+                last = {written + buffer.size(), written + buffer.size() + member.size(), Hash(member.data(), member.size())};
+                buffer += member;
                 if (buffer.size() >= kChunk) flush();
             });
         } catch (const std::system_error&) {
@@ -536,21 +548,22 @@ std::string QueueFile::Convert() {
         buffer += "]}";
         flush();
     });
-    Adopt(OpenDescriptor(path, O_RDWR), entries, lastBegin);
+    Adopt(OpenDescriptor(path, O_RDWR), entries, last);
     return damage;
 }
 
-void QueueFile::Adopt(int fd, std::uint64_t entries, std::uint64_t lastBegin) {
+void QueueFile::Adopt(int fd, std::uint64_t entries, const EntryPlace& last) {
     if (fd_ >= 0) ::close(fd_);
     fd_ = fd;
     inode_ = Inode(fd_, &size_);
     document_ = true;
     convertDue_ = false;
     head_ = readAt_ = kStart;
-    beforeHead_ = readLast_ = readCount_ = 0;
+    beforeHead_ = readLast_ = EntryPlace{};
+    readCount_ = 0;
     end_ = size_ - 2;
     count_ = entries;
-    lastBegin_ = lastBegin;
+    last_ = last;
     ++generation_;
     WriteIndex();
 }
@@ -593,13 +606,14 @@ void QueueFile::Append(const std::deque<std::string>& members) {
         lastAt = text.size();
         text += member;
     }
+    const std::string& lastMember = members.back();
     text += "]}";
     WriteEnd(text);
     if (end_ > kStart) {  // an empty queue's head, and a place that read everything, move to the first new entry
         if (head_ == end_) head_ = end_ + 1;
         if (readAt_ == end_) readAt_ = end_ + 1;
     }
-    lastBegin_ = end_ + lastAt;
+    last_ = {end_ + lastAt, end_ + lastAt + lastMember.size(), Hash(lastMember.data(), lastMember.size())};
     end_ += text.size() - 2;
     count_ += members.size();
     if (end_ - indexedEnd_ >= kIndexSlack) WriteIndex();
@@ -607,20 +621,20 @@ void QueueFile::Append(const std::deque<std::string>& members) {
 
 void QueueFile::Reset(const std::deque<std::string>& members) {
     std::string text(kDocumentStart);
-    std::uint64_t lastBegin = 0;
+    EntryPlace last;
     for (const auto& member : members) {
         if (text.size() > kDocumentStart.size()) text += ',';
-        lastBegin = text.size();
+        last = {text.size(), text.size() + member.size(), Hash(member.data(), member.size())};
         text += member;
     }
     text += "]}";
     files_.Replace(kFileName, [&text](int fd) { FileStore::WriteAll(fd, text.data(), text.size()); }, !members.empty());
-    Adopt(OpenDescriptor(files_.Directory() / kFileName, O_RDWR), members.size(), lastBegin);
+    Adopt(OpenDescriptor(files_.Directory() / kFileName, O_RDWR), members.size(), last);
 }
 
 void QueueFile::DropAll() {
     convertDue_ = false;  // a file in another layout is replaced, not converted
-    beforeHead_ = readLast_ = lastBegin_;
+    beforeHead_ = readLast_ = last_;
     head_ = readAt_ = end_;
     count_ = readCount_ = 0;
     ++generation_;  // a compaction under way would bring the entries back
@@ -639,7 +653,7 @@ std::string QueueFile::Read(std::size_t bytes, std::deque<FileEntry>& out) {
             // The entries stop before the end they were known to have: the queue ends here.
             end_ = readAt_ = lastEnd;
             head_ = std::min(head_, end_);
-            lastBegin_ = readLast_;
+            last_ = readLast_;
             count_ = readCount_;
             try {
                 WriteEnd("]}");
@@ -649,10 +663,10 @@ std::string QueueFile::Read(std::size_t bytes, std::deque<FileEntry>& out) {
             WriteIndex();
             return stop == EntryScanner::Stop::kClosed ? scan.Damage(EntryScanner::Stop::kCutShort) : scan.Damage(stop);
         }
-        got += entry.end - entry.begin;
-        lastEnd = entry.end;
-        readLast_ = entry.begin;
-        readAt_ = entry.end < end_ ? entry.end + 1 : entry.end;
+        got += entry.place.end - entry.place.begin;
+        lastEnd = entry.place.end;
+        readLast_ = entry.place;
+        readAt_ = entry.place.end < end_ ? entry.place.end + 1 : entry.place.end;
         ++readCount_;
         out.push_back(std::move(entry));
     }
@@ -660,9 +674,9 @@ std::string QueueFile::Read(std::size_t bytes, std::deque<FileEntry>& out) {
 }
 
 void QueueFile::Advance(const FileEntry& first) {
-    if (count_ == 0 || readCount_ == 0 || first.begin != head_) return;
-    beforeHead_ = first.begin;
-    head_ = first.end < end_ ? first.end + 1 : first.end;
+    if (count_ == 0 || readCount_ == 0 || first.place.begin != head_) return;
+    beforeHead_ = first.place;
+    head_ = first.place.end < end_ ? first.place.end + 1 : first.place.end;
     --count_;
     --readCount_;
     WriteIndex();
@@ -760,11 +774,12 @@ std::uint64_t QueueFile::FinishCompaction(Compaction& job) {
     job.target = -1;
     inode_ = Inode(fd_, &size_);
     head_ = kStart;
-    beforeHead_ = 0;
+    beforeHead_ = EntryPlace{};
     end_ -= shift;
-    lastBegin_ = count_ > 0 ? lastBegin_ - shift : 0;
+    auto moved = [shift](EntryPlace place) { return EntryPlace{place.begin - shift, place.end - shift, place.hash}; };
+    last_ = count_ > 0 ? moved(last_) : EntryPlace{};
     readAt_ -= shift;
-    readLast_ = readCount_ > 0 ? readLast_ - shift : 0;
+    readLast_ = readCount_ > 0 ? moved(readLast_) : EntryPlace{};
     compactFrom_ = 0;
     ++generation_;
     WriteIndex();
@@ -787,16 +802,10 @@ void QueueFile::WriteIndex() {
     r.sequence = ++sequence_;
     r.inode = inode_;
     r.head = head_;
-    r.beforeHead = beforeHead_;
     r.end = end_;
-    r.lastBegin = lastBegin_;
     r.count = count_;
-    try {
-        r.headCheck = beforeHead_ == 0 ? 0 : RangeHash(fd_, beforeHead_, head_);
-        r.endCheck = lastBegin_ == 0 ? 0 : RangeHash(fd_, lastBegin_, end_);
-    } catch (const std::system_error&) {
-        return;
-    }
+    r.beforeHead = beforeHead_;
+    r.last = last_;
     r.checksum = r.Sum();
     // The record saves time only: a failed write leaves an older one, which fits no longer or
     // points further back.
@@ -847,6 +856,17 @@ void QueueFile::ReadOnce(std::vector<QueuedHit>& hits) {
     }
     std::ifstream in(path, std::ios::binary);
     ParseQueueFile(in, [&hits](QueuedHit& hit) { hits.push_back(std::move(hit)); });
+}
+
+}  // namespace velmora
+
+namespace velmora {
+
+void QueueFile::Shift(std::deque<FileEntry>& window, std::uint64_t by) {
+    for (auto& entry : window) {
+        entry.place.begin -= by;
+        entry.place.end -= by;
+    }
 }
 
 }  // namespace velmora

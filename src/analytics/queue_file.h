@@ -18,11 +18,17 @@ struct QueuedHit {
     std::int32_t timestamp = 0;
 };
 
-// A queued hit read from the file, with the bytes of its entry: [begin, end), '{' to '}'.
-struct FileEntry {
-    QueuedHit hit;
+// The bytes of an entry in the file, [begin, end) from '{' to '}', and their hash.
+struct EntryPlace {
     std::uint64_t begin = 0;
     std::uint64_t end = 0;
+    std::uint64_t hash = 0;
+};
+
+// A queued hit read from the file, with the place of its entry.
+struct FileEntry {
+    QueuedHit hit;
+    EntryPlace place;
 };
 
 // The file's entry for one hit: {"T":<timestamp>,"H":"<hit>"}.
@@ -77,6 +83,8 @@ public:
     // Every queued entry is gone (an opt-out); the record says so at once, Reset follows.
     void DropAll();
     bool HasDelivered() const { return document_ && head_ > kStart; }
+    // Moves the places read by the sender's window after a compaction moved the entries down.
+    static void Shift(std::deque<FileEntry>& window, std::uint64_t by);
 
     // The next whole entries not yet read, about `bytes` of them, for the sender's window; Advance,
     // DropAll and the replacements keep the place. Returns the damage met, if any: the queue then
@@ -116,7 +124,7 @@ private:
     bool Fits(const Record& record, std::uint64_t size) const;
     std::string Settle(std::uint64_t from, std::uint64_t size, bool salvage);
     std::string Convert();
-    void Adopt(int fd, std::uint64_t entries, std::uint64_t lastBegin);
+    void Adopt(int fd, std::uint64_t entries, const EntryPlace& last);
     void Close();
     void ReadOnce(std::vector<QueuedHit>& hits);
     void WriteEnd(const std::string& text);
@@ -132,11 +140,11 @@ private:
     std::uint64_t head_ = kStart;  // the first queued entry, or end_
     std::uint64_t end_ = kStart;   // the closing ']' of the entries
     std::uint64_t count_ = 0;      // entries in [head_, end_)
-    std::uint64_t beforeHead_ = 0; // start of the entry before head_ (0: none)
-    std::uint64_t lastBegin_ = 0;  // start of the entry before end_ (0: none)
+    EntryPlace beforeHead_;        // the entry before head_ (begin 0: none)
+    EntryPlace last_;              // the entry before end_ (begin 0: none)
     std::uint64_t readAt_ = kStart; // the next entry to read, or end_
     std::uint64_t readCount_ = 0;  // entries read, in [head_, readAt_)
-    std::uint64_t readLast_ = 0;   // start of the entry before readAt_ (0: none)
+    EntryPlace readLast_;          // the entry before readAt_
     std::uint64_t indexedEnd_ = 0;
     std::uint64_t sequence_ = 0;
     std::uint64_t generation_ = 0;  // of the file: every replacement counts
