@@ -1,7 +1,7 @@
 // What a long offline queue costs, through the public API of the shared library only, for backlogs
 // of 10,000, 100,000 and 1,000,000 hits (or the counts given as arguments). Each figure comes from
 // a fresh process (this program started again with a mode):
-//   track N   tracks N states with 10 context entries offline, 1,000 calls then Host::Flush at a
+//   track N   tracks N states with 10 context entries offline, 100 calls then Host::Flush at a
 //             time; then 21 times one more state and Host::Flush, timed, with the bytes written
 //             (/proc/self/io); prints the peak resident size (VmHWM) at the end
 //   size      the first Analytics::GetQueueSize() of a process on that directory
@@ -38,7 +38,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
 
-constexpr int kBatch = 1000;
+constexpr int kBatch = 100;  // calls between two Host::Flush: the work posted and not yet run stays small
 constexpr int kMoreHits = 21;
 constexpr int kSizeProcesses = 5;
 

@@ -420,7 +420,6 @@ std::string QueueFile::Open() {
     if (size_ == 0) return {};  // a first start
     if (index_ < 0) index_ = ::open((files_.Directory() / kIndexName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     if (Record record; FindRecord(size_, record)) {
-        sequence_ = record.sequence;
         head_ = readAt_ = record.head;
         beforeHead_ = readLast_ = record.beforeHead;
         end_ = record.end;
@@ -448,6 +447,7 @@ bool QueueFile::FindRecord(std::uint64_t size, Record& found) {
         }
     }
     if (records[1].Whole() && (!records[0].Whole() || records[1].sequence > records[0].sequence)) std::swap(records[0], records[1]);
+    if (records[0].Whole()) sequence_ = std::max(sequence_, records[0].sequence);  // new records supersede both
     for (const Record& record : records) {
         if (record.Whole() && Fits(record, size)) {
             found = record;
