@@ -32,7 +32,6 @@ void HitSender::Start() {
         if (stopping_) return;
         runRequested_ = true;
         if (!threadRunning_) {
-            if (thread_.joinable()) thread_.join();  // it has left its loop
             thread_ = std::thread([this] { Loop(); });
             threadRunning_ = true;
         }
@@ -73,7 +72,13 @@ bool HitSender::WaitUntilIdle(std::chrono::steady_clock::time_point deadline) {
 }
 
 void HitSender::Join() {
-    if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
+    std::thread thread;
+    {
+        MutexLock lock(mutex_);
+        if (thread_.get_id() == std::this_thread::get_id()) return;
+        thread = std::move(thread_);  // none when it left by itself
+    }
+    if (thread.joinable()) thread.join();
 }
 
 bool HitSender::Stopping() const {
@@ -90,7 +95,7 @@ void HitSender::Loop() {
             mutex_.AssertHeld();
             return runRequested_ || stopping_;
         });
-        if (stopping_ || !asked) break;
+        if (stopping_ || !asked) break;  // idle: !asked
         runRequested_ = false;
         running_ = true;
         mutex_.Unlock();
@@ -105,6 +110,7 @@ void HitSender::Loop() {
     }
     if (stopping_) runRequested_ = false;
     threadRunning_ = false;
+    if (!stopping_) thread_.detach();  // it left by itself: nobody joins it
     rest_.SignalAll();
     mutex_.Unlock();
 }

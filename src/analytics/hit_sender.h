@@ -79,7 +79,7 @@ private:
     bool coolingDown_ GUARDED_BY(mutex_) = false;
     bool stopping_ GUARDED_BY(mutex_) = false;
     bool threadRunning_ GUARDED_BY(mutex_) = false;
-    std::thread thread_;  // started and replaced under mutex_ until stopping_, joined by Join
+    std::thread thread_ GUARDED_BY(mutex_);  // detached by itself when it leaves idle, else joined by Join
     Waker waker_;
 
     // Sender thread only.

@@ -71,7 +71,7 @@ private:
     Mutex mutex_;
     CondVar cv_;
     std::multimap<std::chrono::steady_clock::time_point, std::shared_ptr<Entry>> due_ GUARDED_BY(mutex_);
-    std::thread thread_ GUARDED_BY(mutex_);  // started by Every when none runs; joined by the next or the destructor
+    std::thread thread_ GUARDED_BY(mutex_);  // started by Every when none runs; detached by itself when it leaves idle
     bool threadRunning_ GUARDED_BY(mutex_) = false;
     bool stopping_ GUARDED_BY(mutex_) = false;
 };
