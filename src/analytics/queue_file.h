@@ -1,5 +1,6 @@
 #pragma once
 
+#include "analytics/queue_entries.h"
 #include "core/file_store.h"
 
 #include <cstdint>
@@ -11,33 +12,6 @@
 #include <vector>
 
 namespace velmora {
-
-// One hit waiting to be sent: the hit string and the second it was made.
-struct QueuedHit {
-    std::string hit;
-    std::int32_t timestamp = 0;
-};
-
-// The bytes of an entry in the file, [begin, end) from '{' to '}', and their hash.
-struct EntryPlace {
-    std::uint64_t begin = 0;
-    std::uint64_t end = 0;
-    std::uint64_t hash = 0;
-};
-
-// A queued hit read from the file, with the place of its entry.
-struct FileEntry {
-    QueuedHit hit;
-    EntryPlace place;
-};
-
-// The file's entry for one hit: {"T":<timestamp>,"H":"<hit>"}.
-std::string QueueFileMember(const std::string& hit, std::int32_t timestamp);
-
-// Parses a whole queue file text of any JSON layout. Hits before a malformed entry are kept and the
-// error is thrown; an empty text is an empty queue.
-void ParseQueueFile(const std::string& text, std::vector<QueuedHit>& hits);
-void ParseQueueFile(std::istream& text, const std::function<void(QueuedHit&)>& hit);
 
 // "VelmoraDataCache.json" kept so that no operation costs more with a long queue than a short one.
 //
