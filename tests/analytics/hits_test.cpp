@@ -65,24 +65,30 @@ TEST(QueueFile, AnyValidJsonReadsLikeTheFilesThisLibraryWritesAndDamageKeepsTheE
         {R"({"Hits":[{"T":1,"H":")" + big + R"("}]})", {{1, big}}, false},
         {R"({"Hits":[{"T":99999999999,"H":"a"},{"T":-99999999999,"H":"b"},{"T":1e3,"H":"c"}]})",
          {{INT32_MAX, "a"}, {INT32_MIN, "b"}, {1000, "c"}}, false},
+        {R"({"Hits":[{"T":-2147483648,"H":"a"},{"T":4000000000,"H":"b"}]})", {{INT32_MIN, "a"}, {INT32_MAX, "b"}}, false},
         {R"({ "Hits" : [ {"H":"a\"b\u00e9","X":{"T":"x"},"T":5} ], "Y":[1] })", {{5, "a\"b\xC3\xA9"}}, false},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":01,"H":"b"}]})", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":2,"H":"b)", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"}]}x)", {{1, "a"}}, true},
         {"{\"Hits\":[{\"T\":1,\"H\":\"a\"},{\"T\":2,\"H\":\"b\x01\"}]}", {{1, "a"}}, true},
     };
+    TempDir dir;
     for (const auto& c : cases) {
-        std::vector<QueuedHit> parsed;
-        bool damaged = false;
-        try {
-            ParseQueueFile(c.text, parsed);
-        } catch (const std::exception&) {
-            damaged = true;
+        dir.Write(QueueFile::kFileName, c.text);
+        // The JSON parser, and the queue's own reading of its layout with the parser behind it.
+        for (bool own : {false, true}) {
+            std::vector<QueuedHit> parsed;
+            bool damaged = false;
+            try {
+                own ? QueueFile::ReadQueued(dir.path(), parsed) : ParseQueueFile(c.text, parsed);
+            } catch (const std::exception&) {
+                damaged = true;
+            }
+            Hits hits;
+            for (const auto& hit : parsed) hits.emplace_back(hit.timestamp, hit.hit);
+            EXPECT_EQ(hits, c.hits) << own << " " << c.text.substr(0, 80);
+            EXPECT_EQ(damaged, c.damaged) << own << " " << c.text.substr(0, 80);
         }
-        Hits hits;
-        for (const auto& hit : parsed) hits.emplace_back(hit.timestamp, hit.hit);
-        EXPECT_EQ(hits, c.hits) << c.text.substr(0, 80);
-        EXPECT_EQ(damaged, c.damaged) << c.text.substr(0, 80);
     }
 }
 
