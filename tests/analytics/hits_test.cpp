@@ -276,6 +276,27 @@ TEST_F(HitStoreTest, ALongDeliveredPrefixLeavesTheFileAndTheQueueGoesOnWhereItWa
     EXPECT_EQ(unindexed.TakeFront()->hit, "s" + std::to_string(2500 - unindexed.Size()) + body);
 }
 
+// The record vouches for the entries before the head and the last one, not for those between: one
+// damaged there (a power cut, a disk error) ends the queue before it once the sender reaches it.
+TEST_F(HitStoreTest, DamageMetWhileSendingEndsTheQueueBeforeIt) {
+    const std::string text = "{\"Hits\":[" + QueueFileMember("s0", 0) + "," + QueueFileMember("s1", 1) + "," +
+                             QueueFileMember("s2", 2) + "]}";
+    for (std::size_t damaged : {0u, 1u}) {
+        dir.Write(HitStore::kFileName, text);
+        HitStore(log, files).Load();  // the record
+        std::string bytes = text;
+        bytes[bytes.find("\"s" + std::to_string(damaged))] = '\x01';
+        dir.Write(HitStore::kFileName, bytes);
+        capture.Clear();
+        HitStore next(log, files);
+        next.Load();
+        EXPECT_EQ(next.Size(), 3u);
+        EXPECT_EQ(Take(next), std::vector<std::string>(damaged, "s0"));
+        EXPECT_EQ(capture.Lines().size(), 1u);
+        EXPECT_EQ(File(), "{\"Hits\":[" + (damaged == 1 ? QueueFileMember("s0", 0) : "") + "]}");
+    }
+}
+
 TEST_F(HitStoreTest, AQueueFileThatCannotBeOpenedIsReported) {
     std::filesystem::create_directory(dir / HitStore::kFileName);
     store.Load();
