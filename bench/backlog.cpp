@@ -5,9 +5,11 @@
 //             time; then 21 times one more state and Host::Flush, timed, with the bytes written
 //             (/proc/self/io); prints the peak resident size (VmHWM) at the end
 //   size      the first Analytics::GetQueueSize() of a process on that directory
-//   drain     first a bare loop: one curl handle, the queue's own hit URLs, one GET at a time to
-//             nginx on loopback; then opts in and times Host::Flush until the library has
-//             delivered the backlog to the same nginx, one request at a time
+//   drain     a bare loop (one curl handle, the queue's own hit URLs, one GET at a time to nginx
+//             on loopback), then the library's delivery of the backlog to the same nginx (opt in,
+//             Host::Flush until the queue is empty), then the bare loop again; the ratio is taken
+//             against the mean of the two bare loops, so that a change of the machine's pace
+//             during the run counts for both
 // Needs nginx (bash bench/setup.sh). Runs against whichever libvelmora.so the loader finds, so
 // the same program measures an older build with LD_LIBRARY_PATH.
 #include "nginx.h"
@@ -153,27 +155,33 @@ std::vector<std::string> FirstHits(const fs::path& local, std::size_t count) {
     return hits;
 }
 
-int Drain(int hits, const fs::path& package, const fs::path& local, int port) {
-    const std::string base = "http://127.0.0.1:" + std::to_string(port) + "/b/ss/bench-suite/0/WINU-4.0.0/";
-    // The bare loop: the same requests, one reused handle, nothing else.
-    const auto urls = FirstHits(local, static_cast<std::size_t>(std::min(hits, 100000)));
-    curl_global_init(CURL_GLOBAL_DEFAULT);
+// Requests per second of a bare loop over `urls`: one reused handle, one request at a time.
+double BareLoop(const std::vector<std::string>& urls, long& ok) {
     CURL* curl = curl_easy_init();
     curl_slist* headers = curl_slist_append(nullptr, "Accept-Language: en-US");
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(curl, CURLOPT_USERAGENT, "Bench/1.0");
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, 5000L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, +[](char*, size_t size, size_t n, void*) { return size * n; });
-    long ok = 0;
-    const auto bareStart = Clock::now();
-    for (const auto& hit : urls) {
-        curl_easy_setopt(curl, CURLOPT_URL, (base + hit).c_str());
+    const auto start = Clock::now();
+    for (const auto& url : urls) {
+        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
         long status = 0;
         if (curl_easy_perform(curl) == CURLE_OK && curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK) ok += status == 200;
     }
-    const double bareRate = static_cast<double>(urls.size()) / std::chrono::duration<double>(Clock::now() - bareStart).count();
+    const double rate = static_cast<double>(urls.size()) / std::chrono::duration<double>(Clock::now() - start).count();
     curl_slist_free_all(headers);
     curl_easy_cleanup(curl);
+    return rate;
+}
+
+int Drain(int hits, const fs::path& package, const fs::path& local, int port) {
+    const std::string base = "http://127.0.0.1:" + std::to_string(port) + "/b/ss/bench-suite/0/WINU-4.0.0/";
+    auto urls = FirstHits(local, static_cast<std::size_t>(std::min(hits, 100000)));
+    for (auto& url : urls) url.insert(0, base);
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    long ok = 0;
+    const double before = BareLoop(urls, ok);
 
     WriteConfig(package, "127.0.0.1:" + std::to_string(port), "optedin");
     Configure(package, local, true);
@@ -182,7 +190,9 @@ int Drain(int hits, const fs::path& package, const fs::path& local, int port) {
     const bool drained = Velmora::Host::Flush(std::chrono::minutes(30));
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     const unsigned left = Velmora::Analytics::GetQueueSize();
-    std::printf("%u %u %d %ld %zu %.0f %.0f\n", queued, left, drained, ok, urls.size(), bareRate, queued / seconds);
+
+    const double after = BareLoop(urls, ok);
+    std::printf("%u %u %d %ld %zu %.0f %.0f %.0f\n", queued, left, drained, ok, 2 * urls.size(), before, after, queued / seconds);
     std::fflush(stdout);
     Velmora::Host::Shutdown(std::chrono::seconds(10));
     return 0;
@@ -225,7 +235,7 @@ int main(int argc, char** argv) {
     std::printf("%9s | %9s | %24s | %18s | %12s | %30s\n", "backlog", "peak RSS", "one more hit: Flush ms",
                 "bytes written", "fresh size", "drain / bare loop (hits/s)");
     std::printf("%9s | %9s | %24s | %18s | %12s | %30s\n", "", "MiB", "median (max) of 21", "syscall / block",
-                "median of 5", "");
+                "median of 5", "(bare: mean before and after)");
     for (int hits : backlogs) {
         char pattern[] = "/tmp/velmora-backlog-XXXXXX";
         const fs::path dir = ::mkdtemp(pattern);
@@ -251,17 +261,19 @@ int main(int argc, char** argv) {
         int drained = 0;
         long ok = 0;
         std::size_t bare = 0;
-        double bareRate = 0, drainRate = 0;
+        double bareBefore = 0, bareAfter = 0, drainRate = 0;
         {
             velmora::bench::Nginx nginx(server);
             if (nginx.Running()) {
                 std::istringstream(Run({"drain", std::to_string(size), package.string(), local.string(),
-                                        std::to_string(nginx.Port())})) >> queued >> left >> drained >> ok >> bare >> bareRate >> drainRate;
+                                        std::to_string(nginx.Port())})) >> queued >> left >> drained >> ok >> bare >> bareBefore >> bareAfter >> drainRate;
             }
         }
+        const double bareRate = (bareBefore + bareAfter) / 2;
         std::printf("%9d | %9.1f | %14.3f (%7.3f) | %8lld / %7lld | %9.1f ms | %8.0f / %8.0f = %5.2f %s\n", hits, peak, flushMedian,
                     flushMax, written, stored, Median(loads), drainRate, bareRate, bareRate > 0 ? drainRate / bareRate : 0.0,
                     queued == size && left == 0 && drained && ok == static_cast<long>(bare) ? "" : "(incomplete)");
+        std::printf("%9s   bare loop %.0f requests/s before the delivery, %.0f after\n", "", bareBefore, bareAfter);
         std::printf("%9s   tracked %u hits in %.1f s, file %.1f MB\n", "", size, trackSeconds, fileMegabytes);
         std::fflush(stdout);
         fs::remove_all(dir);
