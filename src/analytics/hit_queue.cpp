@@ -9,11 +9,21 @@ namespace velmora {
 HitQueue::HitQueue(const Logger& log, Clock& clock, const ConfigSettings& config, FileStore& files,
                    const HostOptions& host, Transport& transport, DeviceContext& device, Executor& executor)
     : log_(log),
+      clock_(clock),
       config_(config),
       store_(log, files),
       sender_(log, clock, config, host, store_, transport, [&device] { return device.GetUserAgent(); },
               [this] { StartSender(); }),
       work_("Analytics", log, executor) {
+    {
+        MutexLock lock(retry_->mutex);
+        retry_->work = &work_;
+        retry_->retry = [this] {
+            store_.Save();
+            ApplyStartRule();
+            WatchUnsaved();
+        };
+    }
     work_.Post([this] { Load(); });
 }
 
@@ -62,12 +72,32 @@ void HitQueue::Append(std::string hit, std::int32_t timestamp) {
         log_.Error("Analytics - Unable to queue hit (%s)", e.what());
         return;
     }
+    WatchUnsaved();
     ApplyStartRule();
 }
 
 void HitQueue::ClearQueue() {
     store_.Announce();
-    if (!work_.Post([this] { store_.Clear(); })) store_.Withdraw();
+    if (!work_.Post([this] {
+            store_.Clear();
+            WatchUnsaved();
+        })) {
+        store_.Withdraw();
+    }
+}
+
+void HitQueue::WatchUnsaved() {
+    const bool unsaved = store_.Unsaved();
+    MutexLock lock(retry_->mutex);
+    if (!unsaved || retry_->work == nullptr) {
+        if (retry_->timer) retry_->timer->Cancel();
+        retry_->timer.reset();
+    } else if (!retry_->timer) {
+        retry_->timer = clock_.Every(kRetryInterval, [watch = retry_] {
+            MutexLock ticking(watch->mutex);
+            if (watch->work != nullptr) watch->work->Post(watch->retry);
+        });
+    }
 }
 
 void HitQueue::StartSender() {
@@ -102,8 +132,14 @@ bool HitQueue::WaitUntilIdle(std::chrono::steady_clock::time_point deadline) {
 void HitQueue::Shutdown() {
     sender_.BeginShutdown();
     work_.Shutdown();  // runs the changes that were posted; they no longer start the sender
+    {
+        MutexLock lock(retry_->mutex);
+        retry_->work = nullptr;
+        if (retry_->timer) retry_->timer->Cancel();
+        retry_->timer.reset();
+    }
     sender_.Join();
-    store_.Save();
+    store_.Close();  // what failed to be written is tried once more, and the disk waited for
 }
 
 }  // namespace velmora

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -24,6 +25,7 @@ class HttpClient;
 //
 // Changes (appends and clears) run on the queue's own work queue, which loads the file first and
 // applies the start rule after each hit; the store keeps the hits and the file, the sender sends.
+// While a write has failed, a timer tries again every kRetryInterval.
 class HitQueue : public HitQueueControl {
 public:
     static constexpr const char* kFileName = HitStore::kFileName;
@@ -31,6 +33,7 @@ public:
     static constexpr std::chrono::milliseconds kSaveInterval = HitStore::kSaveInterval;
     static constexpr std::chrono::milliseconds kConnectionCheckInterval = HitSender::kConnectionCheckInterval;
     static constexpr std::size_t kMaxUrlBytes = HitSender::kMaxUrlBytes;
+    static constexpr std::chrono::milliseconds kRetryInterval{5000};
 
     HitQueue(const Logger& log, Clock& clock, const ConfigSettings& config, FileStore& files, const HostOptions& host,
              Transport& transport, DeviceContext& device, Executor& executor);
@@ -61,13 +64,24 @@ private:
     void Load();
     void Append(std::string hit, std::int32_t timestamp);
     void ApplyStartRule();
+    // After a write: a timer while hits wait unsaved, none otherwise.
+    void WatchUnsaved();
 
     const Logger& log_;
+    Clock& clock_;
     const ConfigSettings& config_;
     HitStore store_;
     HitSender sender_;
     std::size_t baseUrlBytes_ = 0;  // work queue only, set by Load
-    SerialQueue work_;              // last: it is the first to stop
+    SerialQueue work_;              // last but one: it is the first to stop
+    // The retry timer, shared with its ticks so that a tick never outlives the queue.
+    struct RetryWatch {
+        Mutex mutex;
+        SerialQueue* work GUARDED_BY(mutex) = nullptr;  // null once the queue stops
+        std::function<void()> retry GUARDED_BY(mutex);
+        std::shared_ptr<Timer> timer GUARDED_BY(mutex);
+    };
+    std::shared_ptr<RetryWatch> retry_ = std::make_shared<RetryWatch>();
 };
 
 }  // namespace velmora

@@ -31,7 +31,10 @@ void HitSender::Start() {
         MutexLock lock(mutex_);
         if (stopping_) return;
         runRequested_ = true;
-        if (!thread_.joinable()) thread_ = std::thread([this] { Loop(); });
+        if (!threadRunning_) {
+            thread_ = std::thread([this] { Loop(); });
+            threadRunning_ = true;
+        }
     }
     wake_.Signal();
 }
@@ -69,7 +72,13 @@ bool HitSender::WaitUntilIdle(std::chrono::steady_clock::time_point deadline) {
 }
 
 void HitSender::Join() {
-    if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
+    std::thread thread;
+    {
+        MutexLock lock(mutex_);
+        if (thread_.get_id() == std::this_thread::get_id()) return;
+        thread = std::move(thread_);  // none when it left by itself
+    }
+    if (thread.joinable()) thread.join();
 }
 
 bool HitSender::Stopping() const {
@@ -81,11 +90,12 @@ void HitSender::Loop() {
     StartLibraryThread("velmora-sender");
     mutex_.Lock();
     for (;;) {
-        wake_.Wait(mutex_, [this] {
+        // Idle for a while, the thread leaves; the next Start makes another.
+        const bool asked = wake_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kIdleLinger, [this] {
             mutex_.AssertHeld();
             return runRequested_ || stopping_;
         });
-        if (stopping_) break;
+        if (stopping_ || !asked) break;  // idle: !asked
         runRequested_ = false;
         running_ = true;
         mutex_.Unlock();
@@ -98,7 +108,9 @@ void HitSender::Loop() {
         running_ = false;
         rest_.SignalAll();
     }
-    runRequested_ = false;
+    if (stopping_) runRequested_ = false;
+    threadRunning_ = false;
+    if (!stopping_) thread_.detach();  // it left by itself: nobody joins it
     rest_.SignalAll();
     mutex_.Unlock();
 }
@@ -126,7 +138,7 @@ void HitSender::Run() {
             removed = true;
             continue;
         }
-        store_.Return(std::move(*hit));
+        store_.Return();
         if (!Cooldown()) break;
     }
     if (removed) store_.Save();  // what the run removed since the last save
@@ -142,7 +154,6 @@ void HitSender::KeepInOrder(QueuedHit& hit) {
     log_.Debug("Analytics - Adjusting out of order hit timestamp(%ld->%ld)", static_cast<long>(hit.timestamp),
                static_cast<long>(adjusted));
     hit.timestamp = adjusted;
-    hit.json.reset();  // made anew if the hit goes back to the file
 }
 
 HitSender::Outcome HitSender::Attempt(const QueuedHit& hit) {

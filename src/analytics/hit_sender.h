@@ -18,9 +18,9 @@
 
 namespace velmora {
 
-// The one sender: a thread that sleeps until it is started, then sends the store's hits one at a
-// time in order until the store is empty, the privacy status is not opt-in or there is no
-// connection. A retry waits out a cooldown on the injected clock, which only the end of sending
+// The one sender: a thread, made by the first start and gone after kIdleLinger without one, that
+// sends the store's hits one at a time in order until the store is empty, the privacy status is
+// not opt-in or there is no connection. A retry waits out a cooldown on the injected clock, which only the end of sending
 // cuts short; a lost connection is watched for on the clock's timer, and `restart` is called when
 // it is back.
 class HitSender {
@@ -34,6 +34,8 @@ public:
     // Longest request URL (base URL and hit) that is sent. Common servers refuse longer request
     // lines, and a hit that can never be delivered must not hold up the ones behind it.
     static constexpr std::size_t kMaxUrlBytes = 64 * 1024;
+    // How long the thread stays without a run to do.
+    static constexpr std::chrono::milliseconds kIdleLinger{2000};
 
     HitSender(const Logger& log, Clock& clock, const ConfigSettings& config, const HostOptions& host, HitStore& store,
               Transport& transport, std::function<std::string()> userAgent, std::function<void()> restart);
@@ -76,7 +78,8 @@ private:
     bool running_ GUARDED_BY(mutex_) = false;
     bool coolingDown_ GUARDED_BY(mutex_) = false;
     bool stopping_ GUARDED_BY(mutex_) = false;
-    std::thread thread_;  // started under mutex_, joined by Join
+    bool threadRunning_ GUARDED_BY(mutex_) = false;
+    std::thread thread_ GUARDED_BY(mutex_);  // detached by itself when it leaves idle, else joined by Join
     Waker waker_;
 
     // Sender thread only.

@@ -32,13 +32,14 @@ struct SystemClock::Entry : Timer {
 };
 
 SystemClock::~SystemClock() {
+    std::thread thread;
     {
         MutexLock lock(mutex_);
         stopping_ = true;
+        thread = std::move(thread_);  // none when it left by itself
     }
     cv_.SignalAll();
-    // No Every can start the thread any more: the clock is being destroyed.
-    if (thread_.joinable()) thread_.join();
+    if (thread.joinable()) thread.join();
 }
 
 std::int64_t SystemClock::NowMillis() const {
@@ -60,7 +61,10 @@ std::shared_ptr<Timer> SystemClock::Every(std::chrono::milliseconds period, std:
     entry->tick = std::move(tick);
     MutexLock lock(mutex_);
     due_.emplace(std::chrono::steady_clock::now() + period, entry);
-    if (!thread_.joinable()) thread_ = std::thread([this] { RunTimers(); });
+    if (!threadRunning_) {
+        thread_ = std::thread([this] { RunTimers(); });
+        threadRunning_ = true;
+    }
     cv_.SignalAll();
     return entry;
 }
@@ -68,13 +72,16 @@ std::shared_ptr<Timer> SystemClock::Every(std::chrono::milliseconds period, std:
 void SystemClock::RunTimers() {
     StartLibraryThread("velmora-timer");
     mutex_.Lock();
+    bool idle = false;
     while (!stopping_) {
         // Drop cancelled timers first so that an idle clock really sleeps.
         for (auto it = due_.begin(); it != due_.end();) {
             it = it->second->cancelled ? due_.erase(it) : std::next(it);
         }
         if (due_.empty()) {
-            cv_.Wait(mutex_);
+            // Without timers for a while the thread leaves; the next Every makes another.
+            idle = !cv_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kIdleLinger) && due_.empty() && !stopping_;
+            if (idle) break;
             continue;
         }
         auto next = due_.begin()->first;
@@ -90,6 +97,8 @@ void SystemClock::RunTimers() {
         if (!entry->cancelled) entry->tick();
         mutex_.Lock();
     }
+    threadRunning_ = false;
+    if (idle) thread_.detach();  // nobody joins a thread that left by itself
     mutex_.Unlock();
 }
 

@@ -52,8 +52,11 @@ public:
     virtual std::shared_ptr<Timer> Every(std::chrono::milliseconds period, std::function<void()> tick) = 0;
 };
 
+// Timers tick on one thread, which leaves kIdleLinger after the last timer was cancelled.
 class SystemClock final : public Clock {
 public:
+    static constexpr std::chrono::milliseconds kIdleLinger{2000};
+
     SystemClock() = default;
     ~SystemClock() override;
     std::int64_t NowMillis() const override;
@@ -68,7 +71,8 @@ private:
     Mutex mutex_;
     CondVar cv_;
     std::multimap<std::chrono::steady_clock::time_point, std::shared_ptr<Entry>> due_ GUARDED_BY(mutex_);
-    std::thread thread_ GUARDED_BY(mutex_);  // started by the first Every; joined by the destructor
+    std::thread thread_ GUARDED_BY(mutex_);  // started by Every when none runs; detached by itself when it leaves idle
+    bool threadRunning_ GUARDED_BY(mutex_) = false;
     bool stopping_ GUARDED_BY(mutex_) = false;
 };
 

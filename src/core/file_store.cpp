@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
+#include <system_error>
 #include <unistd.h>
 
 namespace velmora {
@@ -101,29 +102,52 @@ std::unique_ptr<std::istream> FileStore::OpenForReading(const std::string& name)
     return stream;
 }
 
+int FileStore::OpenForUpdate(const std::string& name) {
+    const auto path = directory_ / name;
+    Descriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (fd.get() < 0) Fail("Cannot open", path, errno);
+    RemoveAbandonedTemporaries(directory_, name);
+    return fd.release();
+}
+
 void FileStore::WriteAtomic(const std::string& name, std::string_view text) {
+    Replace(name, [&text](int fd) { WriteAll(fd, text.data(), text.size()); });
+}
+
+void FileStore::WriteAll(int fd, const char* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t n = ::write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            throw std::system_error(errno, std::generic_category());
+        }
+        data += n;
+        size -= static_cast<std::size_t>(n);
+    }
+}
+
+void FileStore::Replace(const std::string& name, const std::function<void(int fd)>& fill, bool sync) {
     static std::atomic<unsigned> counter{0};
     const auto path = directory_ / name;
     auto temp = path;
     temp += kTemporaryMarker + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1));
     Descriptor fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (fd.get() < 0) Fail("Cannot create", temp, errno);
-    auto discard = [&](const char* what) {
-        int error = errno;
+    auto discard = [&](const char* what, int error) {
         ::close(fd.release());
         ::unlink(temp.c_str());
         Fail(what, temp, error);
     };
-    std::size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            discard("Cannot write");
-        }
-        done += static_cast<std::size_t>(n);
+    try {
+        fill(fd.get());
+    } catch (const std::system_error& e) {
+        discard("Cannot write", e.code().value());
+    } catch (...) {
+        ::close(fd.release());
+        ::unlink(temp.c_str());
+        throw;
     }
-    if (::fdatasync(fd.get()) != 0) discard("Cannot sync");
+    if (sync && ::fdatasync(fd.get()) != 0) discard("Cannot sync", errno);
     if (::close(fd.release()) != 0) {
         int error = errno;
         ::unlink(temp.c_str());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <istream>
 #include <memory>
 #include <string>
@@ -23,8 +24,19 @@ public:
     // As Read, but the text is read as it is consumed: a document of megabytes is parsed without
     // a copy of it in memory.
     virtual std::unique_ptr<std::istream> OpenForReading(const std::string& name);
+    // A descriptor open for reading and writing, for an owner that changes its file in place; the
+    // file is created empty when missing, and temporaries left by killed writers are removed, as
+    // Read does. The caller closes it.
+    virtual int OpenForUpdate(const std::string& name);
+    // WriteAtomic with the text written by `fill` to the temporary file's descriptor. `sync` false
+    // leaves out the wait for the disk, for a document whose loss would mean the same as an empty
+    // file.
+    virtual void Replace(const std::string& name, const std::function<void(int fd)>& fill, bool sync = true);
 
     const std::filesystem::path& Directory() const { return directory_; }
+
+    // Writes all of `data` to `fd` at its position; throws std::system_error.
+    static void WriteAll(int fd, const char* data, std::size_t size);
 
 private:
     std::filesystem::path directory_;

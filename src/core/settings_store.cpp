@@ -74,6 +74,11 @@ void SettingsStore::Check(int rc, const char* what) {
     throw SettingsError(message);
 }
 
+void SettingsStore::Checkpoint() {
+    MutexLock lock(mutex_);
+    if (persistent_) sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+}
+
 bool SettingsStore::HasKey(const std::string& key) { return Lookup(key).has_value(); }
 
 std::optional<SettingValue> SettingsStore::Lookup(const std::string& key) {

@@ -42,6 +42,10 @@ public:
     virtual void Insert(const std::string& key, const SettingValue& value) EXCLUDES(mutex_);  // insert or replace
     virtual void Remove(const std::string& key) EXCLUDES(mutex_);
 
+    // Moves what the write-ahead log holds into the database file and empties the log, so that the
+    // ".db" file alone holds every value: the normal end of the process.
+    void Checkpoint() EXCLUDES(mutex_);
+
     bool Persistent() const { return persistent_; }
 
 private:

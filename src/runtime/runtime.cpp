@@ -247,6 +247,7 @@ void Runtime::StopThreads() {
     if (auto* queue = general_.IfCreated()) queue->Shutdown();
     ForEachModuleInOrder([](auto* module) { module->Shutdown(); });
     executor_.Shutdown();
+    if (auto* settings = settings_.IfCreated()) settings->Checkpoint();  // the ".db" alone holds the values
 }
 
 bool Runtime::Shutdown(std::chrono::milliseconds timeout, bool deliver) {

@@ -82,10 +82,10 @@ private:
     std::filesystem::path outputFile_, errorFile_;
 };
 
-// The page names of the hits in the queue file, in queue order.
+// The page names of the hits queued in the file, in queue order.
 inline std::vector<std::string> QueuedNames(const TempDir& local) {
     std::vector<QueuedHit> hits;
-    ParseQueueFile(local.Read(HitQueue::kFileName), hits);
+    QueueFile::ReadQueued(local.path(), hits);
     std::vector<std::string> names;
     for (const auto& hit : hits) names.push_back(DecodeHit("/b/ss/rs/0/v/" + hit.hit).variables["pageName"]);
     return names;

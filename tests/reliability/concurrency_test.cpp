@@ -132,7 +132,7 @@ TEST(Concurrency, EveryPublicOperationFromEightThreadsKeepsEachThreadsOrder) {
         for (; running; std::this_thread::sleep_for(std::chrono::microseconds(500))) {  // leaves the cores to the library
             try {
                 std::vector<QueuedHit> hits;
-                ParseQueueFile(env.local.Read(HitQueue::kFileName), hits);
+                QueueFile::ReadQueued(env.local.path(), hits);
                 TimedActionMap actions;
                 ParseTimedActionsFile(env.local.Read(TimedActionStore::kFileName), actions,
                                       [&](const std::string&, const std::string&) { ++tornReads; });

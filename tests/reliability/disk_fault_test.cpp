@@ -1,7 +1,8 @@
 // The local directory stops taking writes part way through a save: the kernel refuses to let the
 // process grow a file past the current documents, as on a full disk (root included). The data
 // files' owners log the failure, keep everything in memory, leave the previous document whole and
-// no temporary file, and write it all once the disk takes writes again.
+// no temporary file, and write it all once the disk takes writes again: the hit queue at its next
+// change, by its retry timer, or at the end of the process.
 #include "child_process.h"
 #include "analytics/tracker.h"
 #include "runtime/runtime.h"
@@ -47,12 +48,26 @@ TEST(DiskFaults, TheQueueAndTheTimedActionsKeepTheirChangesAndTheOldFilesAndSave
     EXPECT_EQ(Failures(env.log, "Velmora Error:Analytics - Unable to save hit queue ("), 1u);
     EXPECT_EQ(Failures(env.log, "Velmora Error:Analytics - Unable to save timed actions file ("), 2u);
 
-    hits.QueueHit(hit("D"), 4);
-    timed.End("b");  // its action hit follows D
+    env.clock->Advance(HitQueue::kRetryInterval);  // no change came: the timer writes C
+    EXPECT_EQ(hits.SizeAfterPendingWork().get(), 3u);
+    EXPECT_EQ(QueuedNames(env.local), (std::vector<std::string>{"A", "B", "C"}));
+    timed.End("b");  // its hit is written at once
     ASSERT_TRUE(env.runtime->Tracker().Flush(std::chrono::seconds(10)));
-    EXPECT_EQ(hits.SizeAfterPendingWork().get(), 5u);
     ASSERT_FALSE(timed.Exists("b"));
-    EXPECT_EQ(QueuedNames(env.local), (std::vector<std::string>{"A", "B", "C", "D", "Unknown 0.0.0 (0)"}));
+    EXPECT_EQ(hits.SizeAfterPendingWork().get(), 4u);
+    ASSERT_EQ(QueuedNames(env.local).size(), 4u);
+    {
+        FileSizeLimit limit(std::filesystem::file_size(env.local / HitQueue::kFileName));
+        hits.QueueHit(hit("D"), 4);
+        hits.QueueHit(hit("E"), 5);
+        EXPECT_EQ(hits.SizeAfterPendingWork().get(), 6u);
+    }
+    EXPECT_EQ(QueuedNames(env.local).size(), 4u);
+    env.runtime->Shutdown(std::chrono::seconds(10), false);  // the end writes them
+    auto names = QueuedNames(env.local);
+    ASSERT_EQ(names.size(), 6u);
+    names.erase(names.begin() + 3);  // the action's
+    EXPECT_EQ(names, (std::vector<std::string>{"A", "B", "C", "D", "E"}));
     TimedActionMap saved;
     ParseTimedActionsFile(env.local.Read(TimedActionStore::kFileName), saved,
                           [](const std::string& name, const std::string&) { ADD_FAILURE() << name; });

@@ -17,6 +17,7 @@
 //                     "shutdown", "abort" or "kill" (SIGKILL)
 //   launch            start collecting lifecycle data and print "flush 1" when Host::Flush left
 //                     nothing queued
+//   drain             for the kill tests: deliver what the queue file holds, until killed
 // The other modes print "ending" just before they end, so that the caller can time the end.
 #include <velmora/Velmora.h>
 
@@ -115,6 +116,11 @@ int main(int argc, char** argv) {
     };
     Host::Configure(options);
     if (mode == "endless") return TrackUntilKilled(count);
+    if (mode == "drain") {
+        Analytics::GetQueueSize();
+        Host::Flush(std::chrono::minutes(1));
+        return 3;  // delivered it all before the kill: the test had nothing to kill
+    }
     if (mode == "hung") {
         const auto start = std::chrono::steady_clock::now();
         Config::SetDebugLogging(true);
