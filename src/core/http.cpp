@@ -166,7 +166,7 @@ struct HttpClient::Shared : std::enable_shared_from_this<HttpClient::Shared> {
         CURLM* multi = nullptr;
     };
 
-    explicit Shared(Clock& clock) : clock(clock) {}
+    explicit Shared(Clock& timers) : clock(timers) {}
 
     Clock& clock;
     Slist connectTo;
