@@ -152,8 +152,8 @@ std::unique_ptr<Runtime> RuntimeWithBacklog(const ScratchDir& package, const Scr
                                             benchmark::State& state) {
     package.Write("VelmoraConfig.json", ConfigJson("127.0.0.1:" + std::to_string(port), true, "optunknown"));
     auto runtime = std::make_unique<Runtime>(Options(package, local, true));
-    runtime->Settings().Insert(kAidKey, std::string(kAid));
-    auto& tracker = runtime->Tracker();
+    runtime->GetSettingsStore().Insert(kAidKey, std::string(kAid));
+    auto& tracker = runtime->GetAnalyticsTracker();
     const StringMap context = TranslateContextData(TenEntries(), runtime->Log());
     for (int i = 0; i < hits; ++i) tracker.GatedTrackState("Page " + std::to_string(i), context);
     if (tracker.QueueSize() != static_cast<std::uint32_t>(hits)) state.SkipWithError("hits were not queued");
@@ -210,7 +210,7 @@ void BM_DeliverToNginx(benchmark::State& state) {
         auto runtime = RuntimeWithBacklog(package, local, nginx.Port(), kHits, state);
         const auto start = Clock::now();
         runtime->GeneralQueue().Post([&runtime] { runtime->SetPrivacyStatus(kPrivacyOptIn); });
-        const bool delivered = runtime->Flush(std::chrono::seconds(60)) && runtime->Tracker().QueueSize() == 0;
+        const bool delivered = runtime->Flush(std::chrono::seconds(60)) && runtime->GetAnalyticsTracker().QueueSize() == 0;
         const auto elapsed = Clock::now() - start;
         if (!delivered) state.SkipWithError("the backlog was not delivered");
         state.SetIterationTime(std::chrono::duration<double>(elapsed).count());
@@ -225,8 +225,8 @@ void BM_OfflineBacklogInFileAndLoad(benchmark::State& state) {
         ScratchDir package, local;
         package.Write("VelmoraConfig.json", ConfigJson("collector.invalid", true, "optedin"));
         auto runtime = std::make_unique<Runtime>(Options(package, local, false));
-        runtime->Settings().Insert(kAidKey, std::string(kAid));
-        auto& tracker = runtime->Tracker();
+        runtime->GetSettingsStore().Insert(kAidKey, std::string(kAid));
+        auto& tracker = runtime->GetAnalyticsTracker();
         tracker.QueueSize();  // created and loaded before the clock starts
         const auto context = TenEntries();
 
@@ -242,16 +242,16 @@ void BM_OfflineBacklogInFileAndLoad(benchmark::State& state) {
         state.counters["heap_in_use_MB"] = mallinfo2().uordblks / 1048576.0;
         {
             std::vector<QueuedHit> saved;
-            ParseQueueFile(runtime->Files().Read(HitQueue::kFileName), saved);
+            ParseQueueFile(runtime->GetFileStore().Read(HitQueue::kFileName), saved);
             if (saved.size() != static_cast<std::size_t>(kHits)) state.SkipWithError("the file lacks hits");
         }
         runtime.reset();  // the next process
 
         runtime = std::make_unique<Runtime>(Options(package, local, false));
-        runtime->Device();  // the services the queue uses, so that only the queue is timed
-        runtime->Http();
+        runtime->GetDeviceContext();  // the services the queue uses, so that only the queue is timed
+        runtime->GetHttpClient();
         const auto loadStart = Clock::now();
-        const std::size_t loaded = runtime->Hits().SizeAfterPendingWork().get();
+        const std::size_t loaded = runtime->GetHitQueue().SizeAfterPendingWork().get();
         const auto load = Clock::now() - loadStart;
         if (loaded != static_cast<std::size_t>(kHits)) state.SkipWithError("the file did not load back whole");
 
@@ -295,8 +295,8 @@ void BM_ReloadInFreshProcess(benchmark::State& state) {
         package.Write("VelmoraConfig.json", ConfigJson("collector.invalid", true, "optedin"));
         {
             auto runtime = std::make_unique<Runtime>(Options(package, local, false));
-            runtime->Settings().Insert(kAidKey, std::string(kAid));
-            auto& tracker = runtime->Tracker();
+            runtime->GetSettingsStore().Insert(kAidKey, std::string(kAid));
+            auto& tracker = runtime->GetAnalyticsTracker();
             const StringMap context = TranslateContextData(TenEntries(), runtime->Log());
             for (int i = 0; i < kHits; ++i) tracker.GatedTrackState("Page " + std::to_string(i), context);
             runtime->Flush(std::chrono::seconds(60));
@@ -334,7 +334,7 @@ int main(int argc, char** argv) {
     ScratchDir package, local;
     package.Write("VelmoraConfig.json", ConfigJson("collector.invalid", true, "optedin"));
     Velmora::Host::Configure(Options(package, local, false));
-    Runtime::Process().Settings().Insert(kAidKey, std::string(kAid));
+    Runtime::Process().GetSettingsStore().Insert(kAidKey, std::string(kAid));
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();

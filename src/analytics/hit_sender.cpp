@@ -18,6 +18,7 @@ HitSender::HitSender(const Logger& log, Clock& clock, const ConfigSettings& conf
       watch_(std::make_shared<ConnectionWatch>()) {
     MutexLock lock(watch_->mutex);
     watch_->host = &host_;
+    watch_->log = &log_;
     watch_->restart = std::move(restart);
 }
 
@@ -102,7 +103,9 @@ void HitSender::Loop() {
         try {
             Run();
         } catch (const std::exception& e) {
-            log_.Error("Analytics - Unexpected error in background work (%s)", e.what());
+            log_.Error("Analytics - Unexpected error in the hit sender (%s)", e.what());
+        } catch (...) {
+            log_.Error("Analytics - Unexpected error in the hit sender (unknown)");
         }
         mutex_.Lock();
         running_ = false;
@@ -119,7 +122,7 @@ void HitSender::Run() {
     bool removed = false;
     for (;;) {
         if (Stopping() || config_.Privacy() != kPrivacyOptIn) break;
-        if (!InternetAvailable(host_)) {
+        if (!InternetAvailable(host_, log_)) {
             WatchForConnection();
             break;
         }
@@ -238,7 +241,7 @@ void HitSender::WatchForConnection() {
     if (watch_->host == nullptr || watch_->timer) return;
     watch_->timer = clock_.Every(kConnectionCheckInterval, [watch = watch_] {
         MutexLock ticking(watch->mutex);
-        if (watch->host == nullptr || !watch->timer || !InternetAvailable(*watch->host)) return;
+        if (watch->host == nullptr || !watch->timer || !InternetAvailable(*watch->host, *watch->log)) return;
         watch->timer->Cancel();
         watch->timer.reset();
         watch->restart();

@@ -92,6 +92,7 @@ private:
     struct ConnectionWatch {
         Mutex mutex;
         const HostOptions* host GUARDED_BY(mutex) = nullptr;  // null once sending has ended
+        const Logger* log GUARDED_BY(mutex) = nullptr;
         std::function<void()> restart GUARDED_BY(mutex);
         std::shared_ptr<Timer> timer GUARDED_BY(mutex);
     };

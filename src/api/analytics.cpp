@@ -15,7 +15,7 @@ using velmora::Runtime;
 namespace {
 
 // The window size is the application's to read, so it is read on the calling thread.
-void ReadDisplayInformation(Runtime& runtime) { runtime.Device().GetResolution(); }
+void ReadDisplayInformation(Runtime& runtime) { runtime.GetDeviceContext().GetResolution(); }
 
 }  // namespace
 
@@ -25,7 +25,7 @@ void Analytics::TrackState(const std::string& state, const ObjectMap& contextDat
         ReadDisplayInformation(runtime);
         runtime.GeneralQueue().Post("Analytics", [&runtime, state = velmora::ToValidUtf8(state),
                                      translated = std::move(translated)]() mutable {
-            runtime.Tracker().GatedTrackState(state, std::move(translated));
+            runtime.GetAnalyticsTracker().GatedTrackState(state, std::move(translated));
         });
     });
 }
@@ -36,28 +36,28 @@ void Analytics::TrackAction(const std::string& action, const ObjectMap& contextD
         ReadDisplayInformation(runtime);
         runtime.GeneralQueue().Post("Analytics", [&runtime, action = velmora::ToValidUtf8(action),
                                      translated = std::move(translated)]() mutable {
-            runtime.Tracker().GatedTrackAction(action, std::move(translated));
+            runtime.GetAnalyticsTracker().GatedTrackAction(action, std::move(translated));
         });
     });
 }
 
 std::future<std::string> Analytics::GetTrackingIdentifierAsync() {
     return velmora::PostForResult<std::string>("", [](Runtime& runtime, auto completion) {
-        auto& tracker = runtime.Tracker();
+        auto& tracker = runtime.GetAnalyticsTracker();
         velmora::CompleteAfter(tracker.Queue(), tracker.TrackingIdentifierAsync(), completion);
     });
 }
 
 void Analytics::ClearQueue() {
-    velmora::Post([](Runtime& runtime) { runtime.Hits().ClearQueue(); });
+    velmora::Post([](Runtime& runtime) { runtime.GetHitQueue().ClearQueue(); });
 }
 
 std::uint32_t Analytics::GetQueueSize() {
     return velmora::Call(std::uint32_t{0}, [](Runtime& runtime) {
         // The tracker (and with it the configuration) is made on the general queue, never here; a
         // host callback already on a library thread must not wait for that queue.
-        if (velmora::OnLibraryThread()) return runtime.Tracker().QueueSize();
-        auto tracker = runtime.GeneralQueue().Submit([&runtime] { return &runtime.Tracker(); }).get();
+        if (velmora::OnLibraryThread()) return runtime.GetAnalyticsTracker().QueueSize();
+        auto tracker = runtime.GeneralQueue().Submit([&runtime] { return &runtime.GetAnalyticsTracker(); }).get();
         return tracker != nullptr ? tracker->QueueSize() : 0;
     });
 }

@@ -14,11 +14,11 @@ namespace {
 using velmora::Runtime;
 
 // The analytics gate, run on the general queue before the work of a tracking call.
-bool AnalyticsAllowed(Runtime& runtime) { return runtime.Tracker().PassesGate(); }
+bool AnalyticsAllowed(Runtime& runtime) { return runtime.GetAnalyticsTracker().PassesGate(); }
 
 // The display size can only be read where the application's window is reachable: here, on the
 // caller's thread, before the work is posted.
-void ReadDisplayOnCallingThread(Runtime& runtime) { runtime.Device().GetResolution(); }
+void ReadDisplayOnCallingThread(Runtime& runtime) { runtime.GetDeviceContext().GetResolution(); }
 
 // Converts the context data and reads the display on the caller's thread, then runs `work` with
 // the converted data on the general queue behind the analytics gate.
@@ -38,38 +38,38 @@ void PostTracking(const ObjectMap& contextData, bool readDisplay, Work work) {
 void Analytics::TrackLocation(double latitude, double longitude, double horizontalAccuracy,
                               const ObjectMap& contextData) {
     PostTracking(contextData, true, [=](Runtime& runtime, velmora::StringMap data) {
-        runtime.Location().TrackLocation(latitude, longitude, horizontalAccuracy, data);
+        runtime.GetLocationTracker().TrackLocation(latitude, longitude, horizontalAccuracy, data);
     });
 }
 
 void Analytics::TrackLifetimeValueIncrease(float amount, const ObjectMap& contextData) {
     PostTracking(contextData, true, [amount](Runtime& runtime, velmora::StringMap data) {
-        runtime.LifetimeValues().Increase(amount, std::move(data));
+        runtime.GetLifetimeValue().Increase(amount, std::move(data));
     });
 }
 
 void Analytics::TrackTimedActionStart(const std::string& action, const ObjectMap& contextData) {
     PostTracking(contextData, false, [action = velmora::ToValidUtf8(action)](Runtime& runtime, velmora::StringMap data) {
-        runtime.TimedActions().Start(action, std::move(data));
+        runtime.GetTimedActionStore().Start(action, std::move(data));
     });
 }
 
 void Analytics::TrackTimedActionUpdate(const std::string& action, const ObjectMap& contextData) {
     PostTracking(contextData, false, [action = velmora::ToValidUtf8(action)](Runtime& runtime, velmora::StringMap data) {
-        runtime.TimedActions().Update(action, data);
+        runtime.GetTimedActionStore().Update(action, data);
     });
 }
 
 void Analytics::TrackTimedActionEnd(const std::string& action) {
     PostTracking({}, true, [action = velmora::ToValidUtf8(action)](Runtime& runtime, velmora::StringMap) {
-        runtime.TimedActions().End(action);
+        runtime.GetTimedActionStore().End(action);
     });
 }
 
 std::future<bool> Analytics::TrackingTimedActionExistsAsync(const std::string& action) {
     // Through the general queue, so that the answer sees the starts and ends called before it.
     return velmora::PostForResult<bool>(false, [action = velmora::ToValidUtf8(action)](Runtime& runtime, auto completion) {
-        completion->Set(runtime.TimedActions().Exists(action));
+        completion->Set(runtime.GetTimedActionStore().Exists(action));
     });
 }
 

@@ -14,8 +14,8 @@ namespace {
 
 using ContentDone = void (*)(const char* content, void* user_data);
 
-velmora::SerialQueue& OfferQueue(Runtime& runtime) { return runtime.Offers().Queue(); }
-velmora::SerialQueue& AudienceQueue(Runtime& runtime) { return runtime.Audience().Queue(); }
+velmora::SerialQueue& OfferQueue(Runtime& runtime) { return runtime.GetVantorClient().Queue(); }
+velmora::SerialQueue& AudienceQueue(Runtime& runtime) { return runtime.GetCohortaClient().Queue(); }
 
 void Load(std::shared_ptr<Velmora::VantorLocationRequest> request, ContentDone done, void* user_data) {
     // The answer a stopped library gives: the request's default content.

@@ -10,7 +10,7 @@ using velmora::c_api::Text;
 
 namespace {
 
-velmora::SerialQueue& TrackerQueue(Runtime& runtime) { return runtime.Tracker().Queue(); }
+velmora::SerialQueue& TrackerQueue(Runtime& runtime) { return runtime.GetAnalyticsTracker().Queue(); }
 
 }  // namespace
 

@@ -20,14 +20,14 @@ void Config::SetDebugLogging(bool enabled) {
 
 std::future<VelmoraPrivacyStatus> Config::GetPrivacyStatusAsync() {
     return velmora::PostForResult(VelmoraPrivacyStatus{}, [](Runtime& runtime, auto completion) {
-        completion->Set(static_cast<VelmoraPrivacyStatus>(runtime.Config().Privacy()));
+        completion->Set(static_cast<VelmoraPrivacyStatus>(runtime.GetConfigSettings().Privacy()));
     });
 }
 
 void Config::SetPrivacyStatus(VelmoraPrivacyStatus status) {
     velmora::Post([status](Runtime& runtime) {
         // The hit queue must exist so that an opt-out also empties hits queued by earlier runs.
-        runtime.Hits();
+        runtime.GetHitQueue();
         runtime.SetPrivacyStatus(static_cast<std::int32_t>(status));
     });
 }

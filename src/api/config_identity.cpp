@@ -12,13 +12,13 @@ using velmora::Runtime;
 // is not made on the application's thread.
 std::string Config::GetUserIdentifier() {
     return velmora::Call(std::string(), [](Runtime& runtime) {
-        if (auto* device = runtime.DeviceIfCreated()) return device->GetVisitorId();
-        return velmora::LookupText(runtime.Settings(), velmora::kVisitorIdKey).value_or("");
+        if (auto* device = runtime.DeviceContextIfCreated()) return device->GetVisitorId();
+        return velmora::LookupText(runtime.GetSettingsStore(), velmora::kVisitorIdKey).value_or("");
     });
 }
 
 void Config::SetUserIdentifier(const std::string& identifier) {
-    velmora::Post([identifier = velmora::ToValidUtf8(identifier)](Runtime& runtime) { runtime.Device().SetVisitorId(identifier); });
+    velmora::Post([identifier = velmora::ToValidUtf8(identifier)](Runtime& runtime) { runtime.GetDeviceContext().SetVisitorId(identifier); });
 }
 
 }  // namespace Velmora

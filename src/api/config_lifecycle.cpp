@@ -11,18 +11,18 @@ using velmora::Runtime;
 
 void Config::CollectLifecycleData() {
     velmora::Call([](Runtime& runtime) {
-        runtime.GeneralQueue().Post("Analytics", [&runtime] { runtime.Sessions().Start(); });
+        runtime.GeneralQueue().Post("Lifecycle", [&runtime] { runtime.GetLifecycle().Start(); });
         // Needs the application's window, which only the calling thread can reach.
-        runtime.Device().GetResolution();
+        runtime.GetDeviceContext().GetResolution();
     });
 }
 
 void Config::PauseCollectingLifecycleData() {
-    velmora::Post("Analytics", [](Runtime& runtime) { runtime.Sessions().Pause(); });
+    velmora::Post("Lifecycle", [](Runtime& runtime) { runtime.GetLifecycle().Pause(); });
 }
 
 double Config::GetLifetimeValue() {
-    return velmora::Call(0.0, [](Runtime& runtime) { return velmora::StoredLifetimeValue(runtime.Settings()); });
+    return velmora::Call(0.0, [](Runtime& runtime) { return velmora::StoredLifetimeValue(runtime.GetSettingsStore()); });
 }
 
 }  // namespace Velmora

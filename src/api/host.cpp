@@ -14,7 +14,7 @@ namespace {
 // The hit queue, made on the general queue, loads the hits an earlier run left, so that a flush
 // can start the sender for them.
 void LoadLeftHits(velmora::Runtime& runtime) {
-    runtime.GeneralQueue().Post([&runtime] { runtime.Hits(); });
+    runtime.GeneralQueue().Post([&runtime] { runtime.GetHitQueue(); });
 }
 
 }  // namespace
@@ -30,7 +30,7 @@ bool Host::Flush(std::chrono::milliseconds timeout) {
 DeliveryStats Host::Stats() {
     return velmora::Guard(DeliveryStats{}, [] {
         velmora::Runtime* runtime = velmora::Runtime::ProcessIfCreated();
-        velmora::HitQueue* hits = runtime != nullptr ? runtime->HitsIfCreated() : nullptr;
+        velmora::HitQueue* hits = runtime != nullptr ? runtime->HitQueueIfCreated() : nullptr;
         return hits != nullptr ? hits->Stats() : DeliveryStats{};
     });
 }

@@ -15,7 +15,7 @@ namespace {
 // the calls, where the module and its configuration are made.
 template <class Work>
 void PostToMedia(Work work) {
-    velmora::Post("Media", [work = std::move(work)](Runtime& runtime) mutable { work(runtime.Media()); });
+    velmora::Post("Media", [work = std::move(work)](Runtime& runtime) mutable { work(runtime.GetMediaModule()); });
 }
 
 // Guards the application's settings objects while Open copies one and while an opened ad's cleaned

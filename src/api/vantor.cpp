@@ -32,7 +32,7 @@ std::future<std::string> Vantor::LoadRequest(std::shared_ptr<VantorLocationReque
     std::string fallback = offer->defaultContent;
     return velmora::PostForResult<std::string>(
         std::move(fallback), [offer = std::move(*offer)](Runtime& runtime, auto completion) mutable {
-            auto& vantor = runtime.Offers();
+            auto& vantor = runtime.GetVantorClient();
             velmora::CompleteAfter(vantor.Queue(), vantor.LoadRequest(std::move(offer)), completion);
         });
 }
@@ -60,20 +60,20 @@ std::shared_ptr<VantorLocationRequest> Vantor::CreateOrderConfirmRequest(const s
 }
 
 void Vantor::ClearCookies() {
-    velmora::Post([](Runtime& runtime) { runtime.Offers().ClearCookies(); });
+    velmora::Post([](Runtime& runtime) { runtime.GetVantorClient().ClearCookies(); });
 }
 
 // The identifiers are read from storage by the first load; before the module exists there is none.
 std::string Vantor::GetPcId() {
     return velmora::Call(std::string(), [](Runtime& runtime) {
-        auto* vantor = runtime.OffersIfCreated();
+        auto* vantor = runtime.VantorClientIfCreated();
         return vantor != nullptr ? vantor->GetPcId() : std::string();
     });
 }
 
 std::string Vantor::GetSessionId() {
     return velmora::Call(std::string(), [](Runtime& runtime) {
-        auto* vantor = runtime.OffersIfCreated();
+        auto* vantor = runtime.VantorClientIfCreated();
         return vantor != nullptr ? vantor->GetSessionId() : std::string();
     });
 }

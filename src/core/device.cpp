@@ -311,6 +311,6 @@ void DeviceContext::SetVisitorId(const std::string& identifier) {
 
 std::string DeviceContext::LanguageTag() const { return velmora::LanguageTag(host_); }
 
-bool DeviceContext::InternetAvailable() const { return velmora::InternetAvailable(host_); }
+bool DeviceContext::InternetAvailable() const { return velmora::InternetAvailable(host_, log_); }
 
 }  // namespace velmora

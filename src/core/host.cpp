@@ -3,6 +3,7 @@
 #include "core/network.h"
 
 #include <cstdlib>
+#include <exception>
 #include <sstream>
 #include <unistd.h>
 
@@ -66,15 +67,19 @@ std::string LanguageTag(const HostOptions& options) {
     return "en-US";
 }
 
-bool InternetAvailable(const HostOptions& options) {
+bool InternetAvailable(const HostOptions& options, const Logger& log) {
+    // A failing check must not hold the hits back for good.
     try {
         if (options.internetAvailable) return options.internetAvailable();
         // Never destroyed: a sender may still ask while static destructors run at exit.
         static auto* const routes = new RouteMonitor();
         return routes->RouteOffHost();
+    } catch (const std::exception& e) {
+        log.Error("Analytics - Unable to check the network connection (%s), assuming it is up", e.what());
     } catch (...) {
-        return true;  // a failing check must not hold the hits back for good
+        log.Error("Analytics - Unable to check the network connection (unknown), assuming it is up");
     }
+    return true;
 }
 
 }  // namespace velmora

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/log.h"
+
 #include <velmora/Host.h>
 
 #include <string>
@@ -18,7 +20,8 @@ std::string LanguageTag(const HostOptions& options);
 std::string LanguageTagFromLocale(const char* locale);
 
 // The connection-profile check: the host's callback, else whether the kernel has a route off the
-// host (RouteMonitor, one for the process). Cheap enough to ask before every send; never throws.
-bool InternetAvailable(const HostOptions& options);
+// host (RouteMonitor, one for the process). Cheap enough to ask before every send; never throws:
+// a check that fails is logged and counts as a connection.
+bool InternetAvailable(const HostOptions& options, const Logger& log);
 
 }  // namespace velmora

@@ -113,109 +113,109 @@ void Runtime::EnsureLocalDirectory() {
     });
 }
 
-SettingsStore& Runtime::Settings() {
+SettingsStore& Runtime::GetSettingsStore() {
     return settings_.Get([this] {
         EnsureLocalDirectory();
         return std::make_unique<SettingsStore>(host_.localDirectory, log_);
     });
 }
 
-FileStore& Runtime::Files() {
+FileStore& Runtime::GetFileStore() {
     return files_.Get([this] {
         EnsureLocalDirectory();
         return std::make_unique<FileStore>(host_.localDirectory);
     });
 }
 
-ConfigSettings& Runtime::Config() {
-    return config_.Get([this] { return LoadConfig(host_.packageDirectory, Settings(), log_); });
+ConfigSettings& Runtime::GetConfigSettings() {
+    return config_.Get([this] { return LoadConfig(host_.packageDirectory, GetSettingsStore(), log_); });
 }
 
-ModuleGates& Runtime::Gates() {
-    return gates_.Get([this] { return std::make_unique<ModuleGates>(Config()); });
+ModuleGates& Runtime::GetModuleGates() {
+    return gates_.Get([this] { return std::make_unique<ModuleGates>(GetConfigSettings()); });
 }
 
 SerialQueue& Runtime::GeneralQueue() {
     return general_.Get([this] { return std::make_unique<SerialQueue>("Config", log_, executor_); });
 }
 
-HttpClient& Runtime::Http() {
+HttpClient& Runtime::GetHttpClient() {
     return http_.Get([this] { return std::make_unique<HttpClient>(host_.connectTo, *clock_); });
 }
 
-DeviceContext& Runtime::Device() {
+DeviceContext& Runtime::GetDeviceContext() {
     // The configuration, the settings and the HTTP client are reached only when a value needs them.
     return device_.Get([this] {
         return std::make_unique<DeviceContext>(
-            host_, [this]() -> const ConfigSettings& { return Config(); },
-            [this]() -> SettingsStore& { return Settings(); }, [this]() -> Transport& { return Http(); }, log_);
+            host_, [this]() -> const ConfigSettings& { return GetConfigSettings(); },
+            [this]() -> SettingsStore& { return GetSettingsStore(); }, [this]() -> Transport& { return GetHttpClient(); }, log_);
     });
 }
 
-HitQueue& Runtime::Hits() {
+HitQueue& Runtime::GetHitQueue() {
     return hits_.Get([this] {
-        return std::make_unique<HitQueue>(log_, *clock_, Config(), Files(), host_, Http(), Device(), executor_);
+        return std::make_unique<HitQueue>(log_, *clock_, GetConfigSettings(), GetFileStore(), host_, GetHttpClient(), GetDeviceContext(), executor_);
     });
 }
 
-AnalyticsTracker& Runtime::Tracker() {
+AnalyticsTracker& Runtime::GetAnalyticsTracker() {
     return tracker_.Get([this] {
-        return std::make_unique<AnalyticsTracker>(log_, *clock_, Config(), Gates(), GeneralQueue(), Device(), Hits(),
+        return std::make_unique<AnalyticsTracker>(log_, *clock_, GetConfigSettings(), GetModuleGates(), GeneralQueue(), GetDeviceContext(), GetHitQueue(),
                                                   executor_);
     });
 }
 
-TimedActionStore& Runtime::TimedActions() {
-    return timedActions_.Get([this] { return std::make_unique<TimedActionStore>(Files(), Tracker(), *clock_, log_); });
+TimedActionStore& Runtime::GetTimedActionStore() {
+    return timedActions_.Get([this] { return std::make_unique<TimedActionStore>(GetFileStore(), GetAnalyticsTracker(), *clock_, log_); });
 }
 
-CohortaClient& Runtime::Audience() {
+CohortaClient& Runtime::GetCohortaClient() {
     return audience_.Get([this] {
-        return std::make_unique<CohortaClient>(Config(), Gates(), Settings(), Http(), log_, executor_);
+        return std::make_unique<CohortaClient>(GetConfigSettings(), GetModuleGates(), GetSettingsStore(), GetHttpClient(), log_, executor_);
     });
 }
 
-Lifecycle& Runtime::Sessions() {
+Lifecycle& Runtime::GetLifecycle() {
     return sessions_.Get([this] {
-        return std::make_unique<Lifecycle>(Config(), Gates(), Settings(), *clock_, Device(), Tracker(), TimedActions(),
-                                           Audience(), log_);
+        return std::make_unique<Lifecycle>(GetConfigSettings(), GetModuleGates(), GetSettingsStore(), *clock_, GetDeviceContext(), GetAnalyticsTracker(), GetTimedActionStore(),
+                                           GetCohortaClient(), log_);
     });
 }
 
-LifetimeValue& Runtime::LifetimeValues() {
-    return lifetimeValue_.Get([this] { return std::make_unique<LifetimeValue>(Settings(), Tracker(), log_); });
+LifetimeValue& Runtime::GetLifetimeValue() {
+    return lifetimeValue_.Get([this] { return std::make_unique<LifetimeValue>(GetSettingsStore(), GetAnalyticsTracker(), log_); });
 }
 
-LocationTracker& Runtime::Location() {
+LocationTracker& Runtime::GetLocationTracker() {
     return location_.Get([this] {
         // The offer module is made only when a position matches a point of interest.
         auto setOfferParameter = [this](const std::string& key, const std::string& value) {
-            Offers().SetPersistentParameter(key, value);
+            GetVantorClient().SetPersistentParameter(key, value);
         };
-        return std::make_unique<LocationTracker>(Config(), Tracker(), std::move(setOfferParameter), log_);
+        return std::make_unique<LocationTracker>(GetConfigSettings(), GetAnalyticsTracker(), std::move(setOfferParameter), log_);
     });
 }
 
-MediaModule& Runtime::Media() {
+MediaModule& Runtime::GetMediaModule() {
     return media_.Get([this] {
         // The gate is asked on the general queue, so the configuration is read there on first use.
-        return std::make_unique<MediaModule>(log_, *clock_, [this] { return Gates().Analytics(); }, Tracker(),
+        return std::make_unique<MediaModule>(log_, *clock_, [this] { return GetModuleGates().Analytics(); }, GetAnalyticsTracker(),
                                              GeneralQueue());
     });
 }
 
-VantorClient& Runtime::Offers() {
+VantorClient& Runtime::GetVantorClient() {
     return offers_.Get([this] {
         // The lifecycle and lifetime-value modules are reached only when a load needs them.
-        VantorClient::Sources sources{[this] { return Sessions().GetLifecycleContextData(); },
-                                [this] { return LifetimeValues().GetLifetimeValue(); }};
-        return std::make_unique<VantorClient>(Config(), Gates(), Settings(), Http(), *clock_, log_, std::move(sources),
+        VantorClient::Sources sources{[this] { return GetLifecycle().GetLifecycleContextData(); },
+                                [this] { return GetLifetimeValue().GetLifetimeValue(); }};
+        return std::make_unique<VantorClient>(GetConfigSettings(), GetModuleGates(), GetSettingsStore(), GetHttpClient(), *clock_, log_, std::move(sources),
                                         executor_);
     });
 }
 
 void Runtime::SetPrivacyStatus(std::int32_t status) {
-    velmora::SetPrivacyStatus(Config(), status, Settings(), log_, hits_.IfCreated());
+    velmora::SetPrivacyStatus(GetConfigSettings(), status, GetSettingsStore(), log_, hits_.IfCreated());
 }
 
 template <typename Visit>

@@ -33,7 +33,8 @@ class VantorClient;
 // The composition root: the one place that knows every module. Each module is built on first use
 // with the services and modules it needs passed to its constructor; no module reaches back here.
 // Building a module may load the configuration or open the settings database, so accessors other
-// than Device() are called on library threads (the general queue), never on the application's.
+// than GetDeviceContext() are called on library threads (the general queue), never on the
+// application's.
 //
 // The process-wide instance is created by the first public call and never destroyed; tests build
 // their own on a temporary directory and destroy it, which stops every thread after running what
@@ -64,32 +65,32 @@ public:
     const Logger& Log() const { return log_; }
     Logger& Log() { return log_; }
     Clock& GetClock() { return *clock_; }
-    Executor& Workers() { return executor_; }
+    Executor& GetExecutor() { return executor_; }
 
     // Services.
-    SettingsStore& Settings();
-    FileStore& Files();
-    ConfigSettings& Config();
-    ModuleGates& Gates();
+    SettingsStore& GetSettingsStore();
+    FileStore& GetFileStore();
+    ConfigSettings& GetConfigSettings();
+    ModuleGates& GetModuleGates();
     SerialQueue& GeneralQueue();
-    HttpClient& Http();
-    DeviceContext& Device();  // cheap: safe on the application's thread
+    HttpClient& GetHttpClient();
+    DeviceContext& GetDeviceContext();  // cheap: safe on the application's thread
 
     // Modules.
-    HitQueue& Hits();
-    AnalyticsTracker& Tracker();
-    TimedActionStore& TimedActions();
-    CohortaClient& Audience();
-    Lifecycle& Sessions();
-    LifetimeValue& LifetimeValues();
-    LocationTracker& Location();
-    MediaModule& Media();
-    VantorClient& Offers();
+    HitQueue& GetHitQueue();
+    AnalyticsTracker& GetAnalyticsTracker();
+    TimedActionStore& GetTimedActionStore();
+    CohortaClient& GetCohortaClient();
+    Lifecycle& GetLifecycle();
+    LifetimeValue& GetLifetimeValue();
+    LocationTracker& GetLocationTracker();
+    MediaModule& GetMediaModule();
+    VantorClient& GetVantorClient();
     // Null until first use: for questions that need not make the module.
-    DeviceContext* DeviceIfCreated() { return device_.IfCreated(); }
-    CohortaClient* AudienceIfCreated() { return audience_.IfCreated(); }
-    VantorClient* OffersIfCreated() { return offers_.IfCreated(); }
-    HitQueue* HitsIfCreated() { return hits_.IfCreated(); }
+    DeviceContext* DeviceContextIfCreated() { return device_.IfCreated(); }
+    CohortaClient* CohortaClientIfCreated() { return audience_.IfCreated(); }
+    VantorClient* VantorClientIfCreated() { return offers_.IfCreated(); }
+    HitQueue* HitQueueIfCreated() { return hits_.IfCreated(); }
 
     // The privacy setter, run on the general queue by the public class.
     void SetPrivacyStatus(std::int32_t status);

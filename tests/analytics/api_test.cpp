@@ -44,7 +44,7 @@ protected:
                                               (offline ? R"(,"offlineEnabled":true,"batchLimit":)" + std::to_string(batch) + "}" : "}") +
                                               services + "}",
                                           options));
-        if (services.empty()) Runtime::Process().Settings().Insert(kAidKey, std::string(kAid));
+        if (services.empty()) Runtime::Process().GetSettingsStore().Insert(kAidKey, std::string(kAid));
     }
 
     ScopedEnv zone_{"TZ", "EST5EDT"};  // the hits carry the standard offset all year
@@ -95,7 +95,7 @@ TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEa
     auto& runtime = Runtime::Process();
     auto general = runtime.GeneralQueue().Submit([] { return Velmora::Analytics::GetQueueSize(); });
     ASSERT_EQ(general.wait_for(kWait), std::future_status::ready);
-    auto analytics = runtime.Tracker().Queue().Submit([] { return Velmora::Analytics::GetQueueSize(); });
+    auto analytics = runtime.GetAnalyticsTracker().Queue().Submit([] { return Velmora::Analytics::GetQueueSize(); });
     ASSERT_EQ(analytics.wait_for(kWait), std::future_status::ready);
     EXPECT_EQ(analytics.get(), 3u);
     EXPECT_EQ(Velmora::Analytics::GetTrackingIdentifierAsync().get(), kAid);
@@ -214,15 +214,15 @@ Outcome RunUnder(const char* locale) {
                     R"(","offlineEnabled":true,"ssl":false,"poi":[["near",40.7127837,-74.0059413,500.5]]}})");
     auto& runtime = *env.runtime;
     runtime.Log().SetDebugEnabled(true);
-    runtime.Settings().Insert(kAidKey, std::string(kAid));
+    runtime.GetSettingsStore().Insert(kAidKey, std::string(kAid));
     const StringMap data = TranslateContextData({{"ratio", 2.25}, {"share", 0.1f}, {"caf\xC3\xA9", 1}}, runtime.Log());
-    auto& location = runtime.Location();
+    auto& location = runtime.GetLocationTracker();
     location.TrackLocation(40.7127837, -74.0059413, 12.6, data);
     location.TrackLocation(95.25, -0.5, 1, data);  // out of bounds: a warning with numbers
-    auto& value = runtime.LifetimeValues();
+    auto& value = runtime.GetLifetimeValue();
     value.Increase(12.5f, data);
     value.Increase(0.754f, data);  // continues from the stored text
-    auto& media = runtime.Media();
+    auto& media = runtime.GetMediaModule();
     auto settings = Velmora::Media::SettingsWith("clip", 130.7, "player", "");
     settings->Milestones = "25,50";
     settings->SegmentByMilestones = true;
@@ -234,7 +234,7 @@ Outcome RunUnder(const char* locale) {
         media.Complete("clip", 130.7);
     });
     EXPECT_TRUE(runtime.Flush(kWait));
-    Outcome outcome{server.Targets(), env.log.Lines(), LookupText(runtime.Settings(), kLifetimeValueKey),
+    Outcome outcome{server.Targets(), env.log.Lines(), LookupText(runtime.GetSettingsStore(), kLifetimeValueKey),
                     std::localeconv()->decimal_point};
     for (auto& line : outcome.lines) {
         if (auto at = line.find(server.Address()); at != std::string::npos) line.replace(at, server.Address().size(), "server");

@@ -19,7 +19,7 @@ TEST(DeliveryStats, EachHitIsCountedWhereItEndsAndTheFilesBacklogIsWaitingOnceLo
     TestRuntime env(R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
                     R"(","offlineEnabled":true,"privacyDefault":"optedin"}})");
     env.local.Write(HitQueue::kFileName, R"({"Hits":[{"T":1,"H":"s1?a=1"},{"T":2,"H":"s2?a=2"}]})");
-    HitQueue& hits = env.runtime->Hits();
+    HitQueue& hits = env.runtime->GetHitQueue();
     const auto started = std::chrono::system_clock::now();
     EXPECT_FALSE(hits.Flush(std::chrono::seconds(10)));  // the first answer asks for a retry
     EXPECT_EQ(Counts(hits), std::make_tuple(0, 0, 1, 0, 2, 500));

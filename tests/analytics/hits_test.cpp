@@ -413,13 +413,24 @@ TEST_F(HitSenderTest, WithoutAConnectionNothingIsSentUntilTheOneWatchSeesItBack)
     EXPECT_TRUE(WaitUntil([&] { return restarts.load() == 1; }));
 }
 
+TEST_F(HitSenderTest, AConnectionCheckThatFailsIsLoggedAndDoesNotHoldTheHitsBack) {
+    host.internetAvailable = []() -> bool { throw std::runtime_error("no route table"); };
+    SendAll({{"s1", kNow}});
+    EXPECT_EQ(transport.Urls().size(), 1u);
+    const auto lines = capture.Lines();
+    EXPECT_NE(std::find(lines.begin(), lines.end(),
+                        "Velmora Error:Analytics - Unable to check the network connection (no route table), "
+                        "assuming it is up"),
+              lines.end());
+}
+
 // A hit built just before an opt-out reaches the queue after the opt-out has emptied it.
 TEST(HitQueueGate, AHitArrivingAfterAnOptOutIsNotQueued) {
     TestRuntime env(R"({"analytics":{"rsids":"rs","server":"127.0.0.1:9","offlineEnabled":true,"batchLimit":5}})");
-    auto& hits = env.runtime->Hits();
+    auto& hits = env.runtime->GetHitQueue();
     hits.QueueHit("s1?AQB=1&ndh=1&pageName=A&AQE=1", 1);
     ASSERT_EQ(hits.SizeAfterPendingWork().get(), 1u);
-    env.runtime->Config().privacyStatus = kPrivacyOptOut;
+    env.runtime->GetConfigSettings().privacyStatus = kPrivacyOptOut;
     hits.QueueHit("s2?AQB=1&ndh=1&pageName=B&AQE=1", 2);
     EXPECT_EQ(hits.SizeAfterPendingWork().get(), 1u);
 }

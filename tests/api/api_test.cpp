@@ -31,7 +31,7 @@ TEST_F(ConfigApi, PrivacyStatusKeepsAnInvalidValueInMemoryOnlyAndStoresTheRest) 
     Config::SetPrivacyStatus(static_cast<VelmoraPrivacyStatus>(7));
     EXPECT_EQ(static_cast<int>(Config::GetPrivacyStatusAsync().get()), 7);
     ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
-    EXPECT_EQ(t.Restart()->Config().Privacy(), kPrivacyOptOut);
+    EXPECT_EQ(t.Restart()->GetConfigSettings().Privacy(), kPrivacyOptOut);
     EXPECT_TRUE(t.log.Contains("Velmora Warning:Analytics - Cannot set privacy status to unknown when offline tracking is disabled."));
     EXPECT_TRUE(t.log.Contains("Velmora Warning:Analytics - Invalid privacy status was ignored (7)"));
     EXPECT_FALSE(Velmora::Host::Configure({}));
@@ -47,11 +47,11 @@ TEST_F(ConfigApi, IdentifierAndLifecycleCallsStoreTheirStateInTheBackground) {
     Config::CollectLifecycleData();
     ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
     EXPECT_EQ(Config::GetUserIdentifier(), "user-42");
-    EXPECT_EQ(LookupText(t.Restart()->Settings(), kVisitorIdKey), "user-42");
-    EXPECT_FALSE(LookupText(t.Restart()->Settings(), kPauseDateKey));
+    EXPECT_EQ(LookupText(t.Restart()->GetSettingsStore(), kVisitorIdKey), "user-42");
+    EXPECT_FALSE(LookupText(t.Restart()->GetSettingsStore(), kPauseDateKey));
     Config::PauseCollectingLifecycleData();
     ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
-    EXPECT_TRUE(LookupText(t.Restart()->Settings(), kPauseDateKey));
+    EXPECT_TRUE(LookupText(t.Restart()->GetSettingsStore(), kPauseDateKey));
 }
 
 // An order confirmation carries its three order values under the service's keys, over any the

@@ -102,14 +102,14 @@ TEST(SettingsStore, EveryTypeSurvivesARestartAndAnInsertMayChangeTheType) {
     const std::map<std::string, SettingValue> values{
         {"int", std::int32_t{-42}}, {"flag", true}, {"text", std::string("1426000000")}, {"empty", std::string()},
         {"map", StringMap{{"segment", "gold"}, {"x y", "ü & ="}}}, {"changed", std::string("one")}};
-    t.runtime->Settings().Insert("changed", std::int32_t{1});
-    for (const auto& [key, value] : values) t.runtime->Settings().Insert(key, value);
-    t.runtime->Settings().Insert("gone", false);
-    t.runtime->Settings().Remove("gone");
+    t.runtime->GetSettingsStore().Insert("changed", std::int32_t{1});
+    for (const auto& [key, value] : values) t.runtime->GetSettingsStore().Insert(key, value);
+    t.runtime->GetSettingsStore().Insert("gone", false);
+    t.runtime->GetSettingsStore().Remove("gone");
     t.runtime.reset();
     auto next = t.Restart();
-    for (const auto& [key, value] : values) EXPECT_EQ(next->Settings().Lookup(key), value) << key;
-    EXPECT_FALSE(next->Settings().HasKey("gone"));
+    for (const auto& [key, value] : values) EXPECT_EQ(next->GetSettingsStore().Lookup(key), value) << key;
+    EXPECT_FALSE(next->GetSettingsStore().HasKey("gone"));
 }
 
 TEST(SettingsStore, UnopenableDirectoryFallsBackToMemoryWithOneLineNamingIt) {

@@ -107,7 +107,7 @@ struct LaunchHistory : Application, ::testing::WithParamInterface<History> {
             map["a." + word.substr(0, equals)] = equals == std::string::npos ? word : word.substr(equals + 1);
         }
         map["a.OSVersion"] = "Debian GNU/Linux 12";  // the host's text, over the device's own
-        map.merge(env.runtime->Device().GetContextData());
+        map.merge(env.runtime->GetDeviceContext().GetContextData());
         return map;
     }
 };

@@ -24,9 +24,9 @@ TEST(Location, HitsCarryThePiecesAndTheFirstPointInRangeAndSoDoesTheNextOfferReq
                         R"(["zero",40.7127837,-74.0059413,0],["",40.7127837,-74.0059413,1000],["wide",40.72,-74.0059413,5000],)"
                         R"(["near",40.7127837,-74.0059413,100]]},"vantor":{"clientCode":"acme"}})", options);
     t.runtime->Log().SetDebugEnabled(true);
-    t.runtime->Settings().Insert(kAidKey, std::string("0000000000000000-0000000000000000"));
-    auto& location = t.runtime->Location();
-    auto& vantor = t.runtime->Offers();
+    t.runtime->GetSettingsStore().Insert(kAidKey, std::string("0000000000000000-0000000000000000"));
+    auto& location = t.runtime->GetLocationTracker();
+    auto& vantor = t.runtime->GetVantorClient();
     location.TrackLocation(90.000001, 0, 1, {});
     location.TrackLocation(40.7127837, -74.0059413, 12.6, {{"shop", "1"}});
     vantor.LoadRequest({"home", "", {}}).get();

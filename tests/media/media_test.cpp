@@ -146,7 +146,7 @@ TEST_P(MediaScenario, SendsTheseHitsAndLogsTheseLines) {
     const std::string config = R"({"analytics":{"rsids":"suite","server":")" + server.Address() + R"(","ssl":false}})";
     test::TestRuntime env(GetParam().analytics ? config : R"({"version":"1"})");
     env.runtime->Log().SetDebugEnabled(true);
-    auto& media = env.runtime->Media();
+    auto& media = env.runtime->GetMediaModule();
     const std::int32_t start = env.clock->NowSeconds();
     std::vector<std::string> transcript;
     std::size_t hits = 0, lines = 0;

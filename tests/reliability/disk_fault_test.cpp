@@ -24,8 +24,8 @@ TEST(DiskFaults, TheQueueAndTheTimedActionsKeepTheirChangesAndTheOldFilesAndSave
     HostOptions offline;
     offline.internetAvailable = [] { return false; };  // hits stay queued
     TestRuntime env(R"({"analytics":{"rsids":"rs","server":"127.0.0.1:9","offlineEnabled":true}})", offline);
-    auto& hits = env.runtime->Hits();
-    auto& timed = env.runtime->TimedActions();
+    auto& hits = env.runtime->GetHitQueue();
+    auto& timed = env.runtime->GetTimedActionStore();
     auto hit = [](const char* name) { return std::string("s1?AQB=1&ndh=1&pageName=") + name + "&AQE=1"; };
     hits.QueueHit(hit("A"), 1);
     hits.QueueHit(hit("B"), 2);
@@ -52,7 +52,7 @@ TEST(DiskFaults, TheQueueAndTheTimedActionsKeepTheirChangesAndTheOldFilesAndSave
     EXPECT_EQ(hits.SizeAfterPendingWork().get(), 3u);
     EXPECT_EQ(QueuedNames(env.local), (std::vector<std::string>{"A", "B", "C"}));
     timed.End("b");  // its hit is written at once
-    ASSERT_TRUE(env.runtime->Tracker().Flush(std::chrono::seconds(10)));
+    ASSERT_TRUE(env.runtime->GetAnalyticsTracker().Flush(std::chrono::seconds(10)));
     ASSERT_FALSE(timed.Exists("b"));
     EXPECT_EQ(hits.SizeAfterPendingWork().get(), 4u);
     ASSERT_EQ(QueuedNames(env.local).size(), 4u);

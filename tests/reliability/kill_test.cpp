@@ -72,7 +72,7 @@ void ExpectReloads(const TempDir& package, const TempDir& local, std::size_t hit
     options.logSink = log.Sink();
     options.internetAvailable = [] { return false; };
     Runtime runtime(options, std::make_shared<ManualClock>());
-    EXPECT_EQ(runtime.Hits().SizeAfterPendingWork().get(), hits);
+    EXPECT_EQ(runtime.GetHitQueue().SizeAfterPendingWork().get(), hits);
     runtime.Shutdown(std::chrono::seconds(10), false);
     for (const auto& line : log.Lines()) EXPECT_NE(line.rfind("Velmora Error:", 0), 0u) << line;
 }

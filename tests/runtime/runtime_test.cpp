@@ -55,7 +55,7 @@ TEST(Runtime, AnIdleProcessHoldsAtMostTwoNamedLibraryThreads) {
 // A copy of "VelmoraSettings.db" alone, taken after the end, has what was written.
 TEST(Runtime, AtTheEndTheSettingsDatabaseFileAloneHoldsTheValues) {
     velmora::test::TestRuntime t;
-    t.runtime->Settings().Insert("key", std::string("value"));
+    t.runtime->GetSettingsStore().Insert("key", std::string("value"));
     t.runtime->Shutdown(std::chrono::seconds(10), false);
     velmora::test::TempDir copy;
     std::filesystem::copy_file(t.local / velmora::SettingsStore::kFileName, copy / velmora::SettingsStore::kFileName);

@@ -38,13 +38,13 @@ struct Application : ::testing::Test {
         host.osVersion = "Debian GNU/Linux 12";  // the launch hit carries the host's text
         env.runtime = env.Restart(host);
         auto& r = *env.runtime;
-        r.Config();  // read before debug lines are on
+        r.GetConfigSettings();  // read before debug lines are on
         r.Log().SetDebugEnabled(true);
         env.log.Clear();
-        timed = std::make_unique<TimedActionStore>(r.Files(), tracker, r.GetClock(), r.Log());
-        audienceClient = std::make_unique<CohortaClient>(r.Config(), r.Gates(), r.Settings(), audience, r.Log(), r.Workers());
-        lifecycle = std::make_unique<Lifecycle>(r.Config(), r.Gates(), r.Settings(), r.GetClock(),
-                                                r.Device(), tracker, *timed, Cohorta(), r.Log());
+        timed = std::make_unique<TimedActionStore>(r.GetFileStore(), tracker, r.GetClock(), r.Log());
+        audienceClient = std::make_unique<CohortaClient>(r.GetConfigSettings(), r.GetModuleGates(), r.GetSettingsStore(), audience, r.Log(), r.GetExecutor());
+        lifecycle = std::make_unique<Lifecycle>(r.GetConfigSettings(), r.GetModuleGates(), r.GetSettingsStore(), r.GetClock(),
+                                                r.GetDeviceContext(), tracker, *timed, Cohorta(), r.Log());
     }
     // The answer to audience signals ("HOLD": none in time); destinations get a 200, and every
     // request to the refused host fails to connect.
@@ -62,7 +62,7 @@ struct Application : ::testing::Test {
         env.clock->SetMillis(seconds * 1000);
     }
     CohortaClient& Cohorta() { return *audienceClient; }
-    SettingsStore& Settings() { return env.runtime->Settings(); }
+    SettingsStore& Settings() { return env.runtime->GetSettingsStore(); }
     std::string File() const { return env.local.Read(TimedActionStore::kFileName); }
 
     FakeTransport audience;
