@@ -242,7 +242,7 @@ void BM_OfflineBacklogInFileAndLoad(benchmark::State& state) {
         state.counters["heap_in_use_MB"] = mallinfo2().uordblks / 1048576.0;
         {
             std::vector<QueuedHit> saved;
-            ParseQueueFile(runtime->GetFileStore().Read(HitQueue::kFileName), saved);
+            ParseQueueFile(runtime->GetFileStore().Read(QueueFile::kFileName), saved);
             if (saved.size() != static_cast<std::size_t>(kHits)) state.SkipWithError("the file lacks hits");
         }
         runtime.reset();  // the next process
@@ -260,7 +260,7 @@ void BM_OfflineBacklogInFileAndLoad(benchmark::State& state) {
         state.counters["in_file_after_last_call_ms"] = Millis(inFile);
         state.counters["load_ms"] = Millis(load);
         state.counters["file_MB"] =
-            static_cast<double>(std::filesystem::file_size(local.path() / HitQueue::kFileName)) / (1024.0 * 1024.0);
+            static_cast<double>(std::filesystem::file_size(local.path() / QueueFile::kFileName)) / (1024.0 * 1024.0);
         state.counters["rss_MB"] = rss;
         state.counters["peak_rss_MB"] = peakRss;
         runtime.reset();

@@ -23,6 +23,6 @@ export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/t
 run plain
 run asan
 run tsan
-echo "==> fuzz: every parser for ${FUZZ_SECONDS:-30}s"
+echo "==> fuzz: every parser for ${FUZZ_SECONDS:-20}s"
 bash scripts/fuzz.sh
 echo "All test flavours passed."

@@ -28,11 +28,6 @@ class HttpClient;
 // While a write has failed, a timer tries again every kRetryInterval.
 class HitQueue : public HitQueueControl {
 public:
-    static constexpr const char* kFileName = HitStore::kFileName;
-    static constexpr int kCooldownSeconds = HitSender::kCooldownSeconds;
-    static constexpr std::chrono::milliseconds kSaveInterval = HitStore::kSaveInterval;
-    static constexpr std::chrono::milliseconds kConnectionCheckInterval = HitSender::kConnectionCheckInterval;
-    static constexpr std::size_t kMaxUrlBytes = HitSender::kMaxUrlBytes;
     static constexpr std::chrono::milliseconds kRetryInterval{5000};
 
     HitQueue(const Logger& log, Clock& clock, const ConfigSettings& config, FileStore& files, const HostOptions& host,

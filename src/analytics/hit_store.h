@@ -26,7 +26,6 @@ namespace velmora {
 // answer is known, so a crash can make a hit be sent twice but never lose one.
 class HitStore {
 public:
-    static constexpr const char* kFileName = QueueFile::kFileName;
     static constexpr std::chrono::milliseconds kSaveInterval{100};
     static constexpr std::size_t kWindowBytes = 64 * 1024;
 

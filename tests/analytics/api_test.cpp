@@ -83,11 +83,11 @@ TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
 }
 
 TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEarlierCall) {
-    env_.local.Write(HitQueue::kFileName, R"({"Hits":[{"T":1400000000,"H":"s1?AQB=1&ndh=1&pageName=Old&AQE=1"}]})");
+    env_.local.Write(QueueFile::kFileName, R"({"Hits":[{"T":1400000000,"H":"s1?AQB=1&ndh=1&pageName=Old&AQE=1"}]})");
     Configure(true);
     Velmora::Config::SetPrivacyStatus(Velmora::VelmoraPrivacyStatus::OptOut);  // before any analytics call
     EXPECT_TRUE(Velmora::Host::Flush(kWait));
-    EXPECT_EQ(env_.local.Read(HitQueue::kFileName), R"({"Hits":[]})");
+    EXPECT_EQ(env_.local.Read(QueueFile::kFileName), R"({"Hits":[]})");
     Velmora::Config::SetPrivacyStatus(Velmora::VelmoraPrivacyStatus::Unknown);
     for (int i = 0; i < 3; ++i) Velmora::Analytics::TrackState("S" + std::to_string(i));
     EXPECT_EQ(Velmora::Analytics::GetQueueSize(), 3u);
@@ -101,7 +101,7 @@ TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEa
     EXPECT_EQ(Velmora::Analytics::GetTrackingIdentifierAsync().get(), kAid);
     Velmora::Analytics::ClearQueue();
     EXPECT_EQ(Velmora::Analytics::GetQueueSize(), 0u);
-    EXPECT_EQ(env_.local.Read(HitQueue::kFileName), R"({"Hits":[]})");
+    EXPECT_EQ(env_.local.Read(QueueFile::kFileName), R"({"Hits":[]})");
     EXPECT_EQ(server_.Count(), 0u);
 }
 
@@ -160,7 +160,7 @@ TEST_P(Consent, NoOfferOrSignalLeavesWithoutOptInAndNothingIsQueuedAfterAnOptOut
     EXPECT_EQ(Velmora::Analytics::GetQueueSize(), optOut ? 0u : 3u);
     Velmora::Host::Flush(kWait);
     EXPECT_EQ(server_.Targets(), optOut ? std::vector<std::string>{} : std::vector<std::string>{"/id"});
-    EXPECT_EQ(optOut, env_.local.Read(HitQueue::kFileName).find("pageName") == std::string::npos);
+    EXPECT_EQ(optOut, env_.local.Read(QueueFile::kFileName).find("pageName") == std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(Statuses, Consent,
@@ -173,11 +173,11 @@ INSTANTIATE_TEST_SUITE_P(Statuses, Consent,
 TEST_F(PublicAnalytics, AnOverLongHitIsRefusedAndTheHitsAfterItAreInTheFileAtOnce) {
     Configure(true);  // held: fewer than the batch limit
     Velmora::Analytics::TrackState("A");
-    Velmora::Analytics::TrackState("Long", {{"k", std::string(HitQueue::kMaxUrlBytes, 'x')}});
+    Velmora::Analytics::TrackState("Long", {{"k", std::string(HitSender::kMaxUrlBytes, 'x')}});
     Velmora::Analytics::TrackState("B");
     Velmora::Analytics::TrackState("C");
     EXPECT_EQ(Velmora::Analytics::GetQueueSize(), 3u);
-    const std::string file = env_.local.Read(HitQueue::kFileName);
+    const std::string file = env_.local.Read(QueueFile::kFileName);
     for (const char* name : {"pageName=A&", "pageName=B&", "pageName=C&"}) EXPECT_THAT(file, ::testing::HasSubstr(name));
     EXPECT_THAT(env_.log.Lines(), ::testing::Contains(::testing::HasSubstr(
                                   "Analytics - Unable to queue hit (the request URL would be ")));

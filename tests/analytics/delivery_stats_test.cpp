@@ -18,7 +18,7 @@ TEST(DeliveryStats, EachHitIsCountedWhereItEndsAndTheFilesBacklogIsWaitingOnceLo
     server.Script({500});
     TestRuntime env(R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
                     R"(","offlineEnabled":true,"privacyDefault":"optedin"}})");
-    env.local.Write(HitQueue::kFileName, R"({"Hits":[{"T":1,"H":"s1?a=1"},{"T":2,"H":"s2?a=2"}]})");
+    env.local.Write(QueueFile::kFileName, R"({"Hits":[{"T":1,"H":"s1?a=1"},{"T":2,"H":"s2?a=2"}]})");
     HitQueue& hits = env.runtime->GetHitQueue();
     const auto started = std::chrono::system_clock::now();
     EXPECT_FALSE(hits.Flush(std::chrono::seconds(10)));  // the first answer asks for a retry
@@ -34,7 +34,7 @@ TEST(DeliveryStats, EachHitIsCountedWhereItEndsAndTheFilesBacklogIsWaitingOnceLo
     EXPECT_EQ(server.Count(), 4u);
 
     env.runtime->SetPrivacyStatus(kPrivacyUnknown);  // nothing leaves while these are counted
-    hits.QueueHit("s4?k=" + std::string(HitQueue::kMaxUrlBytes, 'x'), 4);
+    hits.QueueHit("s4?k=" + std::string(HitSender::kMaxUrlBytes, 'x'), 4);
     hits.QueueHit("s5", 5);
     hits.QueueHit("s6", 6);
     EXPECT_FALSE(hits.Flush(std::chrono::seconds(10)));

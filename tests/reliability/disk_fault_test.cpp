@@ -33,7 +33,7 @@ TEST(DiskFaults, TheQueueAndTheTimedActionsKeepTheirChangesAndTheOldFilesAndSave
     timed.Start("b", {});
     ASSERT_EQ(hits.SizeAfterPendingWork().get(), 2u);
     ASSERT_TRUE(timed.Exists("b"));
-    const std::string queue = env.local.Read(HitQueue::kFileName), actions = env.local.Read(TimedActionStore::kFileName);
+    const std::string queue = env.local.Read(QueueFile::kFileName), actions = env.local.Read(TimedActionStore::kFileName);
     {
         FileSizeLimit limit(std::min(queue.size(), actions.size()));
         hits.QueueHit(hit("C"), 3);
@@ -42,7 +42,7 @@ TEST(DiskFaults, TheQueueAndTheTimedActionsKeepTheirChangesAndTheOldFilesAndSave
         EXPECT_EQ(hits.SizeAfterPendingWork().get(), 3u);
         EXPECT_TRUE(timed.Exists("c"));
     }
-    EXPECT_EQ(env.local.Read(HitQueue::kFileName), queue);
+    EXPECT_EQ(env.local.Read(QueueFile::kFileName), queue);
     EXPECT_EQ(env.local.Read(TimedActionStore::kFileName), actions);
     EXPECT_EQ(TemporaryFiles(env.local), 0u);
     EXPECT_EQ(Failures(env.log, "Velmora Error:Analytics - Unable to save hit queue ("), 1u);
@@ -57,7 +57,7 @@ TEST(DiskFaults, TheQueueAndTheTimedActionsKeepTheirChangesAndTheOldFilesAndSave
     EXPECT_EQ(hits.SizeAfterPendingWork().get(), 4u);
     ASSERT_EQ(QueuedNames(env.local).size(), 4u);
     {
-        FileSizeLimit limit(std::filesystem::file_size(env.local / HitQueue::kFileName));
+        FileSizeLimit limit(std::filesystem::file_size(env.local / QueueFile::kFileName));
         hits.QueueHit(hit("D"), 4);
         hits.QueueHit(hit("E"), 5);
         EXPECT_EQ(hits.SizeAfterPendingWork().get(), 6u);

@@ -48,7 +48,7 @@ std::vector<std::chrono::microseconds> KillMoments() {
 // The names of the whole entries after the backlog, read from the file's bytes: each entry holds
 // one "&pageName=r<round>n<index>&", and a whole one ends with '"}' before a ',' or the ']'.
 std::vector<std::string> NamesAfter(const std::string& backlog, const TempDir& local) {
-    std::ifstream file(local / HitQueue::kFileName, std::ios::binary);
+    std::ifstream file(local / QueueFile::kFileName, std::ios::binary);
     file.seekg(static_cast<std::streamoff>(backlog.size() - 2));
     const std::string tail{std::istreambuf_iterator<char>(file), {}};
     std::size_t whole = 0;
@@ -103,7 +103,7 @@ TEST(KillTest, EveryKillWhileTrackingOnALongQueueLeavesItsHitsWholeAndInOrder) {
     package.Write("VelmoraConfig.json",
                   R"({"analytics":{"rsids":"rs","server":"127.0.0.1:9","offlineEnabled":true,"batchLimit":0}})");
     const std::string backlog = Backlog();
-    local.Write(HitQueue::kFileName, backlog);
+    local.Write(QueueFile::kFileName, backlog);
     const auto delays = KillMoments();
     std::vector<std::string> committed;  // what the previous kill left after the backlog
     int killsDuringAppend = 0;
@@ -117,7 +117,7 @@ TEST(KillTest, EveryKillWhileTrackingOnALongQueueLeavesItsHitsWholeAndInOrder) {
         const auto snapshot = NamesAfter(backlog, local);  // while the child is writing
         ASSERT_TRUE(child.Kill()) << "the child ended by itself:\n" << child.ErrorOutput();
 
-        const std::string file = local.Read(HitQueue::kFileName);
+        const std::string file = local.Read(QueueFile::kFileName);
         ASSERT_EQ(file.compare(0, backlog.size() - 2, backlog, 0, backlog.size() - 2), 0) << "the backlog changed";
         const auto after = NamesAfter(backlog, local);
         ASSERT_TRUE(GapFree(after));
@@ -126,7 +126,7 @@ TEST(KillTest, EveryKillWhileTrackingOnALongQueueLeavesItsHitsWholeAndInOrder) {
         // Every child wrote its first entry before it said it was ready; none of them is lost.
         ASSERT_GT(after.size(), committed.size());
         ExpectReloads(package, local, kBacklog + after.size());
-        killsDuringAppend += local.Read(HitQueue::kFileName) != file;  // the load removed an append cut short
+        killsDuringAppend += local.Read(QueueFile::kFileName) != file;  // the load removed an append cut short
         EXPECT_EQ(TemporaryFiles(local), 0u);
         committed = after;
     }
@@ -139,7 +139,7 @@ TEST(KillTest, EveryKillWhileDeliveringALongQueueLosesNothingAndResendsAtMostThe
     TempDir package, local;
     package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
                                             R"(","offlineEnabled":true,"batchLimit":0,"privacyDefault":"optedin"}})");
-    local.Write(HitQueue::kFileName, Backlog());
+    local.Write(QueueFile::kFileName, Backlog());
     const auto delays = KillMoments();
     int delivered = 0, resent = 0;  // the backlog's hits the server got, in order; and again
     std::size_t seen = 0;
