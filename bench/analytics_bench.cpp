@@ -9,6 +9,8 @@
 
 #include "nginx.h"
 
+#include "ten_entries.h"
+
 #include <velmora/Velmora.h>
 
 #include <benchmark/benchmark.h>
@@ -61,20 +63,6 @@ private:
 };
 
 constexpr const char* kAid = "0123456789ABCDEF-0123456789ABCDEF";
-
-// Ten entries of the kinds applications send.
-Velmora::ObjectMap TenEntries() {
-    return {{"a.media.name", std::string("Episode 12: The Return")},
-            {"user.segment", std::string("gold member")},
-            {"cart.value", 19.99},
-            {"cart.items", std::int32_t{3}},
-            {"campaign", std::string("spring-sale/2024")},
-            {"logged in", true},
-            {"page.section", std::string("checkout")},
-            {"&&events", std::string("purchase,event7")},
-            {"ab.test", std::string("variant B")},
-            {"visit.number", std::int64_t{42}}};
-}
 
 std::string ConfigJson(const std::string& server, bool offline, const std::string& privacy) {
     return R"({"analytics":{"rsids":"bench-suite","server":")" + server + R"(","charset":"UTF-8","offlineEnabled":)" +

@@ -14,6 +14,8 @@
 // the same program measures an older build with LD_LIBRARY_PATH.
 #include "nginx.h"
 
+#include "ten_entries.h"
+
 #include <velmora/Velmora.h>
 
 #include <curl/curl.h>
@@ -50,19 +52,6 @@ template <typename T>
 T Median(std::vector<T> values) {
     std::sort(values.begin(), values.end());
     return values[values.size() / 2];
-}
-
-Velmora::ObjectMap TenEntries(int i) {
-    return {{"a.media.name", std::string("Episode 12: The Return")},
-            {"user.segment", std::string("gold member")},
-            {"cart.value", 19.99},
-            {"cart.items", std::int32_t{3}},
-            {"campaign", std::string("spring-sale/2024")},
-            {"logged in", true},
-            {"page.section", std::string("checkout")},
-            {"&&events", std::string("purchase,event7")},
-            {"ab.test", std::string("variant B")},
-            {"visit.number", std::int64_t{i}}};
 }
 
 void WriteConfig(const fs::path& package, const std::string& server, const char* privacy) {

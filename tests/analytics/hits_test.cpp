@@ -328,13 +328,15 @@ TEST_F(HitStoreTest, AHitIsInTheFileBeforeTheSenderGetsItAndUntilItsAnswerIsKnow
     EXPECT_EQ(Take(store), (std::vector<std::string>{"s1?a=\"q\"", "s2"}));
 }
 
-TEST_F(HitStoreTest, AHitTakenWhenTheQueueIsClearedDoesNotComeBack) {
-    store.Append("s1", 1);
-    auto taken = store.TakeFront();
+TEST_F(HitStoreTest, NeitherTheHitTakenNorTheOnesReadAheadComeBackAfterAClear) {
+    for (const char* hit : {"s1", "s2", "s3"}) store.Append(hit, 1);
+    auto taken = store.TakeFront();  // s2 and s3 are read ahead with it
     ASSERT_TRUE(taken);
     store.Clear();
     store.Return();
     EXPECT_EQ(File(), R"({"Hits":[]})");
+    store.Append("s4", 4);
+    EXPECT_EQ(Take(store), std::vector<std::string>{"s4"});
 }
 
 TEST_F(HitSenderTest, EachAnswerIsDeliveredRetriedOrDroppedByTheRules) {
