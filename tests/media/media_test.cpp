@@ -218,9 +218,10 @@ INSTANTIATE_TEST_SUITE_P(
                   "4s m_i Live complete=true length= playerName=Not_Specified timePlayed=4",
                   "4s m_s Live length=5 playerName=Not_Specified view=true",
                   "8s m_i Live complete=true length=5 playerName=Not_Specified timePlayed=4"}},
+        // A click on a stopped item is not a hit.
         Scenario{"SegmentsReportTheSegmentJustLeft",
                  {Open("Doc", 100).With(&S::Milestones, "50").With(&S::SegmentByMilestones, true), Play("Doc"), Tick(10),
-                  Stop("Doc", 10), Play("Doc", 70), Tick(5), Stop("Doc", 75), Play("Doc", 20)},
+                  Stop("Doc", 10), Click("Doc", 10), Play("Doc", 70), Tick(5), Stop("Doc", 75), Play("Doc", 20)},
                  {"0s m_s Doc segment=M:0-50 segmentNum=1 view=true",
                   "10s m_i Doc milestone=50 segment=M:0-50 segmentNum=1 segmentView=true timePlayed=10",
                   "15s m_i Doc segment=M:50-100 segmentNum=2 segmentView=true timePlayed=5"}},
