@@ -6,8 +6,11 @@
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <deque>
 #include <functional>
@@ -276,6 +279,33 @@ TEST_F(HitStoreTest, ALongDeliveredPrefixLeavesTheFileAndTheQueueGoesOnWhereItWa
     EXPECT_GT(queued, 1200u);
     EXPECT_LT(queued, 1300u);
     EXPECT_EQ(unindexed.TakeFront()->hit, "s" + std::to_string(2500 - queued) + body);
+}
+
+// A daemon usually starts with its standard input closed: the queue file then gets descriptor 0,
+// which must be used, and closed, like any other.
+TEST_F(HitStoreTest, ADaemonWithoutStandardInputKeepsItsQueueOnDescriptorZeroAndClosesIt) {
+    const auto openDescriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+    };
+    for (const char* hit : {"s1", "s2", "s3"}) store.Append(hit, 1);
+    const int input = ::dup(0);
+    ASSERT_GE(input, 0);
+    ::close(0);
+    const auto before = openDescriptors();
+    bool onZero = false;
+    std::vector<std::string> hits;
+    {
+        HitStore next(log, files);
+        next.Load();
+        onZero = ::fcntl(0, F_GETFD) >= 0;
+        hits = Take(next);
+    }
+    const auto after = openDescriptors();
+    ::dup2(input, 0);
+    ::close(input);
+    EXPECT_TRUE(onZero);
+    EXPECT_EQ(after, before);
+    EXPECT_EQ(hits, (std::vector<std::string>{"s1", "s2", "s3"}));
 }
 
 // The record vouches for the entries before the head and the last one, not for those between: one
