@@ -167,6 +167,13 @@ TEST(FileStore, ReadingAFileRemovesTheTemporariesOfProcessesThatAreGone) {
     for (const auto& [name, removed] : cases) dir.Write(name, "partial");
     EXPECT_EQ(files.Read("f.json"), "kept");
     for (const auto& [name, removed] : cases) EXPECT_EQ(std::filesystem::exists(dir / name), !removed) << name;
+    std::filesystem::create_directory(dir / "d.json");  // opens, but every read fails
+    try {
+        files.Read("d.json");
+        ADD_FAILURE() << "a directory read as a file";
+    } catch (const std::exception& e) {
+        EXPECT_EQ(std::string(e.what()), "Cannot read " + (dir / "d.json").string() + ": Is a directory");
+    }
 }
 
 struct Queues : ::testing::Test {
