@@ -56,7 +56,8 @@ const ConfigCase kConfigCases[] = {
     {"stored status wins", R"({"analytics":{"privacyDefault":"optedin"}})", 2, "1.0 p2 lt300 UTF-8 vt0", nullptr},
     {"stored out of range kept", R"({"analytics":{}})", 7, "1.0 p7 lt300 UTF-8 vt0", nullptr},
     {"only well-formed points, unknown with offline", R"({"analytics":{"privacyDefault":"optunknown","offlineEnabled":true,
-        "poi":[["a",40.7,-111.9,150],["b",1,2],[3,1,2,3],["c",1,2,3,4],["d",1.5,2.5,0],"x"]}})", 0,
+        "poi":[["a",40.7,-111.9,150],["b",1,2],[3,1,2,3],["e","1",2,3],["f",1,"2",3],["g",1,2,"3"],["c",1,2,3,4],
+        ["d",1.5,2.5,0],"x"]}})", 0,
      "1.0 p3 lt300 UTF-8 vt0 a@40.7,-111.9/150 d@1.5,2.5/0", nullptr},
 };
 
@@ -221,21 +222,27 @@ TEST_F(Queues, LogThrowingClosuresAndDropLatePosts) {
 }
 
 // Queues that wait on a slow server or on each other must not hold up the rest: a queue with work
-// gets a worker even while every kept worker is busy.
-TEST_F(Queues, GetAnotherWorkerWhileTheKeptOnesAreBusy) {
+// gets a worker even while every kept worker is busy, up to the limit.
+TEST_F(Queues, GetAnotherWorkerWhileTheKeptOnesAreBusyUpToTheLimit) {
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
+    std::atomic<std::size_t> started{0};
     std::vector<std::unique_ptr<SerialQueue>> blocked;
-    for (std::size_t i = 0; i < Executor::kKeptWorkers; ++i) {
+    for (std::size_t i = 0; i < Executor::kMaxWorkers; ++i) {
         blocked.push_back(std::make_unique<SerialQueue>("Blocked", log, executor));
-        blocked.back()->Post([released] { released.wait(); });
+        blocked.back()->Post([&started, released] {
+            ++started;
+            released.wait();
+        });
     }
-    SerialQueue free("Free", log, executor);
-    auto ran = free.Submit([] { return true; });
-    const bool ranWhileBlocked = ran.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    const bool eachGotAWorker = test::WaitUntil([&] { return started == Executor::kMaxWorkers; });
+    SerialQueue beyond("Beyond", log, executor);
+    auto ran = beyond.Submit([] { return true; });
+    const std::size_t workers = executor.Workers();
     release.set_value();
-    EXPECT_TRUE(ranWhileBlocked);
-    EXPECT_GT(executor.Workers(), Executor::kKeptWorkers);
+    EXPECT_TRUE(eachGotAWorker);
+    EXPECT_EQ(workers, Executor::kMaxWorkers) << "no worker past the limit";
+    EXPECT_EQ(ran.wait_for(std::chrono::seconds(10)), std::future_status::ready);
 }
 
 // Each maximal ill-formed part becomes one U+FFFD; what is valid stays as it is.
