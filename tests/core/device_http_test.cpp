@@ -204,6 +204,7 @@ TEST_F(Device, ApplicationComesFromTheHostOrTheManifestReadOnce) {
          "No DisplayName element found"},
         {"", "Host", "7.2.9.4", "Host|7.2.4|9|Host 7.2.4 (9)", ""},
         {manifest("2.1.5.3", "App"), "Host", "7.x.9", "Host|7.0.0|9|Host 7.0.0 (9)", ""},
+        {"", "Host", "7.2.9b.4", "Host|7.2.4|0|Host 7.2.4 (0)", ""},  // a part with trailing text counts as 0
         {manifest("2.1.5.3", "App"), "Host", "", "Host|2.1.3|5|Host 2.1.3 (5)", ""},
         {manifest("2.1.5.3", "App"), "", "7.2", "App|7.2.0|0|App 7.2.0 (0)", ""},
         {"", "", "7.2.9.4", "Unknown|7.2.4|9|Unknown 7.2.4 (9)", "File was not found"}};
