@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets with clang and runs each for a bounded time (default 20 s).
+# Builds the libFuzzer targets with clang and runs each for a bounded time (default 15 s).
 # Fails on any crash, leak or sanitizer finding; findings are written to build/fuzz/findings/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-seconds="${FUZZ_SECONDS:-20}"
+seconds="${FUZZ_SECONDS:-15}"
 
 bash scripts/build.sh fuzz
 mkdir -p build/fuzz/findings
