@@ -60,7 +60,8 @@ void HitQueue::Append(std::string hit, std::int32_t timestamp) {
     if (baseUrlBytes_ + hit.size() > HitSender::kMaxUrlBytes) {
         store_.Withdraw();
         const std::string reason = "the request URL would be " + std::to_string(baseUrlBytes_ + hit.size()) +
-                                   " bytes, more than the " + std::to_string(HitSender::kMaxUrlBytes) + " a server accepts";
+                                   " bytes, more than the " + std::to_string(HitSender::kMaxUrlBytes) +
+                                   " a server accepts";
         log_.Error("Analytics - Unable to queue hit (%s)", reason.c_str());
         store_.Stats().Refused("Analytics - Unable to queue hit (" + reason + ")");
         return;

@@ -20,9 +20,9 @@ namespace velmora {
 
 // The one sender: a thread, made by the first start and gone after kIdleLinger without one, that
 // sends the store's hits one at a time in order until the store is empty, the privacy status is
-// not opt-in or there is no connection. A retry waits out a cooldown on the injected clock, which only the end of sending
-// cuts short; a lost connection is watched for on the clock's timer, and `restart` is called when
-// it is back.
+// not opt-in or there is no connection. A retry waits out a cooldown on the injected clock, which
+// only the end of sending cuts short; a lost connection is watched for on the clock's timer, and
+// `restart` is called when it is back.
 class HitSender {
 public:
     enum class Outcome { kDelivered, kRetryLater, kDrop };

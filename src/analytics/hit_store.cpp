@@ -96,10 +96,9 @@ void HitStore::Return() {
     Recount();
 }
 
-bool HitStore::Save() {
+void HitStore::Save() {
     MutexLock lock(mutex_);
-    const bool saved = SaveLocked();
-    if (saved && !taken_ && file_.Count() == 0 && file_.HasDelivered()) {
+    if (SaveLocked() && !taken_ && file_.Count() == 0 && file_.HasDelivered()) {
         try {
             file_.Reset({});
             window_.clear();
@@ -108,7 +107,6 @@ bool HitStore::Save() {
         }
     }
     Recount();
-    return saved;
 }
 
 bool HitStore::Unsaved() const {

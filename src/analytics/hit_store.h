@@ -50,8 +50,8 @@ public:
     void Return() EXCLUDES(mutex_);
 
     std::size_t Size() const { return size_.load(); }  // never waits for a write
-    // Writes what waits; an empty queue gets an empty file. True when nothing is left unsaved.
-    bool Save() EXCLUDES(mutex_);
+    // Writes what waits; an empty queue gets an empty file. Unsaved() tells whether anything is left.
+    void Save() EXCLUDES(mutex_);
     bool Unsaved() const EXCLUDES(mutex_);
     // The end of the process: Save, then wait for the disk.
     void Close() EXCLUDES(mutex_);

@@ -148,7 +148,8 @@ DeviceContext& Runtime::GetDeviceContext() {
     return device_.Get([this] {
         return std::make_unique<DeviceContext>(
             host_, [this]() -> const ConfigSettings& { return GetConfigSettings(); },
-            [this]() -> SettingsStore& { return GetSettingsStore(); }, [this]() -> Transport& { return GetHttpClient(); }, log_);
+            [this]() -> SettingsStore& { return GetSettingsStore(); },
+            [this]() -> Transport& { return GetHttpClient(); }, log_);
     });
 }
 
