@@ -127,13 +127,22 @@ TEST_F(Http, AStatusRequestWithoutAnAnswerInTimeComesBackAs408WithItsLine) {
 TEST_F(Http, HeadersGoOutVerbatimAndResponseCookiesComeBackFromEveryHop) {
     auto moved = Request(server.Url("/moved"));
     moved->SetHeader("X-Unchecked", "a,,b;; (c) \"d");
+    moved->SetCookie("sent", "1");
     EXPECT_EQ(moved->GetStatusCode(), 200);
     EXPECT_EQ(moved->ResponseCookies(), (StringMap{{"final", "yes"}, {"hop", "first"}}));
     EXPECT_EQ(server.Requests()[0].Header("X-Unchecked"), "a,,b;; (c) \"d");
+    EXPECT_EQ(server.Requests()[0].Header("Cookie"), "sent=1");
     HttpRequest remove;
     remove.method = "DELETE";
     remove.url = server.Url("/");
     EXPECT_EQ(http.Send(remove).status, 404) << "the server has no DELETE";
+    // The pooled handle carries nothing of the requests before into the next one.
+    HttpRequest plain;
+    plain.url = server.Url("/plain");
+    EXPECT_EQ(http.Send(plain).status, 200);
+    EXPECT_EQ(server.Requests().back().path, "/plain");
+    EXPECT_EQ(server.Requests().back().Header("Cookie"), "");
+    EXPECT_EQ(server.Requests().back().Header("X-Unchecked"), "");
 }
 
 const std::regex kAidForm("^[0-7][0-9A-F]{15}-[0-3][0-9A-F]{15}$");
