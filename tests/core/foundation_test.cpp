@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <future>
 #include <sched.h>
+#include <sqlite3.h>
 #include <sstream>
 #include <sys/wait.h>
 #include <thread>
@@ -117,14 +118,23 @@ TEST(SettingsStore, EveryTypeSurvivesARestartAndAnInsertMayChangeTheType) {
     EXPECT_FALSE(next->GetSettingsStore().HasKey("gone"));
 }
 
-TEST(SettingsStore, UnopenableDirectoryFallsBackToMemoryWithOneLineNamingIt) {
+// The line names the file and what SQLite said of it, not only the kind of failure.
+TEST(SettingsStore, AnUnusableFileFallsBackToMemoryWithOneLineNamingItAndTheCause) {
     TempDir dir;
-    LogCapture capture;
-    Logger log(capture.Sink());
-    SettingsStore store(dir / "missing" / "deeper", log);
-    EXPECT_THAT(capture.Lines(), ::testing::ElementsAre(::testing::HasSubstr((dir / "missing" / "deeper").string())));
-    store.Insert("k", true);
-    EXPECT_EQ(LookupBool(store, "k"), true);
+    sqlite3* foreign = nullptr;  // another program's database under the same name
+    sqlite3_open((dir / SettingsStore::kFileName).c_str(), &foreign);
+    sqlite3_exec(foreign, "CREATE TABLE settings (key TEXT)", nullptr, nullptr, nullptr);
+    sqlite3_close(foreign);
+    for (const auto& [directory, cause] : {std::pair{dir / "missing" / "deeper", "open: unable to open database file"},
+                                           std::pair{dir.path(), "prepare: no such column: type"}}) {
+        LogCapture capture;
+        Logger log(capture.Sink());
+        SettingsStore store(directory, log);
+        EXPECT_THAT(capture.Lines(), ::testing::ElementsAre(::testing::AllOf(::testing::HasSubstr(directory.string()),
+                                                                             ::testing::HasSubstr(cause))));
+        store.Insert("k", true);
+        EXPECT_EQ(LookupBool(store, "k"), true);
+    }
 }
 
 TEST(Logger, GatesDebugAndWarningButNeverErrorsAndHandsOverWholeLines) {
