@@ -445,7 +445,7 @@ std::uint64_t QueueFile::FinishCompaction(Compaction& job) {
     beforeHead_ = EntryPlace{};
     end_ -= shift;
     auto moved = [shift](EntryPlace place) { return EntryPlace{place.begin - shift, place.end - shift, place.hash}; };
-    last_ = count_ > 0 ? moved(last_) : EntryPlace{};
+    last_ = moved(last_);  // not empty: the job began so, and only a clear, which ended it above, empties it
     readAt_ -= shift;
     readLast_ = readCount_ > 0 ? moved(readLast_) : EntryPlace{};
     compactFrom_ = 0;
