@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -271,10 +272,17 @@ TEST_F(HitStoreTest, ALongDeliveredPrefixLeavesTheFileAndTheQueueGoesOnWhereItWa
     EXPECT_EQ(next.Size(), 1200u);
     EXPECT_EQ(next.TakeFront()->hit, "s1300" + body);
     EXPECT_EQ(store.TakeFront()->hit, "s1300" + body);
-    // Without the record, the hits delivered since the move are sent again, and none is lost.
+    // Without the record, the hits delivered since the move are sent again, none is lost, and the
+    // file, whole in this library's layout, is read in place rather than rewritten.
     std::filesystem::remove(dir / QueueFile::kIndexName);
+    const auto inode = [&] {
+        struct stat info {};
+        return ::stat((dir / QueueFile::kFileName).c_str(), &info) == 0 ? info.st_ino : 0;
+    };
+    const auto before = inode();
     HitStore unindexed(log, files);
     unindexed.Load();
+    EXPECT_EQ(inode(), before);
     const std::size_t queued = unindexed.Size();  // read before TakeFront, which takes one out of the count
     EXPECT_GT(queued, 1200u);
     EXPECT_LT(queued, 1300u);
@@ -334,6 +342,8 @@ TEST_F(HitStoreTest, AQueueFileThatCannotBeOpenedIsReported) {
     store.Load();
     EXPECT_EQ(capture.Lines(), std::vector<std::string>{"Velmora Error:Analytics - Unable to load queued hits (Cannot open " +
                                                         (dir / QueueFile::kFileName).string() + ": Is a directory)"});
+    std::vector<QueuedHit> hits;  // opened for reading only, it fails at its first read
+    EXPECT_THROW(QueueFile::ReadQueued(dir.path(), hits), std::system_error);
 }
 
 TEST_F(HitStoreTest, ADamagedFileKeepsTheWholeEntriesBeforeTheDamageAndSaysSoOnce) {
@@ -347,9 +357,9 @@ TEST_F(HitStoreTest, ADamagedFileKeepsTheWholeEntriesBeforeTheDamageAndSaysSoOnc
 TEST_F(HitStoreTest, AHitIsInTheFileBeforeTheSenderGetsItAndUntilItsAnswerIsKnown) {
     for (int i = 0; i < 3; ++i) store.Announce();
     store.Append("s0", 0);  // saved: the first change after a quiet spell
-    store.Append("s1?a=\"q\"", 1);  // a third change is on its way: a save may wait for it
     store.TakeFront();
     store.RemoveFront();
+    store.Append("s1?a=\"q\"", 1);  // a third change is on its way: a save may wait for it
     ASSERT_TRUE(store.TakeFront());
     EXPECT_EQ(Queued(), std::vector<std::string>{"s1?a=\"q\""});
     store.Append("s2", -2);
