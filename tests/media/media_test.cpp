@@ -289,15 +289,18 @@ TEST(MediaApi, OpensACopyTranslatesTrackDataAndSendsTheCostOnlyWithThePlay) {
     }
 }
 
-// Nothing opens without analytics, so nothing is written back either.
-TEST(MediaApi, WithoutAnalyticsAnAdLeavesTheApplicationsObjectAsItIs) {
+// Nothing opens without analytics, so nothing is written back either, and no call makes a hit.
+TEST(MediaApi, WithoutAnalyticsAnAdLeavesTheApplicationsObjectAsItIsAndNoCallQueuesAHit) {
     test::TestRuntime t;
     ASSERT_TRUE(t.ConfigureProcess(R"({"vantor":{"clientCode":"c"}})"));
     Velmora::Config::SetDebugLogging(true);
     auto settings = Velmora::Media::AdSettingsWith("Spot", 15, "Ads", "Mo\nvie", "pod", 1, "3");
     Velmora::Media::Open(settings);
+    Velmora::Analytics::TrackState("state");
+    Velmora::Analytics::TrackAction("action");
     Velmora::Host::Flush(std::chrono::seconds(30));
     EXPECT_EQ(settings->ParentName, "Mo\nvie");
+    EXPECT_EQ(Velmora::Analytics::GetQueueSize(), 0u);
     EXPECT_TRUE(t.log.Contains("Velmora Warning:Analytics - Your config file is not set up to use Analytics"));
 }
 
