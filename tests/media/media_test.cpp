@@ -55,6 +55,7 @@ TEST(MediaSegments, FollowThePositionAndTheFlags) {
         {100, "50", "10", true, true, 20, "M:0-50", 1, false, 20},  // the percentage wins
         {100, "25,50", "", true, false, 150, "M:50-100", 3, true, 150},
         {100, "", "10", false, true, -5, "O:0-10", 1, false, 5},  // negative: where the clock says
+        {100, "", "3", false, true, 0, "O:0-3", 1, false, 0},     // zero: a position like any other
         {-1, "25", "", true, false, 50, "", 0, false, 50},          // no percentage without a length
         {100, "25", "10", true, true, std::nan(""), "", 0, false, 0},
     };
