@@ -311,6 +311,29 @@ std::string Mistakes() {
     return out;
 }
 
+// A daemon usually starts with its standard input closed: descriptor 0 is then the monitor's socket,
+// or the query socket of a table read, and is used and closed like any other.
+TEST(RouteMonitor, ADaemonWithoutStandardInputUsesAndClosesDescriptorZero) {
+    const auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const int input = ::dup(0);
+    ASSERT_GE(input, 0);
+    ::close(0);
+    const auto before = descriptors();
+    std::size_t reads = 0;
+    std::vector<long> after;
+    for (bool watch : {true, false}) {
+        RouteMonitor monitor(watch);
+        for (int i = 0; i < 3; ++i) monitor.RouteOffHost();
+        if (watch) reads = monitor.TableReads();
+        after.push_back(descriptors());
+    }
+    after.push_back(descriptors());
+    ::dup2(input, 0);
+    ::close(input);
+    EXPECT_LT(reads, 3u) << "the socket on descriptor 0 went unused";  // one change may come meanwhile
+    EXPECT_EQ(after, (std::vector<long>{before + 1, before, before}));
+}
+
 TEST(RouteMonitor, AnswersWhetherADefaultRouteLeavesTheHostAndReadsTheTablesOnlyAfterAChange) {
     if (std::system("unshare --net ip link add v0 type veth peer name v1 >/dev/null 2>&1") != 0) {
         GTEST_SKIP() << "no network namespace can be made here with a veth pair (needs CAP_SYS_ADMIN, iproute2 and veth)";
