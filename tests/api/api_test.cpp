@@ -6,6 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <mutex>
+#include <thread>
+
 namespace velmora {
 namespace {
 
@@ -52,6 +56,33 @@ TEST_F(ConfigApi, IdentifierAndLifecycleCallsStoreTheirStateInTheBackground) {
     Config::PauseCollectingLifecycleData();
     ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(10)));
     EXPECT_TRUE(LookupText(t.Restart()->GetSettingsStore(), kPauseDateKey));
+}
+
+// A toolkit's window is reachable from its own thread only: the size is asked for once, on the
+// thread of the first call that needs it.
+TEST(HostApi, TheWindowSizeIsAskedForOnTheThreadOfTheFirstCallThatNeedsIt) {
+    using Velmora::Analytics;
+    const std::function<void()> firstCalls[] = {
+        [] { Config::CollectLifecycleData(); }, [] { Analytics::TrackState("s"); },
+        [] { Analytics::TrackAction("a"); }, [] { Analytics::TrackLocation(1, 2, 3); },
+        [] { Analytics::TrackLifetimeValueIncrease(1); }, [] { Analytics::TrackTimedActionEnd("t"); }};
+    for (const auto& call : firstCalls) {
+        test::TestRuntime process;
+        std::mutex mutex;
+        std::vector<std::thread::id> askedOn;
+        HostOptions options;
+        options.windowSize = [&]() -> std::optional<std::pair<double, double>> {
+            std::lock_guard lock(mutex);
+            askedOn.push_back(std::this_thread::get_id());
+            return std::nullopt;
+        };
+        ASSERT_TRUE(process.ConfigureProcess(R"({"analytics":{"rsids":"r","server":"s","offlineEnabled":true,"privacyDefault":"optunknown"}})", options));
+        call();
+        call();
+        Velmora::Host::Flush(std::chrono::seconds(10));
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(askedOn, std::vector<std::thread::id>{std::this_thread::get_id()}) << &call - firstCalls;
+    }
 }
 
 // An order confirmation carries its three order values under the service's keys, over any the
