@@ -292,25 +292,22 @@ TEST_F(HitStoreTest, ALongDeliveredPrefixLeavesTheFileAndTheQueueGoesOnWhereItWa
 // A daemon usually starts with its standard input closed: the queue file then gets descriptor 0,
 // which must be used, and closed, like any other.
 TEST_F(HitStoreTest, ADaemonWithoutStandardInputKeepsItsQueueOnDescriptorZeroAndClosesIt) {
-    const auto openDescriptors = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
-    };
     for (const char* hit : {"s1", "s2", "s3"}) store.Append(hit, 1);
-    const int input = ::dup(0);
-    ASSERT_GE(input, 0);
-    ::close(0);
-    const auto before = openDescriptors();
     bool onZero = false;
     std::vector<std::string> hits;
+    long before = 0, after = 0;
     {
-        HitStore next(log, files);
-        next.Load();
-        onZero = ::fcntl(0, F_GETFD) >= 0;
-        hits = Take(next);
+        test::WithoutStandardInput daemon;
+        ASSERT_TRUE(daemon.Ready());
+        before = test::OpenDescriptors();
+        {
+            HitStore next(log, files);
+            next.Load();
+            onZero = ::fcntl(0, F_GETFD) >= 0;
+            hits = Take(next);
+        }
+        after = test::OpenDescriptors();
     }
-    const auto after = openDescriptors();
-    ::dup2(input, 0);
-    ::close(input);
     EXPECT_TRUE(onZero);
     EXPECT_EQ(after, before);
     EXPECT_EQ(hits, (std::vector<std::string>{"s1", "s2", "s3"}));

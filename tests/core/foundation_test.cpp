@@ -314,22 +314,21 @@ std::string Mistakes() {
 // A daemon usually starts with its standard input closed: descriptor 0 is then the monitor's socket,
 // or the query socket of a table read, and is used and closed like any other.
 TEST(RouteMonitor, ADaemonWithoutStandardInputUsesAndClosesDescriptorZero) {
-    const auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
-    const int input = ::dup(0);
-    ASSERT_GE(input, 0);
-    ::close(0);
-    const auto before = descriptors();
     std::size_t reads = 0;
+    long before = 0;
     std::vector<long> after;
-    for (bool watch : {true, false}) {
-        RouteMonitor monitor(watch);
-        for (int i = 0; i < 3; ++i) monitor.RouteOffHost();
-        if (watch) reads = monitor.TableReads();
-        after.push_back(descriptors());
+    {
+        test::WithoutStandardInput daemon;
+        ASSERT_TRUE(daemon.Ready());
+        before = test::OpenDescriptors();
+        for (bool watch : {true, false}) {
+            RouteMonitor monitor(watch);
+            for (int i = 0; i < 3; ++i) monitor.RouteOffHost();
+            if (watch) reads = monitor.TableReads();
+            after.push_back(test::OpenDescriptors());
+        }
+        after.push_back(test::OpenDescriptors());
     }
-    after.push_back(descriptors());
-    ::dup2(input, 0);
-    ::close(input);
     EXPECT_LT(reads, 3u) << "the socket on descriptor 0 went unused";  // one change may come meanwhile
     EXPECT_EQ(after, (std::vector<long>{before + 1, before, before}));
 }

@@ -110,6 +110,25 @@ private:
     rlimit saved_{};
 };
 
+// As a daemon starts: standard input closed, so that the next descriptor opened is 0. Restored at
+// the end of the scope.
+class WithoutStandardInput {
+public:
+    WithoutStandardInput() : input_(::dup(0)) { ::close(0); }
+    ~WithoutStandardInput() {
+        ::dup2(input_, 0);
+        ::close(input_);
+    }
+    bool Ready() const { return input_ >= 0; }
+
+private:
+    int input_;
+};
+
+inline long OpenDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+}
+
 // Polls `condition` until it holds or `limit` of real time has passed.
 inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     for (const auto deadline = std::chrono::steady_clock::now() + limit; !condition();) {
