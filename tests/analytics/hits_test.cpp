@@ -293,23 +293,19 @@ TEST_F(HitStoreTest, ALongDeliveredPrefixLeavesTheFileAndTheQueueGoesOnWhereItWa
 // which must be used, and closed, like any other.
 TEST_F(HitStoreTest, ADaemonWithoutStandardInputKeepsItsQueueOnDescriptorZeroAndClosesIt) {
     for (const char* hit : {"s1", "s2", "s3"}) store.Append(hit, 1);
+    test::WithoutStandardInput daemon;
+    ASSERT_GE(daemon.saved, 0);
+    const auto before = test::OpenDescriptors();
     bool onZero = false;
     std::vector<std::string> hits;
-    long before = 0, after = 0;
     {
-        test::WithoutStandardInput daemon;
-        ASSERT_TRUE(daemon.Ready());
-        before = test::OpenDescriptors();
-        {
-            HitStore next(log, files);
-            next.Load();
-            onZero = ::fcntl(0, F_GETFD) >= 0;
-            hits = Take(next);
-        }
-        after = test::OpenDescriptors();
+        HitStore next(log, files);
+        next.Load();
+        onZero = ::fcntl(0, F_GETFD) >= 0;
+        hits = Take(next);
     }
     EXPECT_TRUE(onZero);
-    EXPECT_EQ(after, before);
+    EXPECT_EQ(test::OpenDescriptors(), before);
     EXPECT_EQ(hits, (std::vector<std::string>{"s1", "s2", "s3"}));
 }
 

@@ -314,21 +314,18 @@ std::string Mistakes() {
 // A daemon usually starts with its standard input closed: descriptor 0 is then the monitor's socket,
 // or the query socket of a table read, and is used and closed like any other.
 TEST(RouteMonitor, ADaemonWithoutStandardInputUsesAndClosesDescriptorZero) {
+    test::WithoutStandardInput daemon;
+    ASSERT_GE(daemon.saved, 0);
+    const auto before = test::OpenDescriptors();
     std::size_t reads = 0;
-    long before = 0;
     std::vector<long> after;
-    {
-        test::WithoutStandardInput daemon;
-        ASSERT_TRUE(daemon.Ready());
-        before = test::OpenDescriptors();
-        for (bool watch : {true, false}) {
-            RouteMonitor monitor(watch);
-            for (int i = 0; i < 3; ++i) monitor.RouteOffHost();
-            if (watch) reads = monitor.TableReads();
-            after.push_back(test::OpenDescriptors());
-        }
+    for (bool watch : {true, false}) {
+        RouteMonitor monitor(watch);
+        for (int i = 0; i < 3; ++i) monitor.RouteOffHost();
+        if (watch) reads = monitor.TableReads();
         after.push_back(test::OpenDescriptors());
     }
+    after.push_back(test::OpenDescriptors());
     EXPECT_LT(reads, 3u) << "the socket on descriptor 0 went unused";  // one change may come meanwhile
     EXPECT_EQ(after, (std::vector<long>{before + 1, before, before}));
 }

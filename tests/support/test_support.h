@@ -110,24 +110,14 @@ private:
     rlimit saved_{};
 };
 
-// As a daemon starts: standard input closed, so that the next descriptor opened is 0. Restored at
+// As a daemon starts: standard input closed, so that the next descriptor opened is 0; restored at
 // the end of the scope.
-class WithoutStandardInput {
-public:
-    WithoutStandardInput() : input_(::dup(0)) { ::close(0); }
-    ~WithoutStandardInput() {
-        ::dup2(input_, 0);
-        ::close(input_);
-    }
-    bool Ready() const { return input_ >= 0; }
-
-private:
-    int input_;
+struct WithoutStandardInput {
+    int saved = ::dup(0);
+    WithoutStandardInput() { ::close(0); }
+    ~WithoutStandardInput() { ::dup2(saved, 0), ::close(saved); }
 };
-
-inline long OpenDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
-}
+inline long OpenDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 // Polls `condition` until it holds or `limit` of real time has passed.
 inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
