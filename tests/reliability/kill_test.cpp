@@ -45,18 +45,16 @@ std::vector<std::chrono::microseconds> KillMoments() {
     return delays;
 }
 
-// The names of the whole entries after the backlog, read from the file's bytes: each entry holds
-// one "&pageName=r<round>n<index>&", and a whole one ends with '"}' before a ',' or the ']'.
+// The names of the entries after the backlog, read from the file's bytes: each entry holds one
+// "&pageName=r<round>n<index>&". The document ends at the first '"}]': an append is in it once its
+// ',' has replaced that ']', so one written beyond the ']' and not yet joined is not.
 std::vector<std::string> NamesAfter(const std::string& backlog, const TempDir& local) {
     std::ifstream file(local / QueueFile::kFileName, std::ios::binary);
-    file.seekg(static_cast<std::streamoff>(backlog.size() - 2));
+    file.seekg(static_cast<std::streamoff>(backlog.size() - 4));  // the backlog's last '"}'
     const std::string tail{std::istreambuf_iterator<char>(file), {}};
-    std::size_t whole = 0;
-    for (std::size_t at = 0; (at = tail.find("\"}", at)) != std::string::npos; at += 2) {
-        if (at + 2 < tail.size() && (tail[at + 2] == ',' || tail[at + 2] == ']')) whole = at;
-    }
+    const std::size_t end = tail.find("\"}]");
     std::vector<std::string> names;
-    for (std::size_t at = 0; (at = tail.find("&pageName=", at)) != std::string::npos && at < whole;) {
+    for (std::size_t at = 0; (at = tail.find("&pageName=", at)) != std::string::npos && at < end;) {
         at += 10;
         names.push_back(tail.substr(at, tail.find('&', at) - at));
     }
