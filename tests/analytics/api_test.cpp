@@ -150,6 +150,7 @@ class Consent : public PublicAnalytics, public ::testing::WithParamInterface<Vel
 TEST_P(Consent, NoOfferOrSignalLeavesWithoutOptInAndNothingIsQueuedAfterAnOptOut) {
     const bool optOut = GetParam() == Velmora::VelmoraPrivacyStatus::OptOut;
     Configure(true, R"(,"vantor":{"clientCode":"acme"},"cohorta":{"server":")" + server_.Address() + "\"}");
+    EXPECT_EQ(Velmora::Vantor::GetPcId() + Velmora::Vantor::GetSessionId(), "") << "none before the first load";
     Velmora::Config::SetPrivacyStatus(GetParam());
     Velmora::Config::CollectLifecycleData();
     Velmora::Analytics::TrackState("S");
