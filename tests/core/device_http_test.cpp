@@ -15,11 +15,6 @@
 #include <set>
 #include <thread>
 
-// The system's cpp-httplib is not built with ThreadSanitizer, so the synchronisation inside it is
-// invisible and the memory calls it makes between its worker threads look like races. Only calls
-// made from inside that library are ignored; our handlers running on its threads are still checked.
-extern "C" const char* __tsan_default_suppressions() { return "called_from_lib:libcpp-httplib.so\n"; }
-
 namespace velmora {
 namespace {
 
