@@ -45,7 +45,7 @@ const ConfigCase kConfigCases[] = {
     {"no file", nullptr, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to find local VelmoraConfig.json file"},
     {"unreadable", kFolder, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to load local config file (Is a directory)"},
     {"empty", "", 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to parse local config file (empty or malformed json)"},
-    {"only a version", "\xEF\xBB\xBF{\"version\":\"2.0\"}", 0, "2.0 p0 lt0  vt0", "Velmora Debug:Config - Vantor not configured"},
+    {"analytics a number", "\xEF\xBB\xBF{\"version\":\"2.0\",\"analytics\":5}", 0, "2.0 p0 lt0  vt0", "Velmora Debug:Config - Vantor not configured"},
     {"wrong types", R"({"version":3,"analytics":{"lifecycleTimeout":"30","charset":5,"privacyDefault":2},
                         "vantor":{"timeout":"9"}})", 0, "1.0 p1 lt300 UTF-8 vt2", nullptr},
     {"truncation, opted out", R"({"analytics":{"lifecycleTimeout":12.9,"privacyDefault":"optedout"},"vantor":{"timeout":-3.7}})", 0,
