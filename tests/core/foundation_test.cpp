@@ -225,10 +225,11 @@ TEST_F(Queues, LogThrowingClosuresAndDropLatePosts) {
     EXPECT_FALSE(queue.Submit([&] { return queue.Drain(std::chrono::seconds(1)); }).get()) << "it cannot wait for itself";
     queue.Shutdown();
     EXPECT_EQ(queue.Submit([] { return 5; }).get(), 0);
-    std::atomic<bool> finished{false};
+    std::atomic<bool> finished{false}, joined{false};
     executor.Run([&finished] { std::this_thread::sleep_for(std::chrono::milliseconds(20)), finished = true; });
-    executor.Shutdown();  // joins the worker under way
-    EXPECT_TRUE(finished);
+    executor.Run([&] { executor.Shutdown(), joined = finished.load(); });  // joins the other worker, lets its own go
+    EXPECT_TRUE(test::WaitUntil([&] { return executor.Workers() == 0; }));
+    EXPECT_TRUE(joined);
     EXPECT_EQ(capture.Lines(), (std::vector<std::string>{
                                    "Velmora Error:Media - Unexpected error in background work (invalid stoi argument)",
                                    "Velmora Error:Media - Unexpected error in background work (out of range)",
