@@ -10,11 +10,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-// The system's cpp-httplib is not built with ThreadSanitizer: the synchronisation inside it is
-// invisible, and its worker threads' memory calls look like races. Every test program with a loopback
-// server ignores calls made from inside that library; our handlers on its threads are still checked.
-extern "C" const char* __tsan_default_suppressions() { return "called_from_lib:libcpp-httplib.so\n"; }
-
 namespace velmora::test {
 
 int BoundSocket(int& port) {
