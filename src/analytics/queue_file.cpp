@@ -31,9 +31,9 @@ std::uint64_t FileHash(int fd, const EntryPlace& place) {
     return EntryHash(bytes.data(), bytes.size());
 }
 
-int OpenDescriptor(const std::filesystem::path& path, int flags) {
-    const int fd = ::open(path.c_str(), flags | O_CLOEXEC, 0644);
-    if (fd < 0) Fail("Cannot open", path, errno);
+Descriptor OpenDescriptor(const std::filesystem::path& path, int flags) {
+    Descriptor fd(::open(path.c_str(), flags | O_CLOEXEC, 0644));
+    if (!fd) Fail("Cannot open", path, errno);
     return fd;
 }
 
@@ -60,20 +60,14 @@ struct QueueFile::Record {
     bool Whole() const { return std::memcmp(magic, kMagic, sizeof magic) == 0 && checksum == Sum(); }
 };
 
-QueueFile::~QueueFile() {
-    Close();
-    if (index_ >= 0) ::close(index_);
-}
+QueueFile::~QueueFile() = default;
 
 QueueFile::Compaction::~Compaction() {
-    if (source >= 0) ::close(source);
-    if (target >= 0) ::close(target);
     if (!temporary.empty()) ::unlink(temporary.c_str());
 }
 
 void QueueFile::Close() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
+    fd_.reset();
     document_ = convertDue_ = false;
     head_ = end_ = readAt_ = kStart;
     count_ = readCount_ = 0;
@@ -84,9 +78,9 @@ void QueueFile::Close() {
 std::string QueueFile::Open() {
     Close();
     fd_ = files_.OpenForUpdate(kFileName);
-    inode_ = Inode(fd_, &size_);
+    inode_ = Inode(fd_.get(), &size_);
     if (size_ == 0) return {};  // a first start
-    if (index_ < 0) index_ = ::open((files_.Directory() / kIndexName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    OpenIndex();
     if (Record record; FindRecord(size_, record)) {
         head_ = readAt_ = record.head;
         beforeHead_ = readLast_ = record.beforeHead;
@@ -99,7 +93,7 @@ std::string QueueFile::Open() {
         return damage;
     }
     char start[kDocumentStart.size()];
-    if (ReadAt(fd_, start, sizeof start, 0) == sizeof start && std::string_view(start, sizeof start) == kDocumentStart) {
+    if (ReadAt(fd_.get(), start, sizeof start, 0) == sizeof start && std::string_view(start, sizeof start) == kDocumentStart) {
         std::string damage = Settle(kStart, size_, /*salvage=*/false);
         if (document_) return damage;
     }
@@ -107,10 +101,10 @@ std::string QueueFile::Open() {
 }
 
 bool QueueFile::FindRecord(std::uint64_t size, Record& found) {
-    if (index_ < 0) return false;
+    if (!index_) return false;
     Record records[2] = {};
     for (int slot = 0; slot < 2; ++slot) {
-        if (ReadAt(index_, reinterpret_cast<char*>(&records[slot]), sizeof(Record), slot * Record::kSlot) != sizeof(Record)) {
+        if (ReadAt(index_.get(), reinterpret_cast<char*>(&records[slot]), sizeof(Record), slot * Record::kSlot) != sizeof(Record)) {
             records[slot] = Record{};
         }
     }
@@ -137,13 +131,13 @@ bool QueueFile::Fits(const Record& r, std::uint64_t size) const {
     if (r.count > (r.end - r.head + 1) / 15) return false;  // an entry takes 14 bytes and a comma at least
     char start[kDocumentStart.size()];
     char atEnd = 0;
-    if (ReadAt(fd_, start, sizeof start, 0) != sizeof start || kDocumentStart != std::string_view(start, sizeof start) ||
-        ReadAt(fd_, &atEnd, 1, r.end) != 1) {
+    if (ReadAt(fd_.get(), start, sizeof start, 0) != sizeof start || kDocumentStart != std::string_view(start, sizeof start) ||
+        ReadAt(fd_.get(), &atEnd, 1, r.end) != 1) {
         return false;
     }
     // The closing ']', or the first byte of what was appended since.
     if (atEnd != ']' && atEnd != (r.end == kStart ? '{' : ',')) return false;
-    auto same = [this](const EntryPlace& e) { return e.begin == 0 || FileHash(fd_, e) == e.hash; };
+    auto same = [this](const EntryPlace& e) { return e.begin == 0 || FileHash(fd_.get(), e) == e.hash; };
     return same(r.beforeHead) && same(r.last);
 }
 
@@ -152,7 +146,7 @@ bool QueueFile::Fits(const Record& r, std::uint64_t size) const {
 // the end is made clean: "]}" and nothing after. Otherwise a file that is not clean is left for
 // Convert.
 std::string QueueFile::Settle(std::uint64_t from, std::uint64_t size, bool salvage) {
-    EntryScanner scan(fd_, from, size, /*afterEntry=*/from > kStart);
+    EntryScanner scan(fd_.get(), from, size, /*afterEntry=*/from > kStart);
     FileEntry entry;
     EntryScanner::Stop stop;
     std::uint64_t entries = 0;
@@ -163,13 +157,13 @@ std::string QueueFile::Settle(std::uint64_t from, std::uint64_t size, bool salva
     }
     char close = 0;
     const bool clean = stop == EntryScanner::Stop::kClosed && size == scan.Settled() + 2 &&
-                       ReadAt(fd_, &close, 1, scan.Settled() + 1) == 1 && close == '}';
+                       ReadAt(fd_.get(), &close, 1, scan.Settled() + 1) == 1 && close == '}';
     if (!clean && !salvage) return {};
     std::string damage = stop == EntryScanner::Stop::kClosed ? std::string() : scan.Damage(stop);
     document_ = true;
     count_ += entries;
     last_ = last;
-    if (entries > 0) last_.hash = FileHash(fd_, last_);
+    if (entries > 0) last_.hash = FileHash(fd_.get(), last_);
     end_ = scan.Settled();
     if (!clean) {
         try {
@@ -220,10 +214,9 @@ std::string QueueFile::Convert() {
     return damage;
 }
 
-void QueueFile::Adopt(int fd, std::uint64_t entries, const EntryPlace& last) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-    inode_ = Inode(fd_, &size_);
+void QueueFile::Adopt(Descriptor fd, std::uint64_t entries, const EntryPlace& last) {
+    fd_ = std::move(fd);
+    inode_ = Inode(fd_.get(), &size_);
     document_ = true;
     convertDue_ = false;
     head_ = readAt_ = kStart;
@@ -241,20 +234,20 @@ void QueueFile::Adopt(int fd, std::uint64_t entries, const EntryPlace& last) {
 // end is put back.
 void QueueFile::WriteEnd(const std::string& text) {
     try {
-        WriteAt(fd_, text.data() + 1, text.size() - 1, end_ + 1);
-        WriteAt(fd_, text.data(), 1, end_);
+        WriteAt(fd_.get(), text.data() + 1, text.size() - 1, end_ + 1);
+        WriteAt(fd_.get(), text.data(), 1, end_);
     } catch (const std::system_error& e) {
         try {
-            WriteAt(fd_, "]}", 2, end_);
+            WriteAt(fd_.get(), "]}", 2, end_);
         } catch (const std::system_error&) {
             // The next open salvages the entries before the end.
         }
-        if (::ftruncate(fd_, static_cast<off_t>(end_ + 2)) == 0) size_ = end_ + 2;
+        if (::ftruncate(fd_.get(), static_cast<off_t>(end_ + 2)) == 0) size_ = end_ + 2;
         Fail("Cannot write", files_.Directory() / kFileName, e.code().value());
     }
     const std::uint64_t size = end_ + text.size();
     // Left in place, what lies beyond the new end would be removed by the next open.
-    if (size_ > size && ::ftruncate(fd_, static_cast<off_t>(size)) != 0) return;
+    if (size_ > size && ::ftruncate(fd_.get(), static_cast<off_t>(size)) != 0) return;
     size_ = size;
 }
 
@@ -311,7 +304,7 @@ void QueueFile::DropAll() {
 
 std::string QueueFile::Read(std::size_t bytes, std::deque<FileEntry>& out) {
     if (!document_ || readAt_ >= end_) return {};
-    EntryScanner scan(fd_, readAt_, end_, /*afterEntry=*/false);
+    EntryScanner scan(fd_.get(), readAt_, end_, /*afterEntry=*/false);
     std::uint64_t lastEnd = readAt_ > kStart ? readAt_ - 1 : kStart;  // the ',' after the entry before
     for (std::size_t got = 0; got < bytes;) {
         FileEntry entry;
@@ -396,14 +389,14 @@ void QueueFile::BeginCompaction(Compaction& job) {
     job.to = end_;
     job.temporary = files_.Directory() / (std::string(kFileName) + ".tmp" + std::to_string(::getpid()) + "-c" +
                                           std::to_string(counter.fetch_add(1)));
-    job.source = ::fcntl(fd_, F_DUPFD_CLOEXEC, 0);
-    job.target = ::open(job.temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (job.source < 0 || job.target < 0) {
+    job.source.reset(::fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0));
+    job.target.reset(::open(job.temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!job.source || !job.target) {
         job.error = std::string("Cannot create ") + job.temporary.string() + ": " + std::strerror(errno);
         return;
     }
     try {
-        FileStore::WriteAll(job.target, kDocumentStart.data(), kDocumentStart.size());
+        FileStore::WriteAll(job.target.get(), kDocumentStart.data(), kDocumentStart.size());
     } catch (const std::exception& e) {
         job.error = Message(e, job.temporary);
     }
@@ -412,8 +405,8 @@ void QueueFile::BeginCompaction(Compaction& job) {
 void QueueFile::CopyQueued(Compaction& job) {
     if (!job.error.empty()) return;
     try {
-        CopyRange(job.source, job.from, job.to, job.target);
-        if (::fdatasync(job.target) != 0) throw std::system_error(errno, std::generic_category());
+        CopyRange(job.source.get(), job.from, job.to, job.target.get());
+        if (::fdatasync(job.target.get()) != 0) throw std::system_error(errno, std::generic_category());
     } catch (const std::exception& e) {
         job.error = Message(e, job.temporary);
     }
@@ -421,26 +414,24 @@ void QueueFile::CopyQueued(Compaction& job) {
 
 std::uint64_t QueueFile::FinishCompaction(Compaction& job) {
     const auto path = files_.Directory() / kFileName;
-    if (job.error.empty() && job.generation == generation_ && fd_ >= 0) {
+    if (job.error.empty() && job.generation == generation_ && fd_) {
         try {
-            CopyRange(fd_, job.to, end_, job.target);  // appended meanwhile
-            FileStore::WriteAll(job.target, "]}", 2);
-            if (::fdatasync(job.target) != 0) throw std::system_error(errno, std::generic_category());
+            CopyRange(fd_.get(), job.to, end_, job.target.get());  // appended meanwhile
+            FileStore::WriteAll(job.target.get(), "]}", 2);
+            if (::fdatasync(job.target.get()) != 0) throw std::system_error(errno, std::generic_category());
             if (::rename(job.temporary.c_str(), path.c_str()) != 0) throw std::system_error(errno, std::generic_category());
         } catch (const std::exception& e) {
             job.error = Message(e, job.temporary);
         }
     }
-    if (!job.error.empty() || job.generation != generation_ || fd_ < 0) {
+    if (!job.error.empty() || job.generation != generation_ || !fd_) {
         if (!job.error.empty()) compactFrom_ = head_ + kCompactBytes;  // not again at every delivery
         return 0;
     }
     job.temporary.clear();
     const std::uint64_t shift = head_ - kStart;
-    ::close(fd_);
-    fd_ = job.target;
-    job.target = -1;
-    inode_ = Inode(fd_, &size_);
+    fd_ = std::move(job.target);
+    inode_ = Inode(fd_.get(), &size_);
     head_ = kStart;
     beforeHead_ = EntryPlace{};
     end_ -= shift;
@@ -455,16 +446,20 @@ std::uint64_t QueueFile::FinishCompaction(Compaction& job) {
 }
 
 void QueueFile::Sync() {
-    if (fd_ < 0) return;
-    if (::fdatasync(fd_) != 0) Fail("Cannot sync", files_.Directory() / kFileName, errno);
+    if (!fd_) return;
+    if (::fdatasync(fd_.get()) != 0) Fail("Cannot sync", files_.Directory() / kFileName, errno);
     WriteIndex();
-    if (index_ >= 0) ::fdatasync(index_);
+    if (index_.get()) ::fdatasync(index_.get());
+}
+
+// Without the record, the next open reads the whole file.
+bool QueueFile::OpenIndex() {
+    if (!index_) index_.reset(::open((files_.Directory() / kIndexName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    return static_cast<bool>(index_);
 }
 
 void QueueFile::WriteIndex() {
-    if (!document_ || fd_ < 0) return;
-    if (index_ < 0) index_ = ::open((files_.Directory() / kIndexName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (index_ < 0) return;
+    if (!document_ || !fd_ || !OpenIndex()) return;
     Record r{};
     std::memcpy(r.magic, Record::kMagic, sizeof r.magic);
     r.sequence = ++sequence_;
@@ -477,7 +472,7 @@ void QueueFile::WriteIndex() {
     r.checksum = r.Sum();
     // The record saves time only: a failed write leaves an older one, which fits no longer or
     // points further back.
-    if (::pwrite(index_, &r, sizeof r, static_cast<off_t>(r.sequence % 2) * Record::kSlot) == sizeof r) indexedEnd_ = end_;
+    if (::pwrite(index_.get(), &r, sizeof r, static_cast<off_t>(r.sequence % 2) * Record::kSlot) == sizeof r) indexedEnd_ = end_;
 }
 
 void QueueFile::ReadQueued(const std::filesystem::path& directory, std::vector<QueuedHit>& hits) {
@@ -498,27 +493,27 @@ void QueueFile::ReadQueued(const std::filesystem::path& directory, std::vector<Q
 
 void QueueFile::ReadOnce(std::vector<QueuedHit>& hits) {
     const auto path = files_.Directory() / kFileName;
-    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd_ < 0 && errno == ENOENT) return;
-    if (fd_ < 0) Fail("Cannot open", path, errno);
+    fd_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd_ && errno == ENOENT) return;
+    if (!fd_) Fail("Cannot open", path, errno);
     std::uint64_t size = 0;
-    inode_ = Inode(fd_, &size);
-    index_ = ::open((files_.Directory() / kIndexName).c_str(), O_RDONLY | O_CLOEXEC);
+    inode_ = Inode(fd_.get(), &size);
+    index_.reset(::open((files_.Directory() / kIndexName).c_str(), O_RDONLY | O_CLOEXEC));
     Record record;
     const bool indexed = FindRecord(size, record);
     char start[kDocumentStart.size()];
     const std::size_t before = hits.size();
-    if (indexed || (ReadAt(fd_, start, sizeof start, 0) == sizeof start && std::string_view(start, sizeof start) == kDocumentStart)) {
+    if (indexed || (ReadAt(fd_.get(), start, sizeof start, 0) == sizeof start && std::string_view(start, sizeof start) == kDocumentStart)) {
         const std::uint64_t from = indexed ? record.head : kStart;
         // To the end of the file as it is then: another process may be appending.
-        EntryScanner scan(fd_, from, UINT64_MAX, /*afterEntry=*/indexed && from == record.end && from > kStart);
+        EntryScanner scan(fd_.get(), from, UINT64_MAX, /*afterEntry=*/indexed && from == record.end && from > kStart);
         FileEntry entry;
         EntryScanner::Stop stop;
         while ((stop = scan.Next(entry, /*decode=*/true)) == EntryScanner::Stop::kEntry) hits.push_back(std::move(entry.hit));
         char tail[3];
         const bool closed = stop == EntryScanner::Stop::kClosed;
         // What follows the ']' of this library's file is an append under way.
-        if (closed && (indexed || (ReadAt(fd_, tail, sizeof tail, scan.Settled()) == 2 && tail[1] == '}'))) return;
+        if (closed && (indexed || (ReadAt(fd_.get(), tail, sizeof tail, scan.Settled()) == 2 && tail[1] == '}'))) return;
         if (indexed) throw std::runtime_error(scan.Damage(stop));
         hits.resize(before);
     }

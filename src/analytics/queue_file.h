@@ -71,7 +71,7 @@ public:
     // the lock: Begin and Finish run under it, all three on the thread that calls Advance.
     struct Compaction {
         std::uint64_t generation = 0, from = 0, to = 0;  // the part copied without the lock
-        int source = -1, target = -1;
+        Descriptor source, target;
         std::filesystem::path temporary;
         std::string error;
         ~Compaction();
@@ -98,15 +98,16 @@ private:
     bool Fits(const Record& record, std::uint64_t size) const;
     std::string Settle(std::uint64_t from, std::uint64_t size, bool salvage);
     std::string Convert();
-    void Adopt(int fd, std::uint64_t entries, const EntryPlace& last);
+    void Adopt(Descriptor fd, std::uint64_t entries, const EntryPlace& last);
     void Close();
     void ReadOnce(std::vector<QueuedHit>& hits);
     void WriteEnd(const std::string& text);
+    bool OpenIndex();
     void WriteIndex();
 
     FileStore& files_;
-    int fd_ = -1;
-    int index_ = -1;
+    Descriptor fd_;
+    Descriptor index_;
     std::uint64_t inode_ = 0;
     std::uint64_t size_ = 0;       // of the file as last written
     bool document_ = false;        // a document in this layout to append to

@@ -1,5 +1,7 @@
 #include "core/config.h"
 
+#include "core/descriptor.h"
+
 #include <cerrno>
 #include <cmath>
 #include <fcntl.h>
@@ -73,27 +75,23 @@ void ReadAnalytics(const Json& section, ConfigSettings& config, SettingsStore& s
 // The whole file, or nothing when there is none. Any other failure (a directory of that name, a
 // read error) throws with the system's message.
 std::optional<std::string> ReadWholeFile(const std::filesystem::path& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
         if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
         throw std::system_error(errno, std::generic_category());
     }
     std::string text;
     char buffer[16384];
     for (;;) {
-        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
         if (n > 0) {
             text.append(buffer, static_cast<std::size_t>(n));
         } else if (n == 0) {
-            break;
+            return text;
         } else if (errno != EINTR) {
-            const int error = errno;
-            ::close(fd);
-            throw std::system_error(error, std::generic_category());
+            throw std::system_error(errno, std::generic_category());
         }
     }
-    ::close(fd);
-    return text;
 }
 
 std::string StripByteOrderMark(std::string text) {

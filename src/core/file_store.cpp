@@ -1,5 +1,7 @@
 #include "core/file_store.h"
 
+#include "core/descriptor.h"
+
 #include <sys/stat.h>
 
 #include <fstream>
@@ -21,19 +23,6 @@ namespace {
 [[noreturn]] void Fail(const char* what, const std::filesystem::path& path, int error) {
     throw std::runtime_error(std::string(what) + " " + path.string() + ": " + std::strerror(error));
 }
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
-    Descriptor& operator=(Descriptor&&) = delete;
-    ~Descriptor() { if (fd_ >= 0) ::close(fd_); }
-    int get() const { return fd_; }
-    int release() { int fd = fd_; fd_ = -1; return fd; }
-
-private:
-    int fd_;
-};
 
 constexpr const char* kTemporaryMarker = ".tmp";  // "<name>.tmp<pid>-<n>"
 
@@ -57,10 +46,10 @@ void RemoveAbandonedTemporaries(const std::filesystem::path& directory, const st
 Descriptor OpenOrCreate(const std::filesystem::path& directory, const std::string& name) {
     const auto path = directory / name;
     Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) {
+    if (!fd) {
         if (errno != ENOENT) Fail("Cannot open", path, errno);
         Descriptor created(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-        if (created.get() < 0) Fail("Cannot create", path, errno);
+        if (!created) Fail("Cannot create", path, errno);
     }
     RemoveAbandonedTemporaries(directory, name);
     return fd;
@@ -73,7 +62,7 @@ FileStore::FileStore(std::filesystem::path directory) : directory_(std::move(dir
 std::string FileStore::Read(const std::string& name) {
     const auto path = directory_ / name;
     Descriptor fd = OpenOrCreate(directory_, name);
-    if (fd.get() < 0) return {};
+    if (!fd) return {};
     // Read straight into a string of the file's size: a queue file of several megabytes is not
     // copied through a growing buffer. The size is a hint; a file that grows meanwhile is read whole.
     struct stat info {};
@@ -96,18 +85,18 @@ std::string FileStore::Read(const std::string& name) {
 
 std::unique_ptr<std::istream> FileStore::OpenForReading(const std::string& name) {
     const auto path = directory_ / name;
-    if (OpenOrCreate(directory_, name).get() < 0) return std::make_unique<std::istringstream>();
+    if (!OpenOrCreate(directory_, name)) return std::make_unique<std::istringstream>();
     auto stream = std::make_unique<std::ifstream>(path, std::ios::binary);
     if (!*stream) Fail("Cannot open", path, errno);
     return stream;
 }
 
-int FileStore::OpenForUpdate(const std::string& name) {
+Descriptor FileStore::OpenForUpdate(const std::string& name) {
     const auto path = directory_ / name;
     Descriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (fd.get() < 0) Fail("Cannot open", path, errno);
+    if (!fd) Fail("Cannot open", path, errno);
     RemoveAbandonedTemporaries(directory_, name);
-    return fd.release();
+    return fd;
 }
 
 void FileStore::WriteAtomic(const std::string& name, std::string_view text) {
@@ -132,9 +121,9 @@ void FileStore::Replace(const std::string& name, const std::function<void(int fd
     auto temp = path;
     temp += kTemporaryMarker + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1));
     Descriptor fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (fd.get() < 0) Fail("Cannot create", temp, errno);
+    if (!fd) Fail("Cannot create", temp, errno);
     auto discard = [&](const char* what, int error) {
-        ::close(fd.release());
+        fd.reset();
         ::unlink(temp.c_str());
         Fail(what, temp, error);
     };
@@ -143,7 +132,7 @@ void FileStore::Replace(const std::string& name, const std::function<void(int fd
     } catch (const std::system_error& e) {
         discard("Cannot write", e.code().value());
     } catch (...) {
-        ::close(fd.release());
+        fd.reset();
         ::unlink(temp.c_str());
         throw;
     }

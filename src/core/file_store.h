@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/descriptor.h"
+
 #include <filesystem>
 #include <functional>
 #include <istream>
@@ -26,8 +28,8 @@ public:
     virtual std::unique_ptr<std::istream> OpenForReading(const std::string& name);
     // A descriptor open for reading and writing, for an owner that changes its file in place; the
     // file is created empty when missing, and temporaries left by killed writers are removed, as
-    // Read does. The caller closes it.
-    virtual int OpenForUpdate(const std::string& name);
+    // Read does.
+    virtual Descriptor OpenForUpdate(const std::string& name);
     // WriteAtomic with the text written by `fill` to the temporary file's descriptor. `sync` false
     // leaves out the wait for the disk, for a document whose loss would mean the same as an empty
     // file.

@@ -26,12 +26,12 @@ unsigned HexNumber(const std::string& text) {
 
 // An interface a packet can leave the host through. `control` is any socket of this namespace for
 // the flags query; without one, only the names of the loopback and of "no device" are known.
-bool LeavesHost(int control, const std::string& name) {
-    if (control < 0) return name != "lo" && name != "*";
+bool LeavesHost(const Descriptor& control, const std::string& name) {
+    if (!control) return name != "lo" && name != "*";
     ifreq request{};
     if (name.size() >= sizeof(request.ifr_name)) return false;
     std::memcpy(request.ifr_name, name.data(), name.size());
-    if (::ioctl(control, SIOCGIFFLAGS, &request) != 0) return false;  // "*": a route without a device
+    if (::ioctl(control.get(), SIOCGIFFLAGS, &request) != 0) return false;  // "*": a route without a device
     const unsigned flags = static_cast<unsigned short>(request.ifr_flags);
     return (flags & IFF_UP) && (flags & IFF_RUNNING) && !(flags & IFF_LOOPBACK);
 }
@@ -39,7 +39,7 @@ bool LeavesHost(int control, const std::string& name) {
 bool Usable(unsigned flags) { return (flags & RTF_UP) && !(flags & RTF_REJECT); }
 
 // /proc/net/route: Iface Destination Gateway Flags RefCnt Use Metric Mask ..., in hexadecimal.
-bool Ipv4DefaultRoute(int control) {
+bool Ipv4DefaultRoute(const Descriptor& control) {
     std::ifstream table("/proc/net/route");
     for (std::string line; std::getline(table, line);) {
         std::istringstream fields(line);
@@ -54,7 +54,7 @@ bool Ipv4DefaultRoute(int control) {
 
 // /proc/net/ipv6_route: destination, prefix length, source, source prefix length, next hop,
 // metric, references, use, flags, device.
-bool Ipv6DefaultRoute(int control) {
+bool Ipv6DefaultRoute(const Descriptor& control) {
     std::ifstream table("/proc/net/ipv6_route");
     for (std::string line; std::getline(table, line);) {
         std::istringstream fields(line);
@@ -76,20 +76,15 @@ bool Ipv6DefaultRoute(int control) {
 RouteMonitor::RouteMonitor(bool watch) {
     if (!watch) return;
     // Made before the first reading, so that no change between the two goes unannounced.
-    socket_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
-    if (socket_ < 0) return;
+    socket_.reset(::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE));
+    if (!socket_) return;
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
     address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
-    if (::bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        ::close(socket_);
-        socket_ = -1;
-    }
+    if (::bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) socket_.reset();
 }
 
-RouteMonitor::~RouteMonitor() {
-    if (socket_ >= 0) ::close(socket_);
-}
+RouteMonitor::~RouteMonitor() = default;
 
 bool RouteMonitor::RouteOffHost() {
     MutexLock lock(mutex_);
@@ -109,28 +104,25 @@ std::size_t RouteMonitor::TableReads() const {
 // Drains the socket; the messages themselves do not matter, only that one came. A lost message
 // (ENOBUFS) is a change too, and a socket that fails otherwise is given up for reading every time.
 bool RouteMonitor::ChangeAnnounced() {
-    if (socket_ < 0) return true;
+    if (!socket_) return true;
     bool changed = false;
     char buffer[4096];
     for (;;) {
-        const ssize_t size = ::recv(socket_, buffer, sizeof(buffer), MSG_DONTWAIT);
+        const ssize_t size = ::recv(socket_.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
         if (size > 0 || (size < 0 && errno == ENOBUFS)) {
             changed = true;
         } else if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             return changed;
         } else if (size == 0 || errno != EINTR) {
-            ::close(socket_);
-            socket_ = -1;
+            socket_.reset();
             return true;
         }
     }
 }
 
 bool RouteMonitor::ReadTables() const {
-    const int control = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const bool found = Ipv4DefaultRoute(control) || Ipv6DefaultRoute(control);
-    if (control >= 0) ::close(control);
-    return found;
+    const Descriptor control(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    return Ipv4DefaultRoute(control) || Ipv6DefaultRoute(control);
 }
 
 }  // namespace velmora

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/descriptor.h"
 #include "core/mutex.h"
 
 #include <cstddef>
@@ -31,7 +32,7 @@ private:
     bool ReadTables() const;
 
     mutable Mutex mutex_;
-    int socket_ GUARDED_BY(mutex_) = -1;
+    Descriptor socket_ GUARDED_BY(mutex_);
     bool known_ GUARDED_BY(mutex_) = false;
     bool answer_ GUARDED_BY(mutex_) = false;
     std::size_t tableReads_ GUARDED_BY(mutex_) = 0;
