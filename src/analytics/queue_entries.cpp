@@ -240,8 +240,7 @@ void WriteAt(int fd, const char* data, std::size_t size, std::uint64_t offset) {
     }
 }
 
-std::uint64_t EntryHash(const char* data, std::size_t size) {
-    std::uint64_t hash = 14695981039346656037ULL;  // FNV-1a
+std::uint64_t EntryHash(const char* data, std::size_t size, std::uint64_t hash) {
     for (std::size_t i = 0; i < size; ++i) hash = (hash ^ static_cast<unsigned char>(data[i])) * 1099511628211ULL;
     return hash;
 }

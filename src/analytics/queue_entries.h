@@ -35,7 +35,8 @@ std::string QueueFileMember(const std::string& hit, std::int32_t timestamp);
 void ParseQueueFile(const std::string& text, std::vector<QueuedHit>& hits);
 void ParseQueueFile(std::istream& text, const std::function<void(QueuedHit&)>& hit);
 
-std::uint64_t EntryHash(const char* data, std::size_t size);
+// FNV-1a; `hash` carries on the hash of the bytes before `data`.
+std::uint64_t EntryHash(const char* data, std::size_t size, std::uint64_t hash = 14695981039346656037ULL);
 // Up to `size` bytes at `offset`, fewer only at the end of the file; throws std::system_error.
 std::size_t ReadAt(int fd, char* data, std::size_t size, std::uint64_t offset);
 void WriteAt(int fd, const char* data, std::size_t size, std::uint64_t offset);

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -24,11 +25,18 @@ constexpr std::size_t kChunk = 64 * 1024;
     throw std::runtime_error(std::string(what) + " " + path.string() + ": " + std::strerror(error));
 }
 
-// The hash of the entry's bytes as they are in the file.
-std::uint64_t FileHash(int fd, const EntryPlace& place) {
-    std::string bytes(static_cast<std::size_t>(place.end - place.begin), '\0');
-    if (ReadAt(fd, bytes.data(), bytes.size(), place.begin) != bytes.size()) return place.hash + 1;  // fits no record
-    return EntryHash(bytes.data(), bytes.size());
+// The hash of the entry's bytes as they are in the file, read in pieces: a place is not trusted
+// with an allocation before it is found to fit.
+std::optional<std::uint64_t> FileHash(int fd, const EntryPlace& place) {
+    std::uint64_t hash = EntryHash(nullptr, 0);
+    char piece[4096];
+    for (std::uint64_t at = place.begin; at < place.end;) {
+        const std::size_t got = ReadAt(fd, piece, static_cast<std::size_t>(std::min<std::uint64_t>(sizeof piece, place.end - at)), at);
+        if (got == 0) return std::nullopt;  // the file ends before it
+        hash = EntryHash(piece, got, hash);
+        at += got;
+    }
+    return hash;
 }
 
 Descriptor OpenDescriptor(const std::filesystem::path& path, int flags) {
@@ -81,7 +89,7 @@ std::string QueueFile::Open() {
     inode_ = Inode(fd_.get(), &size_);
     if (size_ == 0) return {};  // a first start
     OpenIndex();
-    if (Record record; FindRecord(size_, record)) {
+    if (Record record; FindRecord(record)) {
         head_ = readAt_ = record.head;
         beforeHead_ = readLast_ = record.beforeHead;
         end_ = record.end;
@@ -100,7 +108,7 @@ std::string QueueFile::Open() {
     return Convert();  // another layout, or damage that the JSON parser is to describe
 }
 
-bool QueueFile::FindRecord(std::uint64_t size, Record& found) {
+bool QueueFile::FindRecord(Record& found) {
     if (!index_) return false;
     Record records[2] = {};
     for (int slot = 0; slot < 2; ++slot) {
@@ -111,7 +119,7 @@ bool QueueFile::FindRecord(std::uint64_t size, Record& found) {
     if (records[1].Whole() && (!records[0].Whole() || records[1].sequence > records[0].sequence)) std::swap(records[0], records[1]);
     if (records[0].Whole()) sequence_ = std::max(sequence_, records[0].sequence);  // new records supersede both
     for (const Record& record : records) {
-        if (record.Whole() && Fits(record, size)) {
+        if (record.Whole() && Fits(record)) {
             found = record;
             return true;
         }
@@ -119,24 +127,14 @@ bool QueueFile::FindRecord(std::uint64_t size, Record& found) {
     return false;
 }
 
-bool QueueFile::Fits(const Record& r, std::uint64_t size) const {
-    if (r.inode != inode_ || r.head < kStart || r.head > r.end || r.end + 1 > size) return false;
-    if ((r.beforeHead.begin == 0) != (r.head == kStart) || (r.last.begin == 0) != (r.end == kStart)) return false;
-    auto placed = [](const EntryPlace& e, std::uint64_t after) {  // an entry ending at `after` or before its ','
-        return e.begin == 0 || (e.begin >= kStart && e.begin + 14 <= e.end && e.end <= after && after <= e.end + 1 &&
-                                e.end - e.begin <= (1u << 30));
-    };
-    if (!placed(r.beforeHead, r.head) || !placed(r.last, r.end) || r.last.end != (r.last.begin == 0 ? 0 : r.end)) return false;
-    if (r.count > 0 && r.last.begin < r.head) return false;
-    if (r.count > (r.end - r.head + 1) / 15) return false;  // an entry takes 14 bytes and a comma at least
-    char start[kDocumentStart.size()];
+// A whole record is one this library wrote; it fits when it still describes this file: the same
+// inode, the same entries at its places, and at its end the closing ']' or what was appended since.
+bool QueueFile::Fits(const Record& r) const {
     char atEnd = 0;
-    if (ReadAt(fd_.get(), start, sizeof start, 0) != sizeof start || kDocumentStart != std::string_view(start, sizeof start) ||
-        ReadAt(fd_.get(), &atEnd, 1, r.end) != 1) {
+    if (r.inode != inode_ || ReadAt(fd_.get(), &atEnd, 1, r.end) != 1 ||
+        (atEnd != ']' && atEnd != (r.end == kStart ? '{' : ','))) {
         return false;
     }
-    // The closing ']', or the first byte of what was appended since.
-    if (atEnd != ']' && atEnd != (r.end == kStart ? '{' : ',')) return false;
     auto same = [this](const EntryPlace& e) { return e.begin == 0 || FileHash(fd_.get(), e) == e.hash; };
     return same(r.beforeHead) && same(r.last);
 }
@@ -163,7 +161,7 @@ std::string QueueFile::Settle(std::uint64_t from, std::uint64_t size, bool salva
     document_ = true;
     count_ += entries;
     last_ = last;
-    if (entries > 0) last_.hash = FileHash(fd_.get(), last_);
+    if (entries > 0) last_.hash = FileHash(fd_.get(), last_).value_or(0);
     end_ = scan.Settled();
     if (!clean) {
         try {
@@ -496,11 +494,10 @@ void QueueFile::ReadOnce(std::vector<QueuedHit>& hits) {
     fd_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd_ && errno == ENOENT) return;
     if (!fd_) Fail("Cannot open", path, errno);
-    std::uint64_t size = 0;
-    inode_ = Inode(fd_.get(), &size);
+    inode_ = Inode(fd_.get());
     index_.reset(::open((files_.Directory() / kIndexName).c_str(), O_RDONLY | O_CLOEXEC));
     Record record;
-    const bool indexed = FindRecord(size, record);
+    const bool indexed = FindRecord(record);
     char start[kDocumentStart.size()];
     const std::size_t before = hits.size();
     if (indexed || (ReadAt(fd_.get(), start, sizeof start, 0) == sizeof start && std::string_view(start, sizeof start) == kDocumentStart)) {

@@ -94,8 +94,8 @@ private:
     static constexpr std::uint64_t kStart = 9;  // {"Hits":[
 
     struct Record;
-    bool FindRecord(std::uint64_t size, Record& found);
-    bool Fits(const Record& record, std::uint64_t size) const;
+    bool FindRecord(Record& found);
+    bool Fits(const Record& record) const;
     std::string Settle(std::uint64_t from, std::uint64_t size, bool salvage);
     std::string Convert();
     void Adopt(Descriptor fd, std::uint64_t entries, const EntryPlace& last);

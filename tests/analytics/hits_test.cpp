@@ -9,7 +9,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <deque>
@@ -203,6 +205,34 @@ TEST_F(HitStoreTest, AppendingDeliveringAndLoadingDoNotGrowWithTheQueue) {
     EXPECT_LE(loaded.first - delivered.first, 16 * 1024);
     EXPECT_EQ(next.Size(), 3000u);
     EXPECT_EQ(next.TakeFront()->hit, "s1" + std::string(500, 'x'));
+}
+
+// The record is trusted only where it fits its file. Altered in one field, its checksum made right
+// again, it is passed over: the older record serves if it fits, else the whole file is read again.
+TEST_F(HitStoreTest, ARecordThatDoesNotFitItsFileIsPassedOver) {
+    for (int i = 0; i < 10; ++i) store.Append("s" + std::to_string(i), i);
+    for (int i = 0; i < 3; ++i, store.RemoveFront()) ASSERT_TRUE(store.TakeFront());
+    const std::string index = dir.Read(QueueFile::kIndexName);
+    ASSERT_EQ(index.size(), 512 + 13 * 8u);
+    struct Case { int field; bool newerOnly; std::size_t queued; };  // field -1: as written
+    for (auto [field, newerOnly, queued] :
+         std::vector<Case>{{-1, false, 7}, {4, true, 8}, {0, false, 10}, {2, false, 10}, {4, false, 10}, {8, false, 10}, {11, false, 10}}) {
+        // magic, sequence, inode, head, end, count, the places before the head and at the end (begin,
+        // end, hash), checksum
+        std::array<std::uint64_t, 13> f[2];
+        std::string altered = index;
+        for (int s : {0, 1}) std::memcpy(f[s].data(), index.data() + s * 512, sizeof f[s]);
+        for (int s : {0, 1}) {
+            if (field >= 0 && (!newerOnly || f[s][1] > f[1 - s][1])) f[s][field] ^= 1;
+            f[s][12] = EntryHash(reinterpret_cast<const char*>(f[s].data()), 12 * 8);
+            std::memcpy(altered.data() + s * 512, f[s].data(), sizeof f[s]);
+        }
+        dir.Write(QueueFile::kIndexName, altered);
+        HitStore next(log, files);
+        next.Load();
+        EXPECT_EQ(next.Size(), queued) << field;
+        EXPECT_EQ(next.TakeFront()->hit, "s" + std::to_string(10 - queued)) << field;
+    }
 }
 
 // Version 4.0.0 wrote this file, three states tracked offline.
