@@ -63,7 +63,7 @@ void SettingsStore::Close() {
     sqlite3_finalize(upsert_);
     sqlite3_finalize(delete_);
     select_ = upsert_ = delete_ = nullptr;
-    if (db_ != nullptr) sqlite3_close_v2(db_);
+    sqlite3_close_v2(db_);  // none: a no-op
     db_ = nullptr;
 }
 

@@ -71,7 +71,8 @@ TEST(QueueFile, AnyValidJsonReadsLikeTheFilesThisLibraryWritesAndDamageKeepsTheE
         {R"({"Hits":[{"T":99999999999,"H":"a"},{"T":-99999999999,"H":"b"},{"T":1e3,"H":"c"}]})",
          {{INT32_MAX, "a"}, {INT32_MIN, "b"}, {1000, "c"}}, false},
         {R"({"Hits":[{"T":-2147483648,"H":"a"},{"T":4000000000,"H":"b"}]})", {{INT32_MIN, "a"}, {INT32_MAX, "b"}}, false},
-        {R"({ "Hits" : [ {"H":"a\"b\u00e9","X":{"T":"x"},"T":5} ], "Y":[1] })", {{5, "a\"b\xC3\xA9"}}, false},
+        {R"({ "Hits" : [ {"H":"a\"b\u00e9","X":{"T":"x"},"T":5,"Z":"z","N":7} ], "Y":[1], "V":"v" })", {{5, "a\"b\xC3\xA9"}}, false},
+        {R"({"Other":[{"T":1,"H":"a"}]})", {}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":01,"H":"b"}]})", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":2,"H":"b)", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"}]}x)", {{1, "a"}}, true},
@@ -196,6 +197,19 @@ TEST_F(HitStoreTest, AppendingDeliveringAndLoadingDoNotGrowWithTheQueue) {
     EXPECT_LE(loaded.first - delivered.first, 16 * 1024);
     EXPECT_EQ(next.Size(), 3000u);
     EXPECT_EQ(next.TakeFront()->hit, "s1" + std::string(500, 'x'));
+}
+
+// A copy of the queue put back over the file (cp keeps the inode) whose entries before the head
+// differ: the record no longer describes it, and the whole file is read.
+TEST_F(HitStoreTest, AQueueCopiedOverTheFileInPlaceIsReadWhole) {
+    for (int i = 0; i < 10; ++i) store.Append("s" + std::to_string(i), i);
+    for (int i = 0; i < 3; ++i, store.RemoveFront()) ASSERT_TRUE(store.TakeFront());
+    std::string copy = File();
+    for (const char* name : {"\"s0\"", "\"s1\"", "\"s2\""}) copy[copy.find(name) + 1] = 't';
+    dir.Write(QueueFile::kFileName, copy);
+    HitStore next(log, files);
+    next.Load();
+    EXPECT_EQ(Take(next), (std::vector<std::string>{"t0", "t1", "t2", "s3", "s4", "s5", "s6", "s7", "s8", "s9"}));
 }
 
 // Version 4.0.0 wrote this file, three states tracked offline.

@@ -64,6 +64,7 @@ TEST_F(Offers, IdentifiersOfAnAnswerGoBackAsUrlPartsAndCookiesInTheNextRunUntilC
 
 TEST_F(Offers, ParametersComeInGroupsInKeyOrderEscapedAndEmptyOnesDropped) {
     auto vantor = Make();
+    store->Insert(kPcIdKey, std::string("pc-only"));  // without a session: a cookie, no URL part
     lifecycle = {{"a.Launches", "3"}, {"a.empty", ""}};
     ltv = 12.5f;
     vantor->SetPersistentParameter("a.loc.poi", "Main St");
@@ -71,6 +72,7 @@ TEST_F(Offers, ParametersComeInGroupsInKeyOrderEscapedAndEmptyOnesDropped) {
     vantor->LoadRequest({"cart & more", "d", {{"x y", "1"}, {"a", ""}, {"", "v"}, {"b", "ü"}}}).get();
     EXPECT_EQ(transport.Urls(), std::vector<std::string>{kPrefix + "&mboxDefault=none&mbox=cart%20%26%20more&b=%C3%BC&x%20y=1"
                                                          "&a.Launches=3&a.loc.poi=Main%20St&a.ltv.amount=12.5"});
+    EXPECT_EQ(transport.Requests()[0].cookies, (StringMap{{kPcIdKey, "pc-only"}}));
 }
 
 // Every failure gives the request's default content with its line; the offer module itself only
