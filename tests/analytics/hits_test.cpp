@@ -199,8 +199,7 @@ TEST_F(HitStoreTest, AppendingDeliveringAndLoadingDoNotGrowWithTheQueue) {
     EXPECT_EQ(next.TakeFront()->hit, "s1" + std::string(500, 'x'));
 }
 
-// A copy of the queue put back over the file (cp keeps the inode) whose entries before the head
-// differ: the record no longer describes it, and the whole file is read.
+// Another queue copied over the file in place, as cp does (same inode): the old record no longer fits.
 TEST_F(HitStoreTest, AQueueCopiedOverTheFileInPlaceIsReadWhole) {
     for (int i = 0; i < 10; ++i) store.Append("s" + std::to_string(i), i);
     for (int i = 0; i < 3; ++i, store.RemoveFront()) ASSERT_TRUE(store.TakeFront());
