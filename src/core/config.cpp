@@ -170,8 +170,7 @@ std::unique_ptr<ConfigSettings> LoadConfig(const std::filesystem::path& packageD
             log.Error("Config - Unable to find local VelmoraConfig.json file");
         }
     } catch (const std::exception& e) {
-        log.Error("Config - Unable to load local config file (%s)", e.what());
-        config.reset();
+        log.Error("Config - Unable to load local config file (%s)", e.what());  // `config` is still empty
     }
     if (config) return config;
     // The lines above name the file only by its name; velmora-check explains what is wrong with it.
