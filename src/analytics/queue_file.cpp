@@ -447,7 +447,7 @@ void QueueFile::Sync() {
     if (!fd_) return;
     if (::fdatasync(fd_.get()) != 0) Fail("Cannot sync", files_.Directory() / kFileName, errno);
     WriteIndex();
-    if (index_.get()) ::fdatasync(index_.get());
+    if (index_) ::fdatasync(index_.get());
 }
 
 // Without the record, the next open reads the whole file.
