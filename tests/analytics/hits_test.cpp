@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -166,8 +165,7 @@ protected:
     ConfigSettings config;
     HostOptions host;
     std::atomic<bool> online{true};
-    std::atomic<int> probes{0};
-    std::atomic<int> restarts{0};
+    std::atomic<int> probes{0}, restarts{0};
     FileStore files{dir.path()};
     HitStore store{log, files};
     FakeTransport transport;
@@ -209,6 +207,14 @@ TEST_F(HitStoreTest, AQueueCopiedOverTheFileInPlaceIsReadWhole) {
     HitStore next(log, files);
     next.Load();
     EXPECT_EQ(Take(next), (std::vector<std::string>{"t0", "t1", "t2", "s3", "s4", "s5", "s6", "s7", "s8", "s9"}));
+}
+
+TEST_F(HitStoreTest, AMoveOfTheDeliveredPrefixThatTheDiskRefusesIsGivenUpAndTheQueueGoesOnInPlace) {
+    for (int i = 0; i < 2100; ++i) store.Append(std::to_string(i) + std::string(999, 'x'), i);
+    std::optional<FileSizeLimit> full(std::in_place, 64 << 10);  // the new file stops at 64 KiB
+    for (int i = 0; i < 1100; ++i, store.RemoveFront()) ASSERT_TRUE(store.TakeFront());
+    full.reset();
+    EXPECT_EQ(Take(store).size(), 1000u);
 }
 
 // Version 4.0.0 wrote this file, three states tracked offline.

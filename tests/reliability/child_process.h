@@ -43,9 +43,7 @@ public:
     bool ReadLine(std::string& line, std::chrono::milliseconds limit) {
         std::string output;
         std::size_t end = std::string::npos;
-        if (!WaitUntil([&] { return (end = (output = Read(outputFile_)).find('\n', read_)) != std::string::npos; }, limit)) {
-            return false;
-        }
+        if (!WaitUntil([&] { return (end = (output = Read(outputFile_)).find('\n', read_)) != std::string::npos; }, limit)) return false;
         line = output.substr(read_, end - read_);
         read_ = end + 1;
         return true;
@@ -65,8 +63,7 @@ private:
     // The exit status (128 + signal when killed) once the program ended, else -1.
     int Reap(int flags) {
         int status = 0, rc;
-        while ((rc = ::waitpid(pid_, &status, flags)) < 0 && errno == EINTR) {
-        }
+        while ((rc = ::waitpid(pid_, &status, flags)) < 0 && errno == EINTR) {}
         if (rc != pid_) return -1;
         pid_ = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -93,11 +90,8 @@ inline std::vector<std::string> QueuedNames(const TempDir& local) {
 
 // A save's temporary files left in the directory.
 inline std::size_t TemporaryFiles(const TempDir& local) {
-    std::size_t count = 0;
-    for (const auto& file : std::filesystem::directory_iterator(local.path())) {
-        count += file.path().filename().string().find(".tmp") != std::string::npos;
-    }
-    return count;
+    const std::filesystem::directory_iterator files(local.path());
+    return std::count_if(begin(files), end(files), [](const auto& f) { return f.path().filename().string().find(".tmp") != std::string::npos; });
 }
 
 }  // namespace velmora::test
