@@ -42,12 +42,13 @@ void Logger::Error(const char* format, ...) const {
 }
 
 void Logger::Write(const char* prefix, const char* format, va_list args) const {
-    auto buffer = std::make_unique<char[]>(kMaxMessage);
+    // One byte more than a line keeps: the first byte left out tells whether the cut splits a character.
+    auto buffer = std::make_unique<char[]>(kMaxMessage + 1);
     // "%f" writes the same digits whatever locale the application set: this thread formats under
     // the "C" locale for the length of the call.
     const locale_t classic = ClassicLocale();
     const locale_t previous = classic ? ::uselocale(classic) : nullptr;
-    int written = std::vsnprintf(buffer.get(), kMaxMessage, format, args);
+    int written = std::vsnprintf(buffer.get(), kMaxMessage + 1, format, args);
     if (previous) ::uselocale(previous);
     if (written < 0) return;
     std::size_t length = static_cast<std::size_t>(written);
