@@ -1,7 +1,6 @@
 #include "core/network.h"
 
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -10,7 +9,6 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <net/route.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,13 +16,8 @@
 namespace velmora {
 namespace {
 
-unsigned HexNumber(const std::string& text) {
-    unsigned value = 0;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, 16);
-    return error == std::errc() && end == text.data() + text.size() ? value : 0;
-}
-
-// An interface a packet can leave the host through. `control` is any socket of this namespace for
+// An interface a packet can leave the host through. Reject and blackhole routes never pass: the
+// kernel lists them on "lo" or on "*", no device. `control` is any socket of this namespace for
 // the flags query; without one, only the names of the loopback and of "no device" are known.
 bool LeavesHost(const Descriptor& control, const std::string& name) {
     if (!control) return name != "lo" && name != "*";
@@ -36,8 +29,6 @@ bool LeavesHost(const Descriptor& control, const std::string& name) {
     return (flags & IFF_UP) && (flags & IFF_RUNNING) && !(flags & IFF_LOOPBACK);
 }
 
-bool Usable(unsigned flags) { return (flags & RTF_UP) && !(flags & RTF_REJECT); }
-
 // /proc/net/route: Iface Destination Gateway Flags RefCnt Use Metric Mask ..., in hexadecimal.
 bool Ipv4DefaultRoute(const Descriptor& control) {
     std::ifstream table("/proc/net/route");
@@ -45,7 +36,7 @@ bool Ipv4DefaultRoute(const Descriptor& control) {
         std::istringstream fields(line);
         std::string name, destination, gateway, flags, references, use, metric, mask;
         if (!(fields >> name >> destination >> gateway >> flags >> references >> use >> metric >> mask)) continue;
-        if (destination == "00000000" && mask == "00000000" && Usable(HexNumber(flags)) && LeavesHost(control, name)) {
+        if (destination == "00000000" && mask == "00000000" && LeavesHost(control, name)) {
             return true;
         }
     }
@@ -63,8 +54,7 @@ bool Ipv6DefaultRoute(const Descriptor& control) {
               flags >> name)) {
             continue;
         }
-        if (destination == std::string(32, '0') && length == "00" && Usable(HexNumber(flags)) &&
-            LeavesHost(control, name)) {
+        if (destination == std::string(32, '0') && length == "00" && LeavesHost(control, name)) {
             return true;
         }
     }
@@ -109,11 +99,11 @@ bool RouteMonitor::ChangeAnnounced() {
     char buffer[4096];
     for (;;) {
         const ssize_t size = ::recv(socket_.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
-        if (size > 0 || (size < 0 && errno == ENOBUFS)) {
+        if (size >= 0 || errno == ENOBUFS) {
             changed = true;
-        } else if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        } else if (errno == EAGAIN) {  // EWOULDBLOCK on Linux
             return changed;
-        } else if (size == 0 || errno != EINTR) {
+        } else if (errno != EINTR) {
             socket_.reset();
             return true;
         }

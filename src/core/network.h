@@ -8,9 +8,9 @@
 namespace velmora {
 
 // The Linux form of the platform's internet connection profile: the machine is connected when the
-// kernel has a route off the host, that is a default route, IPv4 or IPv6, that is up, not a reject
-// route, and leaves through an interface that is up, has a carrier and is not the loopback. (The
-// kernel keeps a rejecting "::/0" route on "lo" in every namespace; it never counts.)
+// kernel has a route off the host, that is a default route, IPv4 or IPv6, that leaves through an
+// interface that is up, has a carrier and is not the loopback. (Reject and blackhole routes, like
+// the rejecting "::/0" the kernel keeps in every namespace, sit on "lo" or on no device.)
 //
 // Asking must stay cheap because the sender asks before every hit: the routing tables in /proc are
 // read on the first call and afterwards only when the kernel announced a change of links, addresses
