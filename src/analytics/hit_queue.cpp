@@ -117,7 +117,6 @@ std::future<std::size_t> HitQueue::SizeAfterPendingWork() {
 
 bool HitQueue::Flush(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    if (work_.OnQueueThread()) return false;
     // Hits left by an earlier run go out now when the status and the connection allow it.
     auto started = work_.Submit([this] { ApplyStartRule(); });
     if (started.wait_until(deadline) != std::future_status::ready) return false;

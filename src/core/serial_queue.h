@@ -38,10 +38,10 @@ public:
 
     // Waits until what was posted has run; later posts are dropped.
     void Shutdown() EXCLUDES(mutex_);
-    // Whether the calling thread is running one of this queue's closures.
-    bool OnQueueThread() const;
 
 private:
+    // Whether the calling thread is running one of this queue's closures.
+    bool OnQueueThread() const;
     void RunBatch() EXCLUDES(mutex_);
     void RunOne(std::function<void()>& work);
 
