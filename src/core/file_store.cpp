@@ -66,8 +66,8 @@ std::string FileStore::Read(const std::string& name) {
     // Read straight into a string of the file's size: a queue file of several megabytes is not
     // copied through a growing buffer. The size is a hint; a file that grows meanwhile is read whole.
     struct stat info {};
-    std::string text(::fstat(fd.get(), &info) == 0 && info.st_size > 0 ? static_cast<std::size_t>(info.st_size) : 0,
-                     '\0');
+    ::fstat(fd.get(), &info);  // left zeroed when it fails: no hint
+    std::string text(static_cast<std::size_t>(info.st_size), '\0');
     std::size_t length = 0;
     for (;;) {
         if (length == text.size()) text.resize(text.size() + 65536);
