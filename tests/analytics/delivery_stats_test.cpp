@@ -25,10 +25,7 @@ TEST(DeliveryStats, EachHitIsCountedWhereItEndsAndTheFilesBacklogIsWaitingOnceLo
     EXPECT_EQ(Counts(hits), std::make_tuple(0, 0, 1, 0, 2, 500));
     EXPECT_EQ(hits.Stats().lastError, "Analytics - Recoverable network error (500), imposing internal cooldown (30 seconds)");
     hits.QueueHit("s3?a=3", 3);
-    ASSERT_TRUE(WaitUntil([&] {
-        env.clock->Advance(std::chrono::seconds(1));
-        return hits.Stats().delivered == 3;
-    }));
+    ASSERT_TRUE(WaitUntil([&] { env.clock->Advance(std::chrono::seconds(1)); return hits.Stats().delivered == 3; }));
     EXPECT_EQ(Counts(hits), std::make_tuple(1, 3, 1, 0, 0, 200));
     EXPECT_GE(hits.Stats().lastDelivered, started);
     EXPECT_EQ(server.Count(), 4u);

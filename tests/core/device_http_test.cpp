@@ -8,11 +8,10 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
-
 #include <regex>
-#include <sys/utsname.h>
 #include <set>
+#include <sstream>
+#include <sys/utsname.h>
 #include <thread>
 
 namespace velmora {
@@ -303,6 +302,12 @@ TEST_F(Device, GeneratedAidsFollowTheHalvesRule) {
     EXPECT_EQ(Context().AidFromGuid("{0A1B2C3D-4E5F-6071-2293-A4B5C6D7E8F9}"), "0A1B2C3D4E5F6071-2293A4B5C6D7E8F9");
     EXPECT_TRUE(std::regex_match(Context().AidFromGuid("{f0000000-0000-0000-c000-0000000000ab}"),
                                  std::regex("^[0-7]000000000000000-[0-3]0000000000000AB$")));
+}
+
+TEST(Host, TheLanguageTagIsTheHostsElseTheFirstLocaleVariableSetInBcp47) {
+    const test::ScopedEnv all("LC_ALL", ""), messages("LC_MESSAGES", "pt_BR@euro"), lang("LANG", "de_AT");
+    EXPECT_EQ(LanguageTag(HostOptions{}), "pt-BR");
+    for (const char* locale : {"C", "POSIX", "C.UTF-8"}) EXPECT_EQ(LanguageTagFromLocale(locale), "en-US") << locale;
 }
 
 }  // namespace
