@@ -231,7 +231,7 @@ TEST_F(HitStoreTest, AFileAnEarlierVersionWroteLoadsUnchangedAndTakesMoreHits) {
 // What a kill or a power cut can leave: the file cut at any byte, and an append stopped anywhere
 // between its two writes. Every whole entry before the cut loads, and appending goes on.
 TEST_F(HitStoreTest, AFileCutAnywhereKeepsEveryWholeEntryBeforeTheCut) {
-    std::vector<std::string> names{"s0", "s1?a=\"q\"", "s2"}, appended{"s3"};
+    std::vector<std::string> names{"s0", "s1?a=\"q\"", "s2"};
     std::string text = "{\"Hits\":[", grown;
     std::vector<std::size_t> ends;
     for (std::size_t i = 0; i < names.size(); ++i) {
@@ -456,8 +456,9 @@ TEST_F(HitSenderTest, AConnectionCheckThatFailsIsLoggedAndDoesNotHoldTheHitsBack
                                  "assuming it is up"));
 }
 
-// A hit built just before an opt-out reaches the queue after the opt-out has emptied it.
-TEST(HitQueueGate, AHitArrivingAfterAnOptOutIsNotQueued) {
+// A hit built just before an opt-out reaches the queue after the opt-out has emptied it. Neither it
+// nor a hit too long for a URL is queued, and neither holds back the save of the next hit.
+TEST(HitQueueGate, HitsRefusedOnTheQueuesThreadAreNotQueuedAndHoldNoSaveBack) {
     TestRuntime env(R"({"analytics":{"rsids":"rs","server":"127.0.0.1:9","offlineEnabled":true,"batchLimit":5}})");
     auto& hits = env.runtime->GetHitQueue();
     hits.QueueHit("s1?AQB=1&ndh=1&pageName=A&AQE=1", 1);
@@ -465,6 +466,11 @@ TEST(HitQueueGate, AHitArrivingAfterAnOptOutIsNotQueued) {
     env.runtime->GetConfigSettings().privacyStatus = kPrivacyOptOut;
     hits.QueueHit("s2?AQB=1&ndh=1&pageName=B&AQE=1", 2);
     EXPECT_EQ(hits.SizeAfterPendingWork().get(), 1u);
+    env.runtime->GetConfigSettings().privacyStatus = kPrivacyUnknown;
+    hits.QueueHit("s3?k=" + std::string(HitSender::kMaxUrlBytes, 'x'), 3);
+    hits.QueueHit("s4", 4);
+    EXPECT_EQ(hits.SizeAfterPendingWork().get(), 2u);
+    EXPECT_NE(env.local.Read(QueueFile::kFileName).find("\"s4\""), std::string::npos) << "not saved at once";
 }
 
 }  // namespace

@@ -181,12 +181,8 @@ TEST(FileStore, ReadingAFileRemovesTheTemporariesOfProcessesThatAreGone) {
     EXPECT_EQ(files.Read("f.json"), "kept");
     for (const auto& [name, removed] : cases) EXPECT_EQ(std::filesystem::exists(dir / name), !removed) << name;
     std::filesystem::create_directory(dir / "d.json");  // opens, but every read fails
-    try {
-        files.Read("d.json");
-        ADD_FAILURE() << "a directory read as a file";
-    } catch (const std::exception& e) {
-        EXPECT_EQ(std::string(e.what()), "Cannot read " + (dir / "d.json").string() + ": Is a directory");
-    }
+    EXPECT_THAT([&] { files.Read("d.json"); },
+                ::testing::ThrowsMessage<std::exception>("Cannot read " + (dir / "d.json").string() + ": Is a directory"));
 }
 
 struct Queues : ::testing::Test {
@@ -247,10 +243,7 @@ TEST_F(Queues, GetAnotherWorkerWhileTheKeptOnesAreBusyUpToTheLimit) {
     std::vector<std::unique_ptr<SerialQueue>> blocked;
     for (std::size_t i = 0; i < Executor::kMaxWorkers; ++i) {
         blocked.push_back(std::make_unique<SerialQueue>("Blocked", log, executor));
-        blocked.back()->Post([&started, released] {
-            ++started;
-            released.wait();
-        });
+        blocked.back()->Post([&started, released] { ++started; released.wait(); });
     }
     const bool eachGotAWorker = test::WaitUntil([&] { return started == Executor::kMaxWorkers; });
     SerialQueue beyond("Beyond", log, executor);
