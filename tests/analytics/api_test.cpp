@@ -172,7 +172,7 @@ INSTANTIATE_TEST_SUITE_P(Statuses, Consent,
 
 // A refused hit must not hold back the save that the hits after it are waiting for.
 TEST_F(PublicAnalytics, AnOverLongHitIsRefusedAndTheHitsAfterItAreInTheFileAtOnce) {
-    Configure(true);  // held: fewer than the batch limit
+    Configure(true, "", 3);  // held: no more than the batch limit
     Velmora::Analytics::TrackState("A");
     Velmora::Analytics::TrackState("Long", {{"k", std::string(HitSender::kMaxUrlBytes, 'x')}});
     Velmora::Analytics::TrackState("B");
@@ -182,6 +182,7 @@ TEST_F(PublicAnalytics, AnOverLongHitIsRefusedAndTheHitsAfterItAreInTheFileAtOnc
     for (const char* name : {"pageName=A&", "pageName=B&", "pageName=C&"}) EXPECT_THAT(file, ::testing::HasSubstr(name));
     EXPECT_THAT(env_.log.Lines(), ::testing::Contains(::testing::HasSubstr(
                                   "Analytics - Unable to queue hit (the request URL would be ")));
+    EXPECT_FALSE(Velmora::Host::Flush(kWait)) << "sent at the batch limit";
 }
 
 // Numbers on the wire, in the settings and in log lines do not follow the application's locale, nor
