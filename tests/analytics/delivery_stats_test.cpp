@@ -1,4 +1,5 @@
-// The delivery counters, followed through a backlog, a retry, deliveries, a refusal and a clear.
+// Delivery through the hit queue: the counters through a backlog, a retry, deliveries, a refusal and
+// a clear, and hits that wait for the connection.
 #include "analytics/hit_queue.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
@@ -40,6 +41,18 @@ TEST(DeliveryStats, EachHitIsCountedWhereItEndsAndTheFilesBacklogIsWaitingOnceLo
     hits.ClearQueue();
     EXPECT_TRUE(hits.Flush(std::chrono::seconds(10)));
     EXPECT_EQ(Counts(hits), std::make_tuple(3, 3, 1, 3, 0, 200));
+}
+
+// Hits queued while the connection is down go out once the watch sees it back, without another call.
+TEST(DeliveryStats, HitsQueuedWithoutAConnectionGoOutOnceTheWatchSeesItBack) {
+    LoopbackServer server;
+    std::atomic<int> probes{0};
+    HostOptions options;
+    options.internetAvailable = [&probes] { return ++probes > 1; };  // down at the first check only
+    TestRuntime env(R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
+                    R"(","offlineEnabled":true,"privacyDefault":"optedin"}})", options);
+    env.runtime->GetHitQueue().QueueHit("s1?a=1", 1);
+    EXPECT_TRUE(WaitUntil([&] { env.clock->Advance(HitSender::kConnectionCheckInterval); return server.Count() == 1; }));
 }
 
 }  // namespace

@@ -42,14 +42,9 @@ public:
     LoopbackServer();
     ~LoopbackServer();
 
-    void OnGet(Handler handler) {
-        std::lock_guard lock(mutex_);
-        handler_ = std::move(handler);
-    }
-    void Script(std::vector<int> statuses) {  // answers for the next requests, in order
-        std::lock_guard lock(mutex_);
-        script_.assign(statuses.begin(), statuses.end());
-    }
+    void OnGet(Handler handler) { std::lock_guard lock(mutex_); handler_ = std::move(handler); }
+    // Answers for the next requests, in order.
+    void Script(std::vector<int> statuses) { std::lock_guard lock(mutex_); script_.assign(statuses.begin(), statuses.end()); }
     // For handlers: blocks until Release() or the end of the server.
     void Hold() {
         std::unique_lock lock(mutex_);
@@ -65,20 +60,14 @@ public:
     std::string Address() const { return "127.0.0.1:" + std::to_string(port_); }
     std::string Url(const std::string& path = "") const { return "http://" + Address() + path; }
 
-    std::vector<Request> Requests() const {
-        std::lock_guard lock(mutex_);
-        return requests_;
-    }
+    std::vector<Request> Requests() const { std::lock_guard lock(mutex_); return requests_; }
     std::vector<std::string> Targets() const {
         std::vector<std::string> targets;
         for (const auto& request : Requests()) targets.push_back(request.target);
         return targets;
     }
     std::vector<ReceivedHit> Hits() const;  // the requests under /b/ss/, decoded
-    std::size_t Count() const {
-        std::lock_guard lock(mutex_);
-        return requests_.size();
-    }
+    std::size_t Count() const { std::lock_guard lock(mutex_); return requests_.size(); }
     std::size_t Connections() const;  // distinct client ports seen
     bool WaitForRequests(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
 

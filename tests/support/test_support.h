@@ -69,19 +69,13 @@ public:
             lines_.emplace_back(line.substr(0, line.size() - (!line.empty() && line.back() == '\n')));
         };
     }
-    std::vector<std::string> Lines() const {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
+    std::vector<std::string> Lines() const { std::lock_guard lock(mutex_); return lines_; }
     bool Contains(const std::string& line) const { return Count(line) > 0; }  // a whole line, terminator excluded
     std::size_t Count(const std::string& line) const {
         std::lock_guard lock(mutex_);
         return static_cast<std::size_t>(std::count(lines_.begin(), lines_.end(), line));
     }
-    void Clear() {
-        std::lock_guard lock(mutex_);
-        lines_.clear();
-    }
+    void Clear() { std::lock_guard lock(mutex_); lines_.clear(); }
 
 private:
     mutable std::mutex mutex_;
@@ -156,9 +150,7 @@ struct TestRuntime {
     }
     // The process-wide runtime this one configured stops before the directories and the log it
     // borrowed go, so that the next test in the process starts a fresh one.
-    ~TestRuntime() {
-        if (configuredProcess) Runtime::RetireProcess();
-    }
+    ~TestRuntime() { if (configuredProcess) Runtime::RetireProcess(); }
     TempDir package;
     TempDir local;
     LogCapture log;
