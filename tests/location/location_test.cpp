@@ -31,9 +31,10 @@ TEST(Location, HitsCarryThePiecesAndTheFirstPointInRangeAndSoDoesTheNextOfferReq
     location.TrackLocation(40.7127837, -74.0059413, 12.6, {{"shop", "1"}});
     vantor.LoadRequest({"home", "", {}}).get();
     location.TrackLocation(90.0, 180.0, 0, {});
+    location.TrackLocation(-90.0, 0.0, 0, {});
     location.TrackLocation(std::nan(""), -180.0, std::nan(""), {});  // NaN passes the bounds
     vantor.LoadRequest({"home", "", {}}).get();
-    ASSERT_TRUE(server.WaitForRequests(5));
+    ASSERT_TRUE(server.WaitForRequests(6));
     EXPECT_TRUE(t.log.Contains("Velmora Warning:Analytics - TrackLocation failed, latitude value provided (90.000001) is out "
                                "of bounds (-90.000000 to 90.000000)"));
     std::vector<std::string> sent;
@@ -44,6 +45,7 @@ TEST(Location, HitsCarryThePiecesAndTheFirstPointInRangeAndSoDoesTheNextOfferReq
     EXPECT_EQ(sent, (std::vector<std::string>{
         "alocacc=13 alocdist=802 aloclata=040.7 aloclatb=12 aloclatc=78 aloclona=-074.0 aloclonb=05 aloclonc=94 alocpoi=wide shop=1 ",
         "aloclata=090.0 aloclatb=00 aloclatc=00 aloclona=180.0 aloclonb=00 aloclonc=00 ",
+        "aloclata=-090.0 aloclatb=00 aloclatc=00 aloclona=000.0 aloclonb=00 aloclonc=00 ",
         // "% 011.6f" pads "nan" with blanks, and the first piece loses its leading one.
         "aloclata=" + std::string(5, ' ') + " aloclatb=   aloclatc=na aloclona=-180.0 aloclonb=00 aloclonc=00 "}));
     std::vector<std::string> offers;
