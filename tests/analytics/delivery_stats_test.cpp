@@ -1,5 +1,6 @@
 // Delivery through the hit queue: the counters through a backlog, a retry, deliveries, a refusal and
 // a clear, and hits that wait for the connection.
+#include "analytics/hit_builder.h"
 #include "analytics/hit_queue.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
@@ -33,7 +34,7 @@ TEST(DeliveryStats, EachHitIsCountedWhereItEndsAndTheFilesBacklogIsWaitingOnceLo
 
     env.runtime->SetPrivacyStatus(kPrivacyUnknown);  // nothing leaves while these are counted
     hits.QueueHit("s4?k=" + std::string(HitSender::kMaxUrlBytes, 'x'), 4);
-    hits.QueueHit("s5", 5);
+    hits.QueueHit("s5" + std::string(HitSender::kMaxUrlBytes - BaseUrl(env.runtime->GetConfigSettings()).size() - 2, 'x'), 5);
     hits.QueueHit("s6", 6);
     EXPECT_FALSE(hits.Flush(std::chrono::seconds(10)));
     EXPECT_EQ(Counts(hits), std::make_tuple(3, 3, 1, 1, 2, 200));
