@@ -64,7 +64,7 @@ std::optional<QueuedHit> HitStore::TakeFront() {
     MutexLock lock(mutex_);
     if (taken_) return std::nullopt;
     if (file_.Count() == 0 && !unsaved_.empty()) SaveLocked();  // the sender gets hits from the file only
-    if (window_.empty() && file_.Count() > 0) {
+    if (window_.empty()) {  // an empty queue reads nothing
         const std::string damage = file_.Read(kWindowBytes, window_);
         if (!damage.empty()) log_.Error("Analytics - Unable to load queued hits (%s)", damage.c_str());
     }
