@@ -2,6 +2,7 @@
 
 #include "core/descriptor.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <fcntl.h>
@@ -103,13 +104,8 @@ std::string StripByteOrderMark(std::string text) {
 
 std::int32_t TruncateToInt32(double value) {
     if (std::isnan(value)) return 0;
-    if (value >= static_cast<double>(std::numeric_limits<std::int32_t>::max())) {
-        return std::numeric_limits<std::int32_t>::max();
-    }
-    if (value <= static_cast<double>(std::numeric_limits<std::int32_t>::min())) {
-        return std::numeric_limits<std::int32_t>::min();
-    }
-    return static_cast<std::int32_t>(value);
+    using Limits = std::numeric_limits<std::int32_t>;
+    return static_cast<std::int32_t>(std::clamp(value, static_cast<double>(Limits::min()), static_cast<double>(Limits::max())));
 }
 
 const char* PrivacyStatusText(std::int32_t status) {
