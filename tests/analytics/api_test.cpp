@@ -162,13 +162,12 @@ TEST_P(Consent, NoOfferOrSignalLeavesWithoutOptInAndNothingIsQueuedAfterAnOptOut
     Velmora::Host::Flush(kWait);
     EXPECT_EQ(server_.Targets(), optOut ? std::vector<std::string>{} : std::vector<std::string>{"/id"});
     EXPECT_EQ(optOut, env_.local.Read(QueueFile::kFileName).find("pageName") == std::string::npos);
+    EXPECT_EQ(env_.Restart()->GetConfigSettings().Privacy(), static_cast<std::int32_t>(GetParam())) << "not stored";
 }
 
 INSTANTIATE_TEST_SUITE_P(Statuses, Consent,
                          ::testing::Values(Velmora::VelmoraPrivacyStatus::OptOut, Velmora::VelmoraPrivacyStatus::Unknown),
-                         [](const auto& info) {
-                             return info.param == Velmora::VelmoraPrivacyStatus::OptOut ? "OptOut" : "Unknown";
-                         });
+                         [](const auto& info) { return info.param == Velmora::VelmoraPrivacyStatus::OptOut ? "OptOut" : "Unknown"; });
 
 // A refused hit must not hold back the save that the hits after it are waiting for.
 TEST_F(PublicAnalytics, AnOverLongHitIsRefusedAndTheHitsAfterItAreInTheFileAtOnce) {
