@@ -228,6 +228,7 @@ TEST_F(Queues, LogThrowingClosuresAndDropLatePosts) {
     executor.Run([&] { executor.Shutdown(), joined = finished.load(); });  // joins the other worker, lets its own go
     EXPECT_TRUE(test::WaitUntil([&] { return executor.Workers() == 0; }));
     EXPECT_TRUE(joined);
+    EXPECT_FALSE(executor.Run([] {})) << "taken after its shutdown, never to run";
     EXPECT_EQ(capture.Lines(), (std::vector<std::string>{
                                    "Velmora Error:Media - Unexpected error in background work (invalid stoi argument)",
                                    "Velmora Error:Media - Unexpected error in background work (out of range)",
