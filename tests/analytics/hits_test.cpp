@@ -221,7 +221,7 @@ TEST_F(HitStoreTest, AFileAnEarlierVersionWroteLoadsUnchangedAndTakesMoreHits) {
     dir.Write(QueueFile::kFileName, earlier);
     store.Load();
     EXPECT_EQ(File(), earlier);
-    store.Append("s4", 4);
+    store.Append("s4", INT32_MAX);
     const auto hits = Queued();
     ASSERT_EQ(hits.size(), 4u);
     for (int i = 0; i < 3; ++i) EXPECT_NE(hits[i].find("&pageName=S" + std::to_string(i) + "&"), std::string::npos);
