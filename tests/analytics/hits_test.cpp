@@ -206,6 +206,17 @@ TEST_F(HitStoreTest, AQueueCopiedOverTheFileInPlaceIsReadWhole) {
     EXPECT_EQ(Take(next), (std::vector<std::string>{"t0", "t1", "t2", "s3", "s4", "s5", "s6", "s7", "s8", "s9"}));
 }
 
+// An append that a kill kept from the record, after every hit had been delivered.
+TEST_F(HitStoreTest, AnUnrecordedAppendToADeliveredQueueIsTheQueue) {
+    for (const char* hit : {"s0", "s1"}) store.Append(hit, 1);
+    for (int i = 0; i < 2; ++i, store.RemoveFront()) ASSERT_TRUE(store.TakeFront());
+    std::string text = File();
+    dir.Write(QueueFile::kFileName, text.insert(text.size() - 2, "," + QueueFileMember("s2", 2)));
+    HitStore next(log, files);
+    next.Load();
+    EXPECT_EQ(Take(next), std::vector<std::string>{"s2"});
+}
+
 TEST_F(HitStoreTest, AMoveOfTheDeliveredPrefixThatTheDiskRefusesIsGivenUpAndTheQueueGoesOnInPlace) {
     for (int i = 0; i < 2100; ++i) store.Append(std::to_string(i) + std::string(999, 'x'), i);
     std::optional<FileSizeLimit> full(std::in_place, 64 << 10);  // the new file stops at 64 KiB

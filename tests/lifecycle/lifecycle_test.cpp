@@ -92,7 +92,7 @@ std::vector<History> Histories() {
            {{kUpgradeDateKey, Text(up + 4 * 86400)}, {kLaunchesAfterUpgradeKey, 1}}}}},
         {"APauseWithoutItsSessionStartGivesNoLength",
          PausedAfterInstall(t0, "3/7/2015 HourOfDay=8 DayOfWeek=7",
-                            {kLaunch, t0 + 3600, same + "HourOfDay=9", {}, {{kSessionStartKey, std::nullopt}}})},
+                            {kLaunch, t0 + 120, same + "HourOfDay=8", {}, {{kSessionStartKey, std::nullopt}}})},
         {"APauseDateOfZeroGivesNoLength", {{kLaunch, t0, i0},
           {kLaunch, t0 + 3600, same + "HourOfDay=9", {}, {{kPauseDateKey, Text(0)}, {kSuccessfulCloseKey, true}}}}},
     };
