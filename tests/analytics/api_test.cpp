@@ -190,9 +190,7 @@ constexpr const char* kGermanLocales[] = {"de_DE.UTF-8", "de_DE.ISO-8859-1"};
 
 // The process's C and C++ locales set as an application would set them, restored at the end.
 struct ProcessLocale {
-    explicit ProcessLocale(const char* name) : cpp(std::locale::global(std::locale(name))) {
-        std::setlocale(LC_ALL, name);
-    }
+    explicit ProcessLocale(const char* name) : cpp(std::locale::global(std::locale(name))) {}  // a named one sets C's too
     ~ProcessLocale() {
         std::locale::global(cpp);
         std::setlocale(LC_ALL, c.c_str());
@@ -217,12 +215,10 @@ Outcome RunUnder(const char* locale) {
     runtime.Log().SetDebugEnabled(true);
     runtime.GetSettingsStore().Insert(kAidKey, std::string(kAid));
     const StringMap data = TranslateContextData({{"ratio", 2.25}, {"share", 0.1f}, {"caf\xC3\xA9", 1}}, runtime.Log());
-    auto& location = runtime.GetLocationTracker();
-    location.TrackLocation(40.7127837, -74.0059413, 12.6, data);
-    location.TrackLocation(95.25, -0.5, 1, data);  // out of bounds: a warning with numbers
-    auto& value = runtime.GetLifetimeValue();
-    value.Increase(12.5f, data);
-    value.Increase(0.754f, data);  // continues from the stored text
+    runtime.GetLocationTracker().TrackLocation(40.7127837, -74.0059413, 12.6, data);
+    runtime.GetLocationTracker().TrackLocation(95.25, -0.5, 1, data);  // out of bounds: a warning with numbers
+    runtime.GetLifetimeValue().Increase(12.5f, data);
+    runtime.GetLifetimeValue().Increase(0.754f, data);  // continues from the stored text
     auto& media = runtime.GetMediaModule();
     auto settings = Velmora::Media::SettingsWith("clip", 130.7, "player", "");
     settings->Milestones = "25,50";

@@ -390,8 +390,7 @@ TEST_F(HitSenderTest, EachAnswerIsDeliveredRetriedOrDroppedByTheRules) {
     log.SetDebugEnabled(true);
     using Outcome = HitSender::Outcome;
     const std::string line = "Velmora Debug:Analytics - ", sending = line + "Sending hit (" + kBase + "s1?ts=1)";
-    const std::string recover = line + "Unable to send hit, attempting to recover";
-    const std::string invalid = line + "Invalid hit (removed)";
+    const std::string recover = line + "Unable to send hit, attempting to recover", invalid = line + "Invalid hit (removed)";
     auto cooldown = [&line](int status) {
         return line + "Recoverable network error (" + std::to_string(status) + "), imposing internal cooldown (30 seconds)";
     };

@@ -14,10 +14,7 @@ namespace {
 // day before in UTC, so a mix-up of the two shows in the calendar values.
 std::int32_t Local(int year, int month, int day, int hour) {
     std::tm fields{};
-    fields.tm_year = year - 1900;
-    fields.tm_mon = month - 1;
-    fields.tm_mday = day;
-    fields.tm_hour = hour;
+    fields.tm_year = year - 1900, fields.tm_mon = month - 1, fields.tm_mday = day, fields.tm_hour = hour;
     return static_cast<std::int32_t>(::timegm(&fields) - 10 * 3600);
 }
 const std::int32_t kT0 = Local(2015, 3, 7, 8);  // Saturday 7 March 2015, 08:00

@@ -60,9 +60,7 @@ protected:
         EXPECT_LT(std::chrono::steady_clock::now() - ending, kEndLimit);
         ended.errors = child.ErrorOutput();
         EXPECT_FALSE(ended.lines.empty() || ended.lines.back() != "ending") << ended.errors;
-        for (const char* report : {"Sanitizer", "runtime error:"}) {
-            EXPECT_EQ(ended.errors.find(report), std::string::npos) << ended.errors;
-        }
+        for (const char* report : {"Sanitizer", "runtime error:"}) EXPECT_EQ(ended.errors.find(report), std::string::npos) << ended.errors;
         return ended;
     }
 
@@ -70,10 +68,7 @@ protected:
     TempDir package, local, errors;
 };
 
-struct EndCase {
-    const char* mode;
-    int count;
-};
+struct EndCase { const char* mode; int count; };
 void PrintTo(const EndCase& c, std::ostream* out) { *out << c.mode << " " << c.count; }
 
 class OfflineEndTest : public ExitTest, public ::testing::WithParamInterface<EndCase> {};
