@@ -224,10 +224,10 @@ bool HitSender::Cooldown() {
         coolingDown_ = true;
     }
     rest_.SignalAll();
-    bool finished = true;
+    bool finished = true;  // a stop after the last second is left to the run's own check
     for (int second = 0; second < kCooldownSeconds && finished; ++second) {
         waker_.Reset();
-        finished = !Stopping() && clock_.SleepFor(std::chrono::seconds(1), waker_) && !Stopping();
+        finished = !Stopping() && clock_.SleepFor(std::chrono::seconds(1), waker_);
     }
     MutexLock lock(mutex_);
     coolingDown_ = false;
