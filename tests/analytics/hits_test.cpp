@@ -375,6 +375,7 @@ TEST_F(HitStoreTest, NeitherTheHitTakenNorTheOnesReadAheadNorOneNotYetSavedComeB
     ASSERT_TRUE(store.TakeFront());  // s2 and s3 are read ahead with it
     for (int i = 0; i < 2; ++i) store.Announce();
     store.Append("s0", 1);  // not saved yet: the clear is on its way
+    EXPECT_EQ(File().find("s0"), std::string::npos);
     std::optional<FileSizeLimit> full(std::in_place, 0);  // and the disk refuses the emptied file for now
     store.Clear();
     store.Return();
