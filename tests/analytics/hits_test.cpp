@@ -206,12 +206,20 @@ TEST_F(HitStoreTest, AQueueCopiedOverTheFileInPlaceIsReadWhole) {
     EXPECT_EQ(Take(next), (std::vector<std::string>{"t0", "t1", "t2", "s3", "s4", "s5", "s6", "s7", "s8", "s9"}));
 }
 
-// An append that a kill kept from the record, after every hit had been delivered.
-TEST_F(HitStoreTest, AnUnrecordedAppendToADeliveredQueueIsTheQueue) {
+// A record that a power cut tore or changed gives the queue or an older place in it. One that a kill
+// kept from the append after the last delivery gives that append.
+TEST_F(HitStoreTest, ARecordDamagedOrBehindTheFileLosesNoHit) {
     for (const char* hit : {"s0", "s1"}) store.Append(hit, 1);
     for (int i = 0; i < 2; ++i, store.RemoveFront()) ASSERT_TRUE(store.TakeFront());
     std::string text = File();
     dir.Write(QueueFile::kFileName, text.insert(text.size() - 2, "," + QueueFileMember("s2", 2)));
+    const std::string index = dir.Read(QueueFile::kIndexName);
+    for (std::size_t at = 0; at < index.size(); ++at) {
+        dir.Write(QueueFile::kIndexName, index.substr(0, at) + char(index[at] ^ 0x10) + index.substr(at + 1));
+        const auto hits = Queued();
+        EXPECT_TRUE(!hits.empty() && hits.size() <= 3 && hits.back() == "s2") << at;
+    }
+    dir.Write(QueueFile::kIndexName, index);
     HitStore next(log, files);
     next.Load();
     EXPECT_EQ(Take(next), std::vector<std::string>{"s2"});
@@ -340,6 +348,7 @@ TEST_F(HitStoreTest, DamageMetWhileSendingEndsTheQueueBeforeIt) {
 }
 
 TEST_F(HitStoreTest, AQueueFileThatCannotBeOpenedIsReported) {
+    EXPECT_TRUE(Queued().empty()) << "no file: nothing queued";
     std::filesystem::create_directory(dir / QueueFile::kFileName);
     store.Load();
     EXPECT_EQ(capture.Lines(), std::vector<std::string>{"Velmora Error:Analytics - Unable to load queued hits (Cannot open " +

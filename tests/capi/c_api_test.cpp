@@ -33,9 +33,8 @@ TEST(CProgram, ItsHitsArriveWithTheirValuesAndItsCountersAgree) {
     }
     EXPECT_NE(std::find(lines.begin(), lines.end(), "c-example: sent cart.total = 25.5"), lines.end());
     EXPECT_NE(std::find(lines.begin(), lines.end(), "c-example: offer content: default banner"), lines.end());
-    const std::string counters = "c-example: queued " + std::to_string(hits.size()) + " delivered " +
-                                 std::to_string(hits.size()) + " waiting 0 last status 200";
-    EXPECT_EQ(lines.back(), counters);
+    EXPECT_EQ(lines.back(), "c-example: queued " + std::to_string(hits.size()) + " delivered " + std::to_string(hits.size()) +
+                                " waiting 0 last status 200");
 }
 
 TEST(CMap, KeepsKeysInByteOrderAndGivesEachValueItsWireText) {
@@ -69,10 +68,7 @@ struct Answer {
         answer->text = text;
         answer->thread = std::this_thread::get_id();
     }
-    std::string Text() {
-        std::lock_guard lock(mutex);
-        return text;
-    }
+    std::string Text() { std::lock_guard lock(mutex); return text; }
 };
 
 TEST(CInterface, AnOfferCallbackComesFromALibraryThreadAndAfterShutdownFromTheCaller) {

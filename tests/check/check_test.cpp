@@ -11,12 +11,8 @@
 namespace velmora::check {
 namespace {
 
-struct Case {
-    const char* name;
-    const char* config;
-    std::vector<std::string> problems;  // the start of each problem line, in order
-    std::vector<std::string> lines;     // whole lines that must be in the report
-};
+// `problems`: the start of each problem line, in order; `lines`: whole lines that must be in the report.
+struct Case { const char *name, *config; std::vector<std::string> problems, lines; };
 
 const Case kCases[] = {
     {"clean",

@@ -180,6 +180,8 @@ TEST(FileStore, ReadingAFileRemovesTheTemporariesOfProcessesThatAreGone) {
     for (const auto& [name, removed] : cases) dir.Write(name, "partial");
     EXPECT_EQ(files.Read("f.json"), "kept");
     for (const auto& [name, removed] : cases) EXPECT_EQ(std::filesystem::exists(dir / name), !removed) << name;
+    std::filesystem::create_symlink("/proc/self/status", dir / "p.json");  // its size is 0: the size is only a hint
+    EXPECT_NE(files.Read("p.json").find("\nPid:\t"), std::string::npos);
     std::filesystem::create_directory(dir / "d.json");  // opens, but every read fails
     EXPECT_THAT([&] { files.Read("d.json"); },
                 ::testing::ThrowsMessage<std::exception>("Cannot read " + (dir / "d.json").string() + ": Is a directory"));
