@@ -122,8 +122,7 @@ void FileStore::Replace(const std::string& name, const std::function<void(int fd
     temp += kTemporaryMarker + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1));
     Descriptor fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (!fd) Fail("Cannot create", temp, errno);
-    auto discard = [&](const char* what, int error) {
-        fd.reset();
+    auto discard = [&](const char* what, int error) {  // the descriptor closes as the exception leaves
         ::unlink(temp.c_str());
         Fail(what, temp, error);
     };
@@ -132,7 +131,6 @@ void FileStore::Replace(const std::string& name, const std::function<void(int fd
     } catch (const std::system_error& e) {
         discard("Cannot write", e.code().value());
     } catch (...) {
-        fd.reset();
         ::unlink(temp.c_str());
         throw;
     }

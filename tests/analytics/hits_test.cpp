@@ -136,6 +136,8 @@ protected:
                                            [this] { ++restarts; });
     }
     std::string File() const { return dir.Read(QueueFile::kFileName); }
+    // The store a new process makes of the directory.
+    std::unique_ptr<HitStore> Reloaded() { auto next = std::make_unique<HitStore>(log, files); next->Load(); return next; }
     std::vector<std::string> Queued() const {  // as a new process would find them
         std::vector<QueuedHit> hits;
         QueueFile::ReadQueued(dir.path(), hits);
@@ -183,15 +185,14 @@ TEST_F(HitStoreTest, AppendingDeliveringAndLoadingDoNotGrowWithTheQueue) {
     ASSERT_TRUE(store.TakeFront());
     store.RemoveFront();
     const auto delivered = ThreadIo();
-    HitStore next(log, files);
-    next.Load();
+    const auto next = Reloaded();
     const auto loaded = ThreadIo();
     // The file is 1.5 MB; a sanitizer's own writes may add some bytes.
     EXPECT_LE(appended.second - before.second, static_cast<long long>(QueueFileMember("s-new", 7).size()) + 3 + 1024);
     EXPECT_LE(delivered.second - appended.second, 1024);
     EXPECT_LE(loaded.first - delivered.first, 16 * 1024);
-    EXPECT_EQ(next.Size(), 3000u);
-    EXPECT_EQ(next.TakeFront()->hit, "s1" + std::string(500, 'x'));
+    EXPECT_EQ(next->Size(), 3000u);
+    EXPECT_EQ(next->TakeFront()->hit, "s1" + std::string(500, 'x'));
 }
 
 // Another queue copied over the file in place, as cp does (same inode): the old record no longer fits.
@@ -201,9 +202,8 @@ TEST_F(HitStoreTest, AQueueCopiedOverTheFileInPlaceIsReadWhole) {
     std::string copy = File();
     for (const char* name : {"\"s0\"", "\"s1\"", "\"s2\""}) copy[copy.find(name) + 1] = 't';
     dir.Write(QueueFile::kFileName, copy);
-    HitStore next(log, files);
-    next.Load();
-    EXPECT_EQ(Take(next), (std::vector<std::string>{"t0", "t1", "t2", "s3", "s4", "s5", "s6", "s7", "s8", "s9"}));
+    const auto next = Reloaded();
+    EXPECT_EQ(Take(*next), (std::vector<std::string>{"t0", "t1", "t2", "s3", "s4", "s5", "s6", "s7", "s8", "s9"}));
 }
 
 // A record that a power cut tore or changed gives the queue or an older place in it. One that a kill
@@ -220,9 +220,8 @@ TEST_F(HitStoreTest, ARecordDamagedOrBehindTheFileLosesNoHit) {
         EXPECT_TRUE(!hits.empty() && hits.size() <= 3 && hits.back() == "s2") << at;
     }
     dir.Write(QueueFile::kIndexName, index);
-    HitStore next(log, files);
-    next.Load();
-    EXPECT_EQ(Take(next), std::vector<std::string>{"s2"});
+    const auto next = Reloaded();
+    EXPECT_EQ(Take(*next), std::vector<std::string>{"s2"});
 }
 
 TEST_F(HitStoreTest, AMoveOfTheDeliveredPrefixThatTheDiskRefusesIsGivenUpAndTheQueueGoesOnInPlace) {
@@ -271,11 +270,10 @@ TEST_F(HitStoreTest, AFileCutAnywhereKeepsEveryWholeEntryBeforeTheCut) {
         HitStore(log, files).Load();  // the record of the whole file: appends after it start there
         capture.Clear();
         dir.Write(QueueFile::kFileName, state.bytes);
-        HitStore cut(log, files);
-        cut.Load();
-        EXPECT_EQ(cut.Size(), state.whole);
+        const auto cut = Reloaded();
+        EXPECT_EQ(cut->Size(), state.whole);
         EXPECT_TRUE(!state.clean || capture.Lines().empty());
-        cut.Append("s3", 3);
+        cut->Append("s3", 3);
         std::vector<std::string> expected(names.begin(), names.begin() + state.whole);
         expected.push_back("s3");
         EXPECT_EQ(Queued(), expected);
@@ -293,20 +291,18 @@ TEST_F(HitStoreTest, ALongDeliveredPrefixLeavesTheFileAndTheQueueGoesOnWhereItWa
         ASSERT_TRUE(taken && taken->hit == hit(i)) << i;
         EXPECT_TRUE(i != 1024 || std::filesystem::file_size(dir / QueueFile::kFileName) < 1100u * 1024) << "not moved yet";
     }
-    HitStore next(log, files);
-    next.Load();
-    EXPECT_EQ(next.Size(), 948u);
-    EXPECT_EQ(next.TakeFront()->hit, hit(1100));
+    const auto next = Reloaded();
+    EXPECT_EQ(next->Size(), 948u);
+    EXPECT_EQ(next->TakeFront()->hit, hit(1100));
     EXPECT_EQ(store.TakeFront()->hit, hit(1100));
     // Without the record, the hits delivered since the move are sent again, none is lost, and the
     // file, whole in this library's layout, is read in place rather than rewritten.
     std::filesystem::remove(dir / QueueFile::kIndexName);
     std::filesystem::create_hard_link(dir / QueueFile::kFileName, dir / "as-it-was");
-    HitStore unindexed(log, files);
-    unindexed.Load();
+    const auto unindexed = Reloaded();
     EXPECT_TRUE(std::filesystem::equivalent(dir / QueueFile::kFileName, dir / "as-it-was"));
-    EXPECT_EQ(unindexed.Size(), 1024u);
-    EXPECT_EQ(unindexed.TakeFront()->hit, hit(1024));
+    EXPECT_EQ(unindexed->Size(), 1024u);
+    EXPECT_EQ(unindexed->TakeFront()->hit, hit(1024));
 }
 
 // A daemon usually starts with its standard input closed: the queue file then gets descriptor 0,
@@ -317,10 +313,9 @@ TEST_F(HitStoreTest, ADaemonWithoutStandardInputKeepsItsQueueOnDescriptorZeroAnd
     ASSERT_GE(daemon.saved, 0);
     const auto before = test::OpenDescriptors();
     {
-        HitStore next(log, files);
-        next.Load();
+        const auto next = Reloaded();
         EXPECT_GE(::fcntl(0, F_GETFD), 0) << "descriptor 0 is not the queue file";
-        EXPECT_EQ(Take(next), (std::vector<std::string>{"s1", "s2", "s3"}));
+        EXPECT_EQ(Take(*next), (std::vector<std::string>{"s1", "s2", "s3"}));
     }
     EXPECT_EQ(test::OpenDescriptors(), before);
 }
@@ -336,11 +331,10 @@ TEST_F(HitStoreTest, DamageMetWhileSendingEndsTheQueueBeforeIt) {
         bytes[bytes.find("\"s" + std::to_string(damaged))] = '\x01';
         dir.Write(QueueFile::kFileName, bytes);
         capture.Clear();
-        HitStore next(log, files);
-        next.Load();
-        EXPECT_EQ(next.Size(), 3u);
-        EXPECT_EQ(Take(next), std::vector<std::string>(damaged, "s0"));
-        EXPECT_EQ(next.Size(), 0u);
+        const auto next = Reloaded();
+        EXPECT_EQ(next->Size(), 3u);
+        EXPECT_EQ(Take(*next), std::vector<std::string>(damaged, "s0"));
+        EXPECT_EQ(next->Size(), 0u);
         EXPECT_EQ(capture.Lines(), std::vector<std::string>{"Velmora Error:Analytics - Unable to load queued hits (the file is "
                                                             "damaged after byte " + std::to_string(9 + damaged * 16) + ")"});
         EXPECT_EQ(File(), "{\"Hits\":[" + (damaged == 1 ? QueueFileMember("s0", 0) : "") + "]}");
