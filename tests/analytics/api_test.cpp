@@ -112,11 +112,10 @@ TEST_F(PublicAnalytics, CallsOfEveryModuleBecomeHitsInCallOrderStampedNoLaterTha
     std::vector<std::pair<std::string, std::int64_t>> arrived;  // name, arrival in seconds
     server_.OnGet([&](const httplib::Request& request, httplib::Response&) {
         const ReceivedHit hit = DecodeHit(request.target);
-        const auto ts = std::stoll(hit.variables.at("ts"));
         std::lock_guard lock(mutex);
         const auto pev2 = hit.variables.find("pev2");
         arrived.emplace_back(pev2 != hit.variables.end() ? pev2->second : hit.variables.at("pageName"),
-                             std::time(nullptr) - ts);
+                             std::time(nullptr) - std::stoll(hit.variables.at("ts")));
     });
     Configure(true, "", 0);
     Velmora::Config::CollectLifecycleData();

@@ -193,7 +193,7 @@ INSTANTIATE_TEST_SUITE_P(
                   "100s m_i Movie complete=true timePlayed=25", NoItem("play", "Movie")}},
         Scenario{"TrackSecondsAndAClickAtTheEnd",
                  {Open("Clip", 300).With(&S::TrackSeconds, 10), Play("Clip"), Tick(25), Click("Clip", 300), Stop("Clip"),
-                  Open("Clip", 300), Play("Clip", 300), Play("Clip")},
+                  Open("Clip", 300), Stop("Clip"), Complete("Clip", 0), Play("Clip", 300), Play("Clip")},
                  {"0s m_s Clip length=300 view=true", "10s m_i Clip length=300 timePlayed=10",
                   "20s m_i Clip length=300 timePlayed=10",
                   "25s m_i Clip clicked=true complete=true length=300 timePlayed=280", NoItem("stop", "Clip"),
@@ -298,11 +298,15 @@ TEST(MediaApi, WithoutAnalyticsAnAdLeavesTheApplicationsObjectAsItIsAndNoCallQue
     ASSERT_TRUE(t.ConfigureProcess(R"({"vantor":{"clientCode":"c"}})"));
     Velmora::Config::SetDebugLogging(true);
     auto settings = Velmora::Media::AdSettingsWith("Spot", 15, "Ads", "Mo\nvie", "pod", 1, "3");
+    std::promise<void> release;  // the application changes its object before the queue gets to the ad
+    Runtime::Process().GeneralQueue().Post([gate = release.get_future().share()] { gate.wait(); });
     Velmora::Media::Open(settings);
+    settings->ParentName = "Mine";
+    release.set_value();
     Velmora::Analytics::TrackState("state");
     Velmora::Analytics::TrackAction("action");
     Velmora::Host::Flush(std::chrono::seconds(30));
-    EXPECT_EQ(settings->ParentName, "Mo\nvie");
+    EXPECT_EQ(settings->ParentName, "Mine");
     EXPECT_EQ(Velmora::Analytics::GetQueueSize(), 0u);
     EXPECT_TRUE(t.log.Contains("Velmora Warning:Analytics - Your config file is not set up to use Analytics"));
 }

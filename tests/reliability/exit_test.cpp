@@ -15,10 +15,7 @@ namespace {
 // loaded machine is slow. Waiting out a request time-out (5 s) or a cooldown (30 s) fails it.
 constexpr auto kEndLimit = std::chrono::milliseconds(2500);
 
-struct Ended {
-    std::vector<std::string> lines;  // standard output
-    std::string errors;
-};
+struct Ended { std::vector<std::string> lines; std::string errors; };  // standard output, standard error
 
 std::string Config(const std::string& server) {
     return R"({"analytics":{"rsids":"rs","server":")" + server +
