@@ -321,7 +321,8 @@ TEST_F(HitStoreTest, ADaemonWithoutStandardInputKeepsItsQueueOnDescriptorZeroAnd
 // The record vouches for the entries before the head and the last one, not for those between: one
 // damaged there (a power cut, a disk error) ends the queue before it once the sender reaches it.
 TEST_F(HitStoreTest, DamageMetWhileSendingEndsTheQueueBeforeIt) {
-    const std::string text = R"({"Hits":[{"T":0,"H":"s0"},{"T":1,"H":"s1"},{"T":2,"H":"s2"}]})";
+    const std::string s0 = "s0" + std::string(HitStore::kWindowBytes, 'x'), first = QueueFileMember(s0, 0);  // a read of its own
+    const std::string text = "{\"Hits\":[" + first + R"(,{"T":1,"H":"s1"},{"T":2,"H":"s2"}]})";
     for (std::size_t damaged : {0u, 1u}) {
         dir.Write(QueueFile::kFileName, text);
         HitStore(log, files).Load();  // the record
@@ -331,11 +332,11 @@ TEST_F(HitStoreTest, DamageMetWhileSendingEndsTheQueueBeforeIt) {
         capture.Clear();
         const auto next = Reloaded();
         EXPECT_EQ(next->Size(), 3u);
-        EXPECT_EQ(Take(*next), std::vector<std::string>(damaged, "s0"));
+        EXPECT_EQ(Take(*next), std::vector<std::string>(damaged, s0));
         EXPECT_EQ(next->Size(), 0u);
         EXPECT_EQ(capture.Lines(), std::vector<std::string>{"Velmora Error:Analytics - Unable to load queued hits (the file is "
-                                                            "damaged after byte " + std::to_string(9 + damaged * 16) + ")"});
-        EXPECT_EQ(File(), "{\"Hits\":[" + (damaged == 1 ? QueueFileMember("s0", 0) : "") + "]}");
+                                                            "damaged after byte " + std::to_string(9 + damaged * (first.size() + 1)) + ")"});
+        EXPECT_EQ(File(), "{\"Hits\":[" + (damaged == 1 ? first : "") + "]}");
     }
 }
 
