@@ -73,6 +73,7 @@ TEST(QueueFile, AnyValidJsonReadsLikeTheFilesThisLibraryWritesAndDamageKeepsTheE
         {R"({ "Hits" : [ {"H":"a\"b\u00e9","X":{"T":{"y":[1]}},"T":5,"Z":"z","N":7} ], "Y":[1], "V":"v" })", {{5, "a\"b\xC3\xA9"}}, false},
         {R"({"Other":[{"T":1,"H":"a"}]})", {}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":01,"H":"b"}]})", {{1, "a"}}, true},
+        {R"({"Hits":[{"T":1,"H":"a"},{"T":,"H":"b"}]})", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":2,"H":"b)", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"}]}x)", {{1, "a"}}, true},
         {"{\"Hits\":[{\"T\":1,\"H\":\"a\"},{\"T\":2,\"H\":\"b\x01\"}]}", {{1, "a"}}, true},
@@ -368,10 +369,12 @@ TEST_F(HitStoreTest, AHitIsInTheFileBeforeTheSenderGetsItAndUntilItsAnswerIsKnow
     store.Append("s1?a=\"q\"", 1);  // a third change is on its way: a save may wait for it
     ASSERT_TRUE(store.TakeFront());
     EXPECT_EQ(Queued(), std::vector<std::string>{"s1?a=\"q\""});
-    store.Append("s2", -2);
+    store.Append("s2", INT32_MIN);
     EXPECT_EQ(Queued(), (std::vector<std::string>{"s1?a=\"q\"", "s2"}));
     store.Return();  // to be tried again: first in line
     EXPECT_EQ(Take(store), (std::vector<std::string>{"s1?a=\"q\"", "s2"}));
+    store.Close();  // the end of the process: all on the disk, without a line
+    EXPECT_TRUE(capture.Lines().empty());
     EXPECT_EQ(Reloaded()->Size(), 0u) << "delivered, as a new process finds it";
 }
 

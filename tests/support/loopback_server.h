@@ -46,15 +46,8 @@ public:
     // Answers for the next requests, in order.
     void Script(std::vector<int> statuses) { std::lock_guard lock(mutex_); script_.assign(statuses.begin(), statuses.end()); }
     // For handlers: blocks until Release() or the end of the server.
-    void Hold() {
-        std::unique_lock lock(mutex_);
-        released_.wait(lock, [this] { return release_; });
-    }
-    void Release() {
-        std::lock_guard lock(mutex_);
-        release_ = true;
-        released_.notify_all();
-    }
+    void Hold() { std::unique_lock lock(mutex_); released_.wait(lock, [this] { return release_; }); }
+    void Release() { std::lock_guard lock(mutex_); release_ = true; released_.notify_all(); }
 
     int Port() const { return port_; }
     std::string Address() const { return "127.0.0.1:" + std::to_string(port_); }
