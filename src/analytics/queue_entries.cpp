@@ -21,10 +21,8 @@ constexpr auto kMinTimestamp = std::numeric_limits<std::int32_t>::min();
 constexpr auto kMaxTimestamp = std::numeric_limits<std::int32_t>::max();
 constexpr std::size_t kChunk = 64 * 1024;
 
-std::int32_t ClampTimestamp(double seconds) {
-    if (!(seconds > kMinTimestamp)) return kMinTimestamp;
-    if (!(seconds < kMaxTimestamp)) return kMaxTimestamp;
-    return static_cast<std::int32_t>(seconds);
+std::int32_t ClampTimestamp(double seconds) {  // JSON has no NaN
+    return static_cast<std::int32_t>(std::clamp<double>(seconds, kMinTimestamp, kMaxTimestamp));
 }
 
 enum class Scan { kEntry, kShort, kBad };
