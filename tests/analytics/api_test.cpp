@@ -155,7 +155,9 @@ TEST_P(Consent, NoOfferOrSignalLeavesWithoutOptInAndNothingIsQueuedAfterAnOptOut
     Velmora::Analytics::TrackState("S");
     Velmora::Analytics::TrackLocation(40.7, -74.0, 5);
     EXPECT_EQ(Velmora::Vantor::LoadRequest(Velmora::Vantor::CreateRequest("home", "fallback", {})).get(), "fallback");
+    Velmora::Cohorta::SetDpidAndDpuuid("P", "Q");  // kept on the device, and set by the time the signal is answered
     EXPECT_EQ(Velmora::Cohorta::SubmitSignal({{"trait", 1}}).get(), std::nullopt);
+    EXPECT_EQ(Velmora::Cohorta::GetDpid() + Velmora::Cohorta::GetDpuuid(), "PQ");
     EXPECT_EQ(Velmora::Analytics::GetTrackingIdentifierAsync().get().size(), 33u);
     EXPECT_EQ(Velmora::Analytics::GetQueueSize(), optOut ? 0u : 3u);
     Velmora::Host::Flush(kWait);

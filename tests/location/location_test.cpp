@@ -19,15 +19,17 @@ TEST(Location, HitsCarryThePiecesAndTheFirstPointInRangeAndSoDoesTheNextOfferReq
     test::LoopbackServer server;
     HostOptions options;
     options.connectTo = {kHost + ":80:" + server.Address()};
-    // "near" comes after "wide" and is nearer; "zero" (radius 0) and the unnamed point sit on the position.
+    // "near" comes after "wide" and is nearer; "wide" reaches exactly to the position; "zero" (radius 0)
+    // and the unnamed point sit on it.
     test::TestRuntime t(R"({"analytics":{"rsids":"rs","server":")" + server.Address() + R"(","poi":[)"
-                        R"(["zero",40.7127837,-74.0059413,0],["",40.7127837,-74.0059413,1000],["wide",40.72,-74.0059413,5000],)"
+                        R"(["zero",40.7127837,-74.0059413,0],["",40.7127837,-74.0059413,1000],["wide",40.72,-74.0059413,802.41594914469192],)"
                         R"(["near",40.7127837,-74.0059413,100]]},"vantor":{"clientCode":"acme"}})", options);
     t.runtime->Log().SetDebugEnabled(true);
     t.runtime->GetSettingsStore().Insert(kAidKey, std::string("0000000000000000-0000000000000000"));
     auto& location = t.runtime->GetLocationTracker();
     auto& vantor = t.runtime->GetVantorClient();
     location.TrackLocation(90.000001, 0, 1, {});
+    location.TrackLocation(0, -180.000001, 1, {});
     location.TrackLocation(40.7127837, -74.0059413, 12.6, {{"shop", "1"}});
     vantor.LoadRequest({"home", "", {}}).get();
     location.TrackLocation(90.0, 180.0, 0, {});

@@ -91,9 +91,7 @@ struct Opening {
         settings.*field = std::move(value);
         return *this;
     }
-    operator Step() const {
-        return {[s = settings](MediaModule& m) { m.Open(std::make_shared<S>(s)); }};
-    }
+    operator Step() const { return {[s = settings](MediaModule& m) { m.Open(std::make_shared<S>(s)); }}; }
     S settings;
 };
 Opening Open(std::string name, double length) {

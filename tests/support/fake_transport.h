@@ -29,9 +29,7 @@ public:
         respond_ = std::move(respond);
     }
     // Every request gets this outcome.
-    void Always(HttpOutcome outcome) {
-        OnSend([outcome](const HttpRequest&) { return outcome; });
-    }
+    void Always(HttpOutcome outcome) { OnSend([outcome](const HttpRequest&) { return outcome; }); }
     std::vector<HttpRequest> Requests() const {
         std::lock_guard lock(mutex_);
         return requests_;
