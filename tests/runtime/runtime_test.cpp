@@ -50,6 +50,8 @@ TEST(Runtime, AnIdleProcessHoldsAtMostTwoNamedLibraryThreads) {
         << ::testing::PrintToString(names);
     // The log capture and directories die with this scope; the library must stop writing first.
     EXPECT_TRUE(Velmora::Host::Shutdown(std::chrono::seconds(10)));
+    EXPECT_TRUE(velmora::test::WaitUntil([&] { return (names = LibraryThreads()).empty(); }, std::chrono::seconds(30)))
+        << ::testing::PrintToString(names);  // the timer thread goes a moment after its last timer
 }
 
 // A copy of "VelmoraSettings.db" alone, taken after the end, has what was written.
