@@ -44,16 +44,23 @@ TEST(DeliveryStats, EachHitIsCountedWhereItEndsAndTheFilesBacklogIsWaitingOnceLo
     EXPECT_EQ(Counts(hits), std::make_tuple(3, 3, 1, 3, 0, 200));
 }
 
-// Hits queued while the connection is down go out once the watch sees it back, without another call.
+// Hits queued while the connection is down go out once the watch sees it back, without another call,
+// each time it goes down.
 TEST(DeliveryStats, HitsQueuedWithoutAConnectionGoOutOnceTheWatchSeesItBack) {
     LoopbackServer server;
-    std::atomic<int> probes{0};
+    std::atomic<bool> up{false};
     HostOptions options;
-    options.internetAvailable = [&probes] { return ++probes > 1; };  // down at the first check only
+    options.internetAvailable = [&up] { return up.load(); };
     TestRuntime env(R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
                     R"(","offlineEnabled":true,"privacyDefault":"optedin"}})", options);
-    env.runtime->GetHitQueue().QueueHit("s1?a=1", 1);
-    EXPECT_TRUE(WaitUntil([&] { env.clock->Advance(HitSender::kConnectionCheckInterval); return server.Count() == 1; }));
+    HitQueue& hits = env.runtime->GetHitQueue();
+    for (std::size_t round = 1; round <= 2; ++round) {
+        up = false;
+        hits.QueueHit("s1?a=1", 1);
+        EXPECT_FALSE(hits.Flush(std::chrono::seconds(10)));  // the sender found the connection down
+        up = true;
+        EXPECT_TRUE(WaitUntil([&] { env.clock->Advance(HitSender::kConnectionCheckInterval); return server.Count() == round; }));
+    }
 }
 
 }  // namespace

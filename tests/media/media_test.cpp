@@ -30,7 +30,7 @@ TEST(MediaMilestones, ParseOrRaiseTheStandardConversionError) {
         {"31,30", true, 30.5, {0, 30}, nullptr},
         {"2147483647", true, -1, {0, 2147483647}, nullptr},
         {"25,,50", true, -1, {}, "invalid stoi argument"},
-        {"10,2147483648", true, -1, {}, "stoi argument out of range"},
+        {"10,-2147483649", true, -1, {}, "stoi argument out of range"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);

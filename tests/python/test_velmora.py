@@ -88,13 +88,13 @@ def test_asynchronous_results_are_futures(server):
 
 def test_media_settings_and_identifiers_go_through(server):
     clip = velmora.media_settings_with("Clip", 30.0, "player", "p1")
-    clip.channel = "news"
+    clip.channel, clip.milestones, clip.segment_by_milestones = "news", "50", True
     velmora.media_open(clip)
     velmora.media_play("Clip", 0)
     velmora.media_close("Clip")
     velmora.set_user_identifier("user-7")
     assert velmora.flush(timeout=10)
-    assert any("&amediachannel=news&" in hit and "&amediaview=true&" in hit for hit in server.hits)
+    assert any("&amediachannel=news&" in hit and "&amediasegment=M%3A0-50&" in hit for hit in server.hits)
     assert velmora.get_user_identifier() == "user-7"
 
 
