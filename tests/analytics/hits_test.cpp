@@ -87,9 +87,7 @@ TEST(QueueFile, AnyValidJsonReadsLikeTheFilesThisLibraryWritesAndDamageKeepsTheE
             bool damaged = false;
             try {
                 own ? QueueFile::ReadQueued(dir.path(), parsed) : ParseQueueFile(c.text, parsed);
-            } catch (const std::exception&) {
-                damaged = true;
-            }
+            } catch (const std::exception&) { damaged = true; }
             Hits hits;
             for (const auto& hit : parsed) hits.emplace_back(hit.timestamp, hit.hit);
             EXPECT_EQ(hits, c.hits) << own << " " << c.text.substr(0, 80);

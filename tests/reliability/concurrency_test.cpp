@@ -137,9 +137,7 @@ TEST(Concurrency, EveryPublicOperationFromEightThreadsKeepsEachThreadsOrder) {
                 ParseTimedActionsFile(env.local.Read(TimedActionStore::kFileName), actions,
                                       [&](const std::string&, const std::string&) { ++tornReads; });
                 ++reads;
-            } catch (const std::exception& e) {
-                ADD_FAILURE() << "unreadable data file: " << e.what();
-            }
+            } catch (const std::exception& e) { ADD_FAILURE() << "unreadable data file: " << e.what(); }
         }
     });
 

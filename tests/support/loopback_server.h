@@ -32,10 +32,7 @@ public:
         std::string path;
         httplib::Headers headers;
         int remotePort = -1;
-        std::string Header(const std::string& name) const {
-            auto it = headers.find(name);
-            return it != headers.end() ? it->second : "";
-        }
+        std::string Header(const std::string& name) const { auto it = headers.find(name); return it != headers.end() ? it->second : ""; }
     };
     using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
 
