@@ -40,9 +40,7 @@ TEST_F(Application, AudienceRequestsAreBuiltInTheirFixedOrderAndFailuresLeaveThe
         const std::size_t before = audience.Requests().size();
         EXPECT_EQ(Cohorta().SubmitSignal(row.traits).get(), std::nullopt);
         EXPECT_EQ(audience.Requests().size() - before, host == "bad host" ? 0u : 1 + row.dests) << "the signal and destinations";
-        if (host != "bad host") {
-            EXPECT_EQ(audience.Requests()[before].timeoutMillis, CohortaClient::kSignalTimeoutMs);
-        }
+        if (host != "bad host") { EXPECT_EQ(audience.Requests()[before].timeoutMillis, CohortaClient::kSignalTimeoutMs); }
         EXPECT_THAT(env.log.Lines(), Contains("Velmora Debug:Cohorta - request (http://" + host + "/event?" + row.query + kTail + ")"));
         EXPECT_THAT(env.log.Lines(), Contains(StartsWith(row.line)));
         EXPECT_EQ(LookupText(Settings(), kCohortaUserIdKey), row.userId);

@@ -51,11 +51,7 @@ public:
     std::string Url(const std::string& path = "") const { return "http://" + Address() + path; }
 
     std::vector<Request> Requests() const { std::lock_guard lock(mutex_); return requests_; }
-    std::vector<std::string> Targets() const {
-        std::vector<std::string> targets;
-        for (const auto& request : Requests()) targets.push_back(request.target);
-        return targets;
-    }
+    std::vector<std::string> Targets() const { std::vector<std::string> t; for (const auto& r : Requests()) t.push_back(r.target); return t; }
     std::vector<ReceivedHit> Hits() const;  // the requests under /b/ss/, decoded
     std::size_t Count() const { std::lock_guard lock(mutex_); return requests_.size(); }
     std::size_t Connections() const;  // distinct client ports seen
