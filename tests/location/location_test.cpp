@@ -19,8 +19,7 @@ TEST(Location, HitsCarryThePiecesAndTheFirstPointInRangeAndSoDoesTheNextOfferReq
     test::LoopbackServer server;
     HostOptions options;
     options.connectTo = {kHost + ":80:" + server.Address()};
-    // "near" comes after "wide" and is nearer; "wide" reaches exactly to the position; "zero" (radius 0)
-    // and the unnamed point sit on it.
+    // "near" comes after "wide", which reaches exactly to the position; "zero" (radius 0) and "" sit on it.
     test::TestRuntime t(R"({"analytics":{"rsids":"rs","server":")" + server.Address() + R"(","poi":[)"
                         R"(["zero",40.7127837,-74.0059413,0],["",40.7127837,-74.0059413,1000],["wide",40.72,-74.0059413,802.41594914469192],)"
                         R"(["near",40.7127837,-74.0059413,100]]},"vantor":{"clientCode":"acme"}})", options);

@@ -87,14 +87,17 @@ def test_asynchronous_results_are_futures(server):
 
 
 def test_media_settings_and_identifiers_go_through(server):
-    clip = velmora.media_settings_with("Clip", 30.0, "player", "p1")
-    clip.channel, clip.milestones, clip.segment_by_milestones = "news", "50", True
-    velmora.media_open(clip)
-    velmora.media_play("Clip", 0)
-    velmora.media_close("Clip")
+    for name, offsets in (("Clip", False), ("Cut", True)):  # each segment flag on its own
+        clip = velmora.media_settings_with(name, 30.0, "player", name)
+        clip.channel, clip.milestones, clip.offset_milestones = "news", "50", "10"
+        clip.segment_by_milestones, clip.segment_by_offset_milestones = not offsets, offsets
+        velmora.media_open(clip)
+        velmora.media_play(name, 0)
+        velmora.media_close(name)
     velmora.set_user_identifier("user-7")
     assert velmora.flush(timeout=10)
-    assert any("&amediachannel=news&" in hit and "&amediasegment=M%3A0-50&" in hit for hit in server.hits)
+    for segment in ("M%3A0-50", "O%3A0-10"):
+        assert any("&amediachannel=news&" in hit and f"&amediasegment={segment}&" in hit for hit in server.hits)
     assert velmora.get_user_identifier() == "user-7"
 
 
