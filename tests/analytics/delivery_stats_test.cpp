@@ -44,8 +44,7 @@ TEST(DeliveryStats, EachHitIsCountedWhereItEndsAndTheFilesBacklogIsWaitingOnceLo
     EXPECT_EQ(Counts(hits), std::make_tuple(3, 3, 1, 3, 0, 200));
 }
 
-// Hits queued while the connection is down go out once the watch sees it back, without another call,
-// each time it goes down.
+// Hits queued while the connection is down go out once the watch sees it back, every time, without another call.
 TEST(DeliveryStats, HitsQueuedWithoutAConnectionGoOutOnceTheWatchSeesItBack) {
     LoopbackServer server;
     std::atomic<bool> up{false};

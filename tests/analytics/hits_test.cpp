@@ -76,6 +76,7 @@ TEST(QueueFile, AnyValidJsonReadsLikeTheFilesThisLibraryWritesAndDamageKeepsTheE
         {R"({"Hits":[{"T":1,"H":"a"},{"T":,"H":"b"}]})", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":2,"H":"b)", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"}]}x)", {{1, "a"}}, true},
+        {R"({"Hits":[{"T":1,"H":"a"}]x)", {{1, "a"}}, true},
         {"{\"Hits\":[{\"T\":1,\"H\":\"a\"},{\"T\":2,\"H\":\"b\x01\"}]}", {{1, "a"}}, true},
     };
     TempDir dir;
