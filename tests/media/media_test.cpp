@@ -266,18 +266,18 @@ TEST(MediaApi, OpensACopyTranslatesTrackDataAndSendsTheCostOnlyWithThePlay) {
     Velmora::Media::Open(settings);
     settings->Name = "Changed";  // the open item keeps what was passed
     Velmora::Media::Open(nullptr);  // refused on the queue, without a copy to make
-    std::promise<void> release;  // an ad without a parent is refused: what the application sets after stays
+    std::promise<void> release;  // ads refused for their parent or their name: what the application sets after stays
     Runtime::Process().GeneralQueue().Post([gate = release.get_future().share()] { gate.wait(); });
-    auto orphan = Velmora::Media::AdSettingsWith("Orphan", 15, "Ads", "", "pod", 1, "3");
-    Velmora::Media::Open(orphan);
-    orphan->ParentName = "Mine";
+    const std::shared_ptr<Velmora::MediaSettings> refused[] = {Velmora::Media::AdSettingsWith("Orphan", 15, "Ads", "", "pod", 1, "3"),
+                                                               Velmora::Media::AdSettingsWith("\n", 15, "Ads", "Mo\nvie", "pod", 1, "3")};
+    for (const auto& ad : refused) Velmora::Media::Open(ad), ad->ParentName = "Mine";
     release.set_value();
     Velmora::Media::Play("Spot", 0);
     Velmora::Media::Track("Spot", {{"count", std::int32_t{3}}, {"flag", true}, {"ratio", 0.5},
                                    {"empty", std::string()}, {"none", nullptr}});
     ASSERT_TRUE(Velmora::Host::Flush(std::chrono::seconds(30)));
 
-    EXPECT_EQ(settings->ParentName + "|" + orphan->ParentName, "Movie--**--|Mine") << "the cleaned parent name of the ad that opened";
+    EXPECT_EQ(settings->ParentName + "|" + refused[0]->ParentName + refused[1]->ParentName, "Movie--**--|MineMine") << "only the ad that opened";
     const auto hits = server.Hits();
     ASSERT_EQ(hits.size(), 2u);
     // Before any tick there is one snapshot, so the tracked hit has the view form too, without the cost.
