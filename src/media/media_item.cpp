@@ -107,10 +107,8 @@ void UpdateState(MediaItem& item, std::int32_t eventType, double offset) {
 
     // The snapshot keeps the reported position; only the percentage is taken from the clamped one.
     current.offset = offset;
-    if (item.length > 0 && offset >= item.length) offset = item.length;
-    if (offset < 0) offset = 0;
     if (item.length != -1) {
-        current.percent = std::min(offset / item.length * 100.0, 100.0);
+        current.percent = std::clamp(offset / item.length * 100.0, 0.0, 100.0);
         if (current.percent >= 100) current.complete = true;
     } else {
         current.complete = false;

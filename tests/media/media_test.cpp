@@ -17,16 +17,18 @@ namespace velmora {
 namespace {
 
 using namespace std::chrono_literals;
+// Until the promise is set, the queue waits: what the application does meanwhile comes first.
+auto Hold(SerialQueue& q) { std::promise<void> p; q.Post([f = p.get_future().share()] { f.wait(); }); return p; }
 
 TEST(MediaMilestones, ParseOrRaiseTheStandardConversionError) {
     // `error`: what() of the std::invalid_argument or std::out_of_range raised instead.
     struct Case { const char* text; bool offsets; double length; std::vector<std::int32_t> list; const char* error; };
     const Case cases[] = {
         {"25,50,25,150,0", false, 100, {0, 25, 50}, nullptr},
-        {" 75, 10x,+5,100,101,-1", false, 100, {0, 5, 10, 75, 100}, nullptr},
+        {" 75, 10x,+5,100,101,-1,1", false, 100, {0, 1, 5, 10, 75, 100}, nullptr},
         {"10,20,999", true, 60, {0, 10, 20}, nullptr},
         {"10,20,999", true, -1, {0, 10, 20, 999}, nullptr},
-        {"60,61,0,-4", true, 60, {0, 60}, nullptr},
+        {"60,61,0,-2147483648", true, 60, {0, 60}, nullptr},
         {"31,30", true, 30.5, {0, 30}, nullptr},
         {"2147483647", true, -1, {0, 2147483647}, nullptr},
         {"25,,50", true, -1, {}, "invalid stoi argument"},
@@ -162,8 +164,7 @@ TEST_P(MediaScenario, SendsTheseHitsAndLogsTheseLines) {
     };
     for (const Step& step : GetParam().steps) {
         if (step.busy) {
-            std::promise<void> release;
-            env.runtime->GeneralQueue().Post([gate = release.get_future().share()] { gate.wait(); });
+            std::promise<void> release = Hold(env.runtime->GeneralQueue());
             env.clock->Advance(std::chrono::seconds(step.busy));
             release.set_value();
         }
@@ -266,8 +267,7 @@ TEST(MediaApi, OpensACopyTranslatesTrackDataAndSendsTheCostOnlyWithThePlay) {
     Velmora::Media::Open(settings);
     settings->Name = "Changed";  // the open item keeps what was passed
     Velmora::Media::Open(nullptr);  // refused on the queue, without a copy to make
-    std::promise<void> release;  // ads refused for their parent or their name: what the application sets after stays
-    Runtime::Process().GeneralQueue().Post([gate = release.get_future().share()] { gate.wait(); });
+    std::promise<void> release = Hold(Runtime::Process().GeneralQueue());  // ads refused: what is set after stays
     const std::shared_ptr<Velmora::MediaSettings> refused[] = {Velmora::Media::AdSettingsWith("Orphan", 15, "Ads", "", "pod", 1, "3"),
                                                                Velmora::Media::AdSettingsWith("\n", 15, "Ads", "Mo\nvie", "pod", 1, "3")};
     for (const auto& ad : refused) Velmora::Media::Open(ad), ad->ParentName = "Mine";
@@ -302,8 +302,7 @@ TEST(MediaApi, WithoutAnalyticsAnAdLeavesTheApplicationsObjectAsItIsAndNoCallQue
     ASSERT_TRUE(t.ConfigureProcess(R"({"vantor":{"clientCode":"c"}})"));
     Velmora::Config::SetDebugLogging(true);
     auto settings = Velmora::Media::AdSettingsWith("Spot", 15, "Ads", "Mo\nvie", "pod", 1, "3");
-    std::promise<void> release;  // the application changes its object before the queue gets to the ad
-    Runtime::Process().GeneralQueue().Post([gate = release.get_future().share()] { gate.wait(); });
+    std::promise<void> release = Hold(Runtime::Process().GeneralQueue());  // the application changes its object first
     Velmora::Media::Open(settings);
     settings->ParentName = "Mine";
     release.set_value();
