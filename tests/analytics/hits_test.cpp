@@ -59,12 +59,13 @@ TEST(Builder, CacheBustersFollowSeededRandAndLeaveTheApplicationsRandAlone) {
 }
 
 TEST(QueueFile, AnyValidJsonReadsLikeTheFilesThisLibraryWritesAndDamageKeepsTheEntriesBefore) {
-    EXPECT_EQ(QueueFileMember("s1?a=\"q\"\\\t%20/", -1), R"({"T":-1,"H":"s1?a=\"q\"\\\t%20/"})");
+    const std::pair<const char*, const char*> members[] = {{"\t", R"("\t")"}, {"\"", R"("\"")"}, {"\\", R"("\\")"},
+                                                           {"\xFF", "\"\xEF\xBF\xBD\""}, {"s1?a= ~%20/", R"("s1?a= ~%20/")"}};
+    for (const auto& [hit, text] : members) EXPECT_EQ(QueueFileMember(hit, -1), std::string(R"({"T":-1,"H":)") + text + "}");
     using Hits = std::vector<std::pair<std::int32_t, std::string>>;
     const std::string big(70000, 'x');  // longer than one read of the file
     const struct { std::string text; Hits hits; bool damaged; } cases[] = {
-        {"", {}, false},
-        {R"({"Hits":[]})", {}, false},
+        {"", {}, false}, {R"({"Hits":[]})", {}, false},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":-2,"H":"b"},{"T":0,"H":""}]})", {{1, "a"}, {-2, "b"}, {0, ""}}, false},
         {R"({"Hits":[{"T":1,"H":")" + big + R"("}]})", {{1, big}}, false},
         {R"({"Hits":[{"T":99999999999,"H":"a"},{"T":-99999999999,"H":"b"},{"T":1e3,"H":"c"}]})",
@@ -73,6 +74,7 @@ TEST(QueueFile, AnyValidJsonReadsLikeTheFilesThisLibraryWritesAndDamageKeepsTheE
         {R"({ "Hits" : [ {"H":"a\"b\u00e9","X":{"T":{"y":[1]}},"T":5,"Z":"z","N":7} ], "Y":[1], "V":"v" })", {{5, "a\"b\xC3\xA9"}}, false},
         {R"({"Other":[{"T":1,"H":"a"}]})", {}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":01,"H":"b"}]})", {{1, "a"}}, true},
+        {R"({"Hits":[{"T":1,"H":"a"},{"T":2},{"H":"c"}]})", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":,"H":"b"}]})", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":2,"H":"b)", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"}]}x)", {{1, "a"}}, true},
@@ -402,6 +404,7 @@ TEST_F(HitSenderTest, EachAnswerIsDeliveredRetriedOrDroppedByTheRules) {
     auto cooldown = [&line](int status) {
         return line + "Recoverable network error (" + std::to_string(status) + "), imposing internal cooldown (30 seconds)";
     };
+    const std::string longest(HitSender::kMaxUrlBytes - kBase.size(), 'x');  // with the base, as long as a URL may be
     struct Case { int answer; bool offline; Outcome outcome; std::string lastLine, hit = "s1?ts=1"; };
     for (const Case& c : std::vector<Case>{
              {200, true, Outcome::kDelivered, sending},
@@ -412,13 +415,16 @@ TEST_F(HitSenderTest, EachAnswerIsDeliveredRetriedOrDroppedByTheRules) {
              {kTransportFailure, false, Outcome::kRetryLater, recover},
              {kTransportFailure, true, Outcome::kRetryLater, recover},
              {kRefusedUrl, true, Outcome::kDrop, invalid},
-             {200, true, Outcome::kDrop, invalid, std::string(HitSender::kMaxUrlBytes, 'x')},  // never sent
+             {200, true, Outcome::kDelivered, line + "Sending hit (" + kBase + longest + ")", longest},
+             {200, true, Outcome::kDrop, invalid, longest + "x"},  // never sent
          }) {
         config.offlineEnabled = c.offline;
         Answer(transport, {c.answer});
         EXPECT_EQ(sender->Attempt(QueuedHit{c.hit, 1}), c.outcome) << c.answer << " " << c.offline;
-        EXPECT_EQ(capture.Lines().back(), c.lastLine) << c.answer << " " << c.offline;
+        EXPECT_EQ(capture.Lines().back().substr(0, 200), c.lastLine.substr(0, 200)) << c.answer << " " << c.offline;
     }
+    EXPECT_EQ(store.Stats().Snapshot().dropped, 3u);
+    EXPECT_EQ(transport.Requests().front().timeoutMillis, HitSender::kRequestTimeoutMillis);
 }
 
 TEST_F(HitSenderTest, WithOfflineTrackingATimestampBehindTheLastSentOneIsMovedJustAfterIt) {
@@ -434,6 +440,7 @@ TEST_F(HitSenderTest, WithoutOfflineTrackingAHitMoreThanFiveSecondsOldIsDroppedU
     SendAll({{"old", kNow - 6}, {"recent", kNow - 5}});
     EXPECT_EQ(transport.Urls(), std::vector<std::string>{kBase + "recent"});
     EXPECT_EQ(File(), R"({"Hits":[]})");
+    EXPECT_EQ(store.Stats().Snapshot().dropped, 1u);
 }
 
 // A status that asks for a retry and a failed connection each hold the hit through a cooldown.
