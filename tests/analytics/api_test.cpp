@@ -42,8 +42,7 @@ protected:
         ASSERT_TRUE(env_.ConfigureProcess(R"({"analytics":{"rsids":"rs1,rs2","server":")" + server_.Address() +
                                               R"(","charset":"UTF-8","privacyDefault":"optedin","ssl":false)" +
                                               (offline ? R"(,"offlineEnabled":true,"batchLimit":)" + std::to_string(batch) + "}" : "}") +
-                                              services + "}",
-                                          options));
+                                              services + "}", options));
         if (services.empty()) Runtime::Process().GetSettingsStore().Insert(kAidKey, std::string(kAid));
     }
 

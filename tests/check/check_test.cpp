@@ -15,12 +15,10 @@ namespace {
 struct Case { const char *name, *config; std::vector<std::string> problems, lines; };
 
 const Case kCases[] = {
-    {"clean",
-     R"({"version":"2.0","analytics":{"rsids":"suite1,suite2","server":"collect.example.com:8080","ssl":true,
+    {"clean", R"({"version":"2.0","analytics":{"rsids":"suite1,suite2","server":"collect.example.com:8080","ssl":true,
          "offlineEnabled":true,"batchLimit":5,"lifecycleTimeout":60,"privacyDefault":"optedout",
          "poi":[["Store",40.7,-111.9,150]]},
-        "vantor":{"clientCode":"acme","timeout":3},"cohorta":{"server":"aud.example.com"}})",
-     {},
+        "vantor":{"clientCode":"acme","timeout":3},"cohorta":{"server":"aud.example.com"}})", {},
      {R"(version = "2.0"  (from the file))",
       R"(analytics.rsids = "suite1,suite2"  (from the file; in the hit URL path, /b/ss/<rsids>/))",
       R"(analytics.charset = "UTF-8"  (default: not in the file; sent as "ce" in every hit))",
@@ -67,8 +65,7 @@ const Case kCases[] = {
       "analytics.poi[3]: skipped by the library: 5 elements", "analytics.poi[5]: has no name",
       "analytics.poi[6]: latitude 91.0 is outside -90 to 90", "analytics.poi[6]: radius 0.0 m is not positive"},
      {R"(analytics.poi = 4 point(s): "a" (1.0, 2.0, 3.0 m), "d" (4.0, 5.0, 6.0 m), "" (1.0, 2.0, 3.0 m), "e" (91.0, 2.0, 0.0 m)  (from the file))"}},
-    {"modules left off",
-     R"({"analytics":{"server":"h"},"vantor":{"timeout":2}})",
+    {"modules left off", R"({"analytics":{"server":"h"},"vantor":{"timeout":2}})",
      {"analytics: off, because \"rsids\" is empty", "vantor: off, because \"clientCode\" is empty"},
      {"cohorta: off (no section); signals yield no profile", "library log: Velmora Debug:Config - Cohorta not configured"}},
     {"no analytics section", R"({"version":"1"})", {"analytics: no section"},

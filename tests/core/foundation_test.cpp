@@ -58,8 +58,7 @@ const ConfigCase kConfigCases[] = {
     {"stored out of range kept", R"({"analytics":{}})", 7, "1.0 p7 lt300 UTF-8 vt0", nullptr},
     {"only well-formed points, unknown with offline", R"({"analytics":{"privacyDefault":"optunknown","offlineEnabled":true,
         "poi":[["a",40.7,-111.9,150],["b",1,2],[3,1,2,3],["e","1",2,3],["f",1,"2",3],["g",1,2,"3"],["c",1,2,3,4],
-        ["d",1.5,2.5,0],"x"]}})", 0,
-     "1.0 p3 lt300 UTF-8 vt0 a@40.7,-111.9/150 d@1.5,2.5/0", nullptr},
+        ["d",1.5,2.5,0],"x"]}})", 0, "1.0 p3 lt300 UTF-8 vt0 a@40.7,-111.9/150 d@1.5,2.5/0", nullptr},
 };
 
 TEST(ConfigLoading, FollowsTheFileAndTheStoredStatus) {
@@ -338,13 +337,11 @@ TEST(RouteMonitor, AnswersWhetherADefaultRouteLeavesTheHostAndReadsTheTablesOnly
         GTEST_SKIP() << "no network namespace can be made here with a veth pair (needs CAP_SYS_ADMIN, iproute2 and veth)";
     }
     // The child runs in a namespace of its own and prints what it got wrong, which a failure shows.
-    EXPECT_EXIT(
-        {
-            const std::string got = ::unshare(CLONE_NEWNET) == 0 ? Mistakes() : "unshare failed";
-            std::fputs(got.c_str(), stderr);
-            std::_Exit(got.empty() ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT({
+        const std::string got = ::unshare(CLONE_NEWNET) == 0 ? Mistakes() : "unshare failed";
+        std::fputs(got.c_str(), stderr);
+        std::_Exit(got.empty() ? 0 : 1);
+    }, ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
