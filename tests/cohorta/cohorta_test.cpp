@@ -26,8 +26,7 @@ TEST_F(Application, AudienceRequestsAreBuiltInTheirFixedOrderAndFailuresLeaveThe
         {{{"t", "1"}}, "", "", "Q", "c_t=1&", "{}", empty},
         {{{"t", "1"}}, "U1", "P", "Q", "c_t=1&d_uuid=U1&d_dpid=P&d_dpuuid=Q&", "HOLD",  // waits out the 2 s limit
          "Velmora Warning:Cohorta - Request timed out"},
-        {{}, "", "", "", "", std::string("@") + kRefusedHost,
-         "Velmora Warning:Cohorta - Unable to create URI object (A connection with"},
+        {{}, "", "", "", "", std::string("@") + kRefusedHost, "Velmora Warning:Cohorta - Unable to create URI object (A connection with"},
         {{}, "", "", "", "", "@bad host", "Velmora Warning:Cohorta - Unable to create URL object"},
     };
     for (const auto& row : rows) {
