@@ -8,8 +8,6 @@ HitStore::HitStore(const Logger& log, FileStore& files) : log_(log), file_(files
 
 void HitStore::Load() {
     MutexLock lock(mutex_);
-    window_.clear();
-    taken_ = false;
     try {
         const std::string damage = file_.Open();
         if (!damage.empty()) log_.Error("Analytics - Unable to load queued hits (%s)", damage.c_str());

@@ -74,10 +74,6 @@ void SystemClock::RunTimers() {
     mutex_.Lock();
     bool idle = false;
     while (!stopping_) {
-        // Drop cancelled timers first so that an idle clock really sleeps.
-        for (auto it = due_.begin(); it != due_.end();) {
-            it = it->second->cancelled ? due_.erase(it) : std::next(it);
-        }
         if (due_.empty()) {
             // Without timers for a while the thread leaves; the next Every makes another.
             idle = !cv_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kIdleLinger) && due_.empty() && !stopping_;
@@ -91,10 +87,11 @@ void SystemClock::RunTimers() {
         }
         auto entry = due_.begin()->second;
         due_.erase(due_.begin());
+        if (entry->cancelled) continue;  // dropped when due, so that an idle clock really sleeps
         due_.emplace(next + entry->period, entry);
         // Ticks run unlocked: one may call Every or Cancel.
         mutex_.Unlock();
-        if (!entry->cancelled) entry->tick();
+        entry->tick();
         mutex_.Lock();
     }
     threadRunning_ = false;
@@ -134,7 +131,6 @@ bool ManualClock::SleepFor(std::chrono::milliseconds duration, Waker& waker) {
         MutexLock lock(mutex_);
         sleepers_.erase(std::find(sleepers_.begin(), sleepers_.end(), &waker));
     }
-    sleepersChanged_.SignalAll();
     return reached;
 }
 
