@@ -96,15 +96,13 @@ void Lifecycle::Start() {
     }
     Launch(values, now);
 
-    StringMap contextData = values;
-    contextData.merge(device_.GetContextData());
     {
         MutexLock lock(contextMutex_);
-        contextData_ = contextData;
+        contextData_ = values;
     }
     // Timestamped one second before the launch moment.
     if (gates_.Analytics()) tracker_.TrackInternalAction("Lifecycle", values, AddSeconds(now, -1));
-    if (gates_.Cohorta()) cohorta_.SubmitSignal(std::move(contextData));
+    if (gates_.Cohorta()) cohorta_.SubmitSignal(std::move(values));
     Closing(now);
 }
 
@@ -133,7 +131,6 @@ void Lifecycle::EngagedUserAndCrash(StringMap& values, std::int32_t now) {
     // Running when the process ended: the last session was never paused. No flag is no crash.
     if (LookupBool(settings_, kSuccessfulCloseKey) == false) {
         values["a.CrashEvent"] = "CrashEvent";
-        settings_.Remove(kPauseDateKey);
         settings_.Remove(kSessionStartKey);
         currentSessionStart_ = 0;
     }
@@ -147,8 +144,7 @@ void Lifecycle::Upgrade(StringMap& values, std::int32_t now) {
             values["a.DaysSinceLastUpgrade"] = DaysBetween(ReadSeconds(kUpgradeDateKey), now);
         }
     } else {
-        values["a.UpgradeEvent"] = "UpgradeEvent";
-        settings_.Insert(kLastVersionKey, version);
+        values["a.UpgradeEvent"] = "UpgradeEvent";  // the version is stored when the session starts
         StoreSeconds(kUpgradeDateKey, now);
         settings_.Insert(kLaunchesAfterUpgradeKey, std::int32_t{0});
     }

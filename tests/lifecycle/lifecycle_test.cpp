@@ -51,10 +51,10 @@ std::vector<History> Histories() {
           {kLaunch, t0 + 899, "-", {{kSessionStartKey, Text(t0 + 299)}, {kSuccessfulCloseKey, false}, {kPauseDateKey, {}}}},
           {kBackground, t0 + 1000, "-"},
           {kForeground, t0 + 1300, same + "HourOfDay=8 PrevSessionLength=701",
-           {{kSessionStartKey, Text(t0 + 1300)}, {kLaunchesKey, 2}, {kLastDateUsedKey, Text(t0 + 1300)}}}}},
+           {{kSessionStartKey, Text(t0 + 1300)}, {kPauseDateKey, {}}, {kLaunchesKey, 2}, {kLastDateUsedKey, Text(t0 + 1300)}}}}},
         {"ConfiguredTimeout", PausedAfterInstall(t0, "3/7/2015 HourOfDay=8 DayOfWeek=7",
                                                  {kLaunch, t0 + 62, same + "HourOfDay=8 PrevSessionLength=60"}), 2},
-        {"Crash", {{kLaunch, t0, i0}, {kLaunch, t0 + 3600, "CrashEvent HourOfDay=9 " + same}}},
+        {"Crash", {{kLaunch, t0, i0}, {kLaunch, t0 + 3600, "CrashEvent HourOfDay=9 " + same, {{kSessionStartKey, Text(t0 + 3600)}}}}},
         {"SevenDaySession",
          {{kLaunch, t0, i0}, {kBackground, t0 + 604800, "-"},
           {kForeground, t0 + 605200, "DailyEngUserEvent Launches=2 DaysSinceFirstUse=7 DaysSinceLastUse=7 HourOfDay=8 "
