@@ -56,9 +56,9 @@ TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
     Velmora::Analytics::TrackState(
         "Home Page", {{"my key!", std::string("v 1")}, {"a.b", std::string("x")}, {"ab", std::string("loses")},
                       {"..caf\xC3\xA9-b/r?c=d&e..", std::string("y")}, {"&&pe", std::string("m_s")},
-                      {"&&pageName", std::string("Moved")}, {"&&", std::string("gone")}, {"empty", std::string()},
+                      {"&&pageName", std::string("Moved")}, {"&&", std::string("gone")}, {"&&v", std::string("1")},
                       {"count", std::int32_t{3}}, {"ratio", 1.5}, {"flag", true}, {"when", Velmora::DateTime{}},
-                      {"none", nullptr}});
+                      {"none", nullptr}, {"empty", std::string()}});
     Velmora::Analytics::TrackAction("Buy/Now\xC3", {{"a.OSVersion", std::string("mine")}, {"a.action", std::string("me")}});
     Velmora::Analytics::TrackAction("Go", {});
     ASSERT_TRUE(server_.WaitForRequests(3));
@@ -70,7 +70,7 @@ TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
     ASSERT_EQ(targets.size(), 3u);
     EXPECT_EQ(std::vector<std::string>(targets.begin(), targets.begin() + 2),
               (std::vector<std::string>{
-                  kHitPath + ("s1949254" + aid) + "Moved&pe=m_s" + zone + device + "Windows%20Phone%208.1" +
+                  kHitPath + ("s1949254" + aid) + "Moved&pe=m_s" + zone + "&v=1" + device + "Windows%20Phone%208.1" +
                       "&aResolution=Unknown&ab=x&cafbrcde=y&count=3&flag=true&mykey=v%201&ratio=1.5&.c&AQE=1",
                   kHitPath + ("s3442559" + aid) + app + "&pe=lnk_o&pev2=AMACTION%3ABuy%2FNow%EF%BF%BD" + zone + device +
                       "mine&aResolution=Unknown&aaction=me&.c&AQE=1"}));

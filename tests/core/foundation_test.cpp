@@ -34,19 +34,20 @@ std::string Describe(const ConfigSettings& c) {
     return text.str();
 }
 
-constexpr const char* kFolder = "<folder>";
+constexpr const char *kFolder = "<folder>", *kLoop = "<loop>";
 
 struct ConfigCase {
-    const char *name, *file;  // file nullptr: none at all; kFolder: a directory of the file's name
+    const char *name, *file;  // file nullptr: none at all; kFolder: a directory of that name; kLoop: a link to itself
     std::int32_t stored;      // privacy status in the settings; 0: none
     const char *expected, *line;  // Describe() of the result; a line that must be logged, the only error allowed
 };
 const ConfigCase kConfigCases[] = {
     {"no file", nullptr, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to find local VelmoraConfig.json file"},
     {"unreadable", kFolder, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to load local config file (Is a directory)"},
+    {"a link loop", kLoop, 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to load local config file (Too many levels of symbolic links)"},
     {"empty", "", 0, " p0 lt0  vt0", "Velmora Error:Config - Unable to parse local config file (empty or malformed json)"},
     {"analytics a number", "\xEF\xBB\xBF{\"version\":\"2.0\",\"analytics\":5}", 0, "2.0 p0 lt0  vt0", "Velmora Debug:Config - Vantor not configured"},
-    {"wrong types", R"({"version":3,"analytics":{"lifecycleTimeout":"30","charset":5,"privacyDefault":2,
+    {"wrong types", R"({"version":3,"analytics":{"lifecycleTimeout":"30","charset":5,"privacyDefault":2,"ssl":1,
                         "poi":{"p":["a",1,2,3]}},"vantor":{"timeout":"9"}})", 0, "1.0 p1 lt300 UTF-8 vt2", nullptr},
     {"truncation, opted out", R"({"analytics":{"lifecycleTimeout":12.9,"privacyDefault":"optedout"},"vantor":{"timeout":-3.7}})", 0,
      "1.0 p2 lt12 UTF-8 vt-3", nullptr},
@@ -69,6 +70,7 @@ TEST(ConfigLoading, FollowsTheFileAndTheStoredStatus) {
         Logger log(capture.Sink());
         log.SetDebugEnabled(true);
         if (c.file == kFolder) std::filesystem::create_directory(package / "VelmoraConfig.json");
+        else if (c.file == kLoop) std::filesystem::create_symlink("VelmoraConfig.json", package / "VelmoraConfig.json");
         else if (c.file != nullptr) package.Write("VelmoraConfig.json", c.file);
         SettingsStore settings(local.path(), log);
         if (c.stored != 0) settings.Insert(kPrivacyStatusKey, c.stored);
