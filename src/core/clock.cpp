@@ -71,13 +71,19 @@ std::shared_ptr<Timer> SystemClock::Every(std::chrono::milliseconds period, std:
 
 void SystemClock::RunTimers() {
     StartLibraryThread("velmora-timer");
-    mutex_.Lock();
-    bool idle = false;
+    // Ticks run unlocked: one may call Every or Cancel.
+    while (const std::shared_ptr<Entry> entry = NextTick()) entry->tick();
+}
+
+std::shared_ptr<SystemClock::Entry> SystemClock::NextTick() {
+    MutexLock lock(mutex_);
     while (!stopping_) {
         if (due_.empty()) {
             // Without timers for a while the thread leaves; the next Every makes another.
-            idle = !cv_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kIdleLinger) && due_.empty() && !stopping_;
-            if (idle) break;
+            if (!cv_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kIdleLinger) && due_.empty() && !stopping_) {
+                thread_.detach();  // nobody joins a thread that left by itself
+                break;
+            }
             continue;
         }
         auto next = due_.begin()->first;
@@ -89,14 +95,10 @@ void SystemClock::RunTimers() {
         due_.erase(due_.begin());
         if (entry->cancelled) continue;  // dropped when due, so that an idle clock really sleeps
         due_.emplace(next + entry->period, entry);
-        // Ticks run unlocked: one may call Every or Cancel.
-        mutex_.Unlock();
-        entry->tick();
-        mutex_.Lock();
+        return entry;
     }
     threadRunning_ = false;
-    if (idle) thread_.detach();  // nobody joins a thread that left by itself
-    mutex_.Unlock();
+    return nullptr;
 }
 
 // ---------------------------------------------------------------- ManualClock

@@ -67,6 +67,8 @@ public:
 private:
     struct Entry;
     void RunTimers() EXCLUDES(mutex_);
+    // The next timer to tick, once it is due; none when the clock stops or has had no timer for kIdleLinger.
+    std::shared_ptr<Entry> NextTick() EXCLUDES(mutex_);
 
     Mutex mutex_;
     CondVar cv_;
