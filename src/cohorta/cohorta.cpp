@@ -2,7 +2,6 @@
 
 #include "core/escape.h"
 
-#include <curl/curl.h>
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
@@ -10,20 +9,8 @@
 #include <vector>
 
 namespace velmora {
-namespace {
 
 using Json = nlohmann::json;
-
-// Whether the text parses as an absolute URL at all, before any request is made of it.
-bool ParsesAsUrl(const std::string& url) {
-    CURLU* handle = curl_url();
-    if (handle == nullptr) return false;
-    const bool ok = curl_url_set(handle, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK;
-    curl_url_cleanup(handle);
-    return ok;
-}
-
-}  // namespace
 
 SignalAnswer ReadSignalDestinations(const Json& root) {
     if (!root.is_object()) throw std::runtime_error("the answer is not a JSON object");
@@ -146,7 +133,7 @@ std::optional<StringMap> CohortaClient::Signal(const StringMap& traits) {
     }
     const std::string url = BuildSignalUrl(traits);
     log_.Debug("Cohorta - request (%s)", url.c_str());
-    if (!ParsesAsUrl(url)) {
+    if (!UrlParseError(url).empty()) {  // before any request is made of it
         log_.Warning("Cohorta - Unable to create URL object");
         return std::nullopt;
     }

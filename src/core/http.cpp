@@ -137,6 +137,13 @@ Slist MakeSlist(const std::vector<std::string>& lines) {
 
 }  // namespace
 
+std::string UrlParseError(const std::string& url) {
+    const std::unique_ptr<CURLU, void (*)(CURLU*)> handle(curl_url(), curl_url_cleanup);
+    if (!handle) return "out of memory";
+    const CURLUcode rc = curl_url_set(handle.get(), CURLUPART_URL, url.c_str(), 0);
+    return rc == CURLUE_OK ? std::string() : curl_url_strerror(rc);
+}
+
 const char* DescribeHResult(std::int64_t code) {
     // A 32-bit result code may arrive sign-extended.
     if (code < 0 && code >= INT32_MIN) code = static_cast<std::uint32_t>(code);

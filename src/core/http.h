@@ -32,6 +32,9 @@ private:
 // The message of the request service's table for a result code; "Unknown COMException" otherwise.
 const char* DescribeHResult(std::int64_t code);
 
+// Why `url` does not parse as an absolute URL (curl's words); empty when it does.
+std::string UrlParseError(const std::string& url);
+
 // One outgoing request of the library, whatever it is for: hits, offers, audience signals and their
 // destinations, the identifier.
 struct HttpRequest {

@@ -3,29 +3,11 @@
 #include "analytics/values.h"
 #include "core/escape.h"
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <limits>
 
 namespace velmora {
 namespace {
-
-// The platform-style "URI object" check: the URL must parse as an absolute URL with a host.
-bool ValidUrl(const std::string& url, std::string& error) {
-    CURLU* handle = curl_url();
-    if (handle == nullptr) {
-        error = "out of memory";
-        return false;
-    }
-    CURLUcode rc = curl_url_set(handle, CURLUPART_URL, url.c_str(), 0);
-    curl_url_cleanup(handle);
-    if (rc != CURLUE_OK) {
-        error = curl_url_strerror(rc);
-        return false;
-    }
-    return true;
-}
 
 void AppendParameters(std::string& url, const StringMap& parameters) {
     for (const auto& [key, value] : parameters) {
@@ -158,8 +140,8 @@ std::string VantorClient::Load(const OfferRequest& request) {
         const std::string url = BuildUrl(request, lifecycle, PersistentParameters(), pcId, sessionId);
         log_.Debug("Vantor - LocationRequest (%s) loading URL: %s", request.name.c_str(), url.c_str());
 
-        std::string error;
-        if (!ValidUrl(url, error)) {
+        // The platform-style "URI object" check: the URL must parse as an absolute URL with a host.
+        if (const std::string error = UrlParseError(url); !error.empty()) {
             log_.Warning("Vantor - Unable to create URI object (%s)", error.c_str());
             return request.defaultContent;
         }
