@@ -2,6 +2,7 @@
 
 #include "core/number_text.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace velmora {
@@ -20,14 +21,14 @@ std::string SignedPaddedSixDecimals(double value) {
     }
     if (!std::isfinite(value)) {
         const std::string text = sign + digits;
-        return std::string(kWidth > text.size() ? kWidth - text.size() : 0, ' ') + text;
+        return std::string(std::max(kWidth, text.size()) - text.size(), ' ') + text;
     }
     const std::size_t used = sign.size() + digits.size();
-    return sign + std::string(kWidth > used ? kWidth - used : 0, '0') + digits;
+    return sign + std::string(std::max(kWidth, used) - used, '0') + digits;
 }
 
 std::string Piece(const std::string& text, std::size_t offset, std::size_t length) {
-    return offset < text.size() ? text.substr(offset, length) : std::string();
+    return text.substr(std::min(offset, text.size()), length);
 }
 
 }  // namespace
