@@ -66,6 +66,8 @@ TEST_F(Application, TheAudienceAnswerIsKeptAcrossProcessesAndItsDestinationsCall
     EXPECT_THAT(lines, Contains("Velmora Debug:Cohorta - response {\n    age = 30\n    flag = \n    seg = gold\n}"));
     Launch();
     EXPECT_EQ(Cohorta().GetVisitorProfile(Settings()), profile);
+    Settings().Insert(kCohortaProfileKey, std::int32_t{1});  // another type under the key is no profile
+    EXPECT_EQ(Cohorta().GetVisitorProfile(Settings()), std::nullopt);
     // The user id is written only when it changes: a value put behind the module's back stays.
     Cohorta().SubmitSignal({}).get();
     Settings().Insert(kCohortaUserIdKey, std::string("ELSEWHERE"));
