@@ -68,8 +68,7 @@ TEST_F(PublicAnalytics, StatesAndActionsBecomeExactHitsInCallOrder) {
     const std::string device = "&c.&aAppID=" + app + "&aDeviceName=Acme%20Phone1&aOSVersion=";
     const std::vector<std::string> targets = server_.Targets();
     ASSERT_EQ(targets.size(), 3u);
-    EXPECT_EQ(std::vector<std::string>(targets.begin(), targets.begin() + 2),
-              (std::vector<std::string>{
+    EXPECT_EQ(std::vector<std::string>(targets.begin(), targets.begin() + 2), (std::vector<std::string>{
                   kHitPath + ("s1949254" + aid) + "Moved&pe=m_s" + zone + "&v=1" + device + "Windows%20Phone%208.1" +
                       "&aResolution=Unknown&ab=x&cafbrcde=y&count=3&flag=true&mykey=v%201&ratio=1.5&.c&AQE=1",
                   kHitPath + ("s3442559" + aid) + app + "&pe=lnk_o&pev2=AMACTION%3ABuy%2FNow%EF%BF%BD" + zone + device +

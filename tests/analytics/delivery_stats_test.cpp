@@ -18,8 +18,7 @@ std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t, std::uint
 TEST(DeliveryStats, EachHitIsCountedWhereItEndsAndTheFilesBacklogIsWaitingOnceLoaded) {
     LoopbackServer server;
     server.Script({500});
-    TestRuntime env(R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
-                    R"(","offlineEnabled":true,"privacyDefault":"optedin"}})");
+    TestRuntime env(R"({"analytics":{"rsids":"rs","server":")" + server.Address() + R"(","offlineEnabled":true,"privacyDefault":"optedin"}})");
     env.local.Write(QueueFile::kFileName, R"({"Hits":[{"T":1,"H":"s1?a=1"},{"T":2,"H":"s2?a=2"}]})");
     HitQueue& hits = env.runtime->GetHitQueue();
     const auto started = std::chrono::system_clock::now();
@@ -50,8 +49,7 @@ TEST(DeliveryStats, HitsQueuedWithoutAConnectionGoOutOnceTheWatchSeesItBack) {
     std::atomic<bool> up{false};
     HostOptions options;
     options.internetAvailable = [&up] { return up.load(); };
-    TestRuntime env(R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
-                    R"(","offlineEnabled":true,"privacyDefault":"optedin"}})", options);
+    TestRuntime env(R"({"analytics":{"rsids":"rs","server":")" + server.Address() + R"(","offlineEnabled":true,"privacyDefault":"optedin"}})", options);
     HitQueue& hits = env.runtime->GetHitQueue();
     for (std::size_t round = 1; round <= 2; ++round) {
         up = false;

@@ -127,15 +127,13 @@ void Answer(FakeTransport& transport, std::deque<int> statuses) {
 class Delivery : public ::testing::Test {
 protected:
     Delivery() : log(capture.Sink()) {
-        config.rsids = "rs";
-        config.server = "collect.test";
+        config.rsids = "rs", config.server = "collect.test";
         config.privacyStatus = kPrivacyOptIn;
         host.languageTag = "en-US";
         host.internetAvailable = [this] { ++probes; return online.load(); };
     }
     std::unique_ptr<HitSender> MakeSender(Transport& through) {
-        return std::make_unique<HitSender>(log, clock, config, host, store, through, [] { return "Agent/1"; },
-                                           [this] { ++restarts; });
+        return std::make_unique<HitSender>(log, clock, config, host, store, through, [] { return "Agent/1"; }, [this] { ++restarts; });
     }
     std::string File() const { return dir.Read(QueueFile::kFileName); }
     // The store a new process makes of the directory.

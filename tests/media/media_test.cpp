@@ -88,8 +88,7 @@ struct Step {
 // An Open step; With() sets one of its settings, fluently.
 using S = Velmora::MediaSettings;
 struct Opening {
-    template <class Field, class Value>
-    Opening& With(Field S::*field, Value value) {
+    template <class Field, class Value> Opening& With(Field S::*field, Value value) {
         settings.*field = std::move(value);
         return *this;
     }
@@ -182,9 +181,7 @@ std::string NoItem(const std::string& verb, const std::string& name) {
     return "Velmora Debug:Media - Tried to " + verb + " media item (" + name + ") but it doesn't exist";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Media, MediaScenario,
-    ::testing::Values(
+INSTANTIATE_TEST_SUITE_P(Media, MediaScenario, ::testing::Values(
         Scenario{"MilestonesFromTheMonitorCompleteOnceThenRemoval",
                  {Open("Movie", 100).With(&S::Milestones, "0,25,50,75"), Play("Movie"), Busy(30), Tick(75), Play("Movie")},
                  {"0s m_s Movie view=true", "30s m_i Movie milestone=25 timePlayed=30",

@@ -31,8 +31,7 @@ struct Worker {
     std::int64_t calls = 0;
     std::int64_t lateAnswers = 0;
 
-    template <class T>
-    void Await(std::future<T> future) {
+    template <class T> void Await(std::future<T> future) {
         lateAnswers += !future.valid() || future.wait_for(kAnswerLimit) != std::future_status::ready;
     }
     ObjectMap Numbered() { return {{"thread", std::int32_t{thread}}, {"seq", sequence++}}; }

@@ -151,8 +151,7 @@ struct TestRuntime {
     // The process-wide runtime this one configured stops before the directories and the log it
     // borrowed go, so that the next test in the process starts a fresh one.
     ~TestRuntime() { if (configuredProcess) Runtime::RetireProcess(); }
-    TempDir package;
-    TempDir local;
+    TempDir package, local;
     LogCapture log;
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::unique_ptr<Runtime> runtime;
