@@ -31,6 +31,7 @@ std::string Describe(const ConfigSettings& c) {
     std::ostringstream text;
     text << c.version << " p" << c.Privacy() << " lt" << c.lifecycleTimeout << " " << c.charset << " vt" << c.vantorTimeout;
     for (const auto& p : c.pointsOfInterest) text << " " << p.name << "@" << p.latitude << "," << p.longitude << "/" << p.radius;
+    if (ModuleGates(c).Analytics()) text << " analytics";  // report suites and server, both
     return text.str();
 }
 
@@ -51,12 +52,12 @@ const ConfigCase kConfigCases[] = {
                         "poi":{"p":["a",1,2,3]}},"vantor":{"timeout":"9"}})", 0, "1.0 p1 lt300 UTF-8 vt2", nullptr},
     {"truncation, opted out", R"({"analytics":{"lifecycleTimeout":12.9,"privacyDefault":"optedout"},"vantor":{"timeout":-3.7}})", 0,
      "1.0 p2 lt12 UTF-8 vt-3", nullptr},
-    {"clamped, other case is opt-in", R"({"analytics":{"lifecycleTimeout":1e40,"privacyDefault":"OptedOut"}})", 0,
+    {"clamped, other case is opt-in", R"({"analytics":{"rsids":"r","lifecycleTimeout":1e40,"privacyDefault":"OptedOut"}})", 0,
      "1.0 p1 lt2147483647 UTF-8 vt0", nullptr},
-    {"unknown without offline", R"({"analytics":{"privacyDefault":"optunknown"}})", 0, "1.0 p1 lt300 UTF-8 vt0",
+    {"unknown without offline", R"({"analytics":{"server":"s","privacyDefault":"optunknown"}})", 0, "1.0 p1 lt300 UTF-8 vt0",
      "Velmora Warning:Analytics - Default privacy status cannot be Unknown when offline tracking is disabled, overriding to OptIn"},
     {"stored status wins", R"({"analytics":{"privacyDefault":"optedin"}})", 2, "1.0 p2 lt300 UTF-8 vt0", nullptr},
-    {"stored out of range kept", R"({"analytics":{}})", 7, "1.0 p7 lt300 UTF-8 vt0", nullptr},
+    {"stored out of range kept", R"({"analytics":{"rsids":"r","server":"s"}})", 7, "1.0 p7 lt300 UTF-8 vt0 analytics", nullptr},
     {"only well-formed points, unknown with offline", R"({"analytics":{"privacyDefault":"optunknown","offlineEnabled":true,
         "poi":[["a",40.7,-111.9,150],["b",1,2],[3,1,2,3],["e","1",2,3],["f",1,"2",3],["g",1,2,"3"],["c",1,2,3,4],
         ["d",1.5,2.5,0],"x"]}})", 0, "1.0 p3 lt300 UTF-8 vt0 a@40.7,-111.9/150 d@1.5,2.5/0", nullptr},

@@ -121,11 +121,10 @@ TEST_F(ExitTest, ProgramsThatEndWhileWaitingOutACooldownOrForAnswersEndCleanly) 
 }
 
 // The end of a process that ran its exit handlers is the pause a phone gave every application before
-// ending it; only an end without them is a crash at the next launch.
+// ending it; only an end without them is a crash at the next launch, each launch a new session.
 TEST_F(ExitTest, OnlyAnEndWithoutTheExitHandlersIsReportedAsACrashAtTheNextLaunch) {
     LoopbackServer server;
-    package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"rs","server":")" + server.Address() +
-                                            R"(","lifecycleTimeout":0}})");  // every launch a new session
+    package.Write("VelmoraConfig.json", R"({"analytics":{"rsids":"rs","server":")" + server.Address() + R"(","lifecycleTimeout":0}})");
     const std::pair<const char*, int> ends[] = {
         {"return", 0}, {"abort", 128 + SIGABRT}, {"exit", 0}, {"kill", 128 + SIGKILL}, {"shutdown", 0}};
     for (const auto& [end, status] : ends) {
