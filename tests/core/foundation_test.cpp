@@ -233,6 +233,7 @@ TEST_F(Queues, LogThrowingClosuresAndDropLatePosts) {
     EXPECT_TRUE(test::WaitUntil([&] { return executor.Workers() == 0; }));
     EXPECT_TRUE(joined);
     EXPECT_FALSE(executor.Run([] {})) << "taken after its shutdown, never to run";
+    EXPECT_EQ(SerialQueue("Late", log, executor).Submit([] { return 7; }).get(), 7) << "run by the poster instead";
     EXPECT_EQ(capture.Lines(), (std::vector<std::string>{
                                    "Velmora Error:Media - Unexpected error in background work (invalid stoi argument)",
                                    "Velmora Error:Media - Unexpected error in background work (out of range)",
@@ -246,6 +247,7 @@ TEST_F(Queues, GetAnotherWorkerWhileTheKeptOnesAreBusyUpToTheLimit) {
     std::shared_future<void> released = release.get_future().share();
     std::atomic<std::size_t> started{0};
     std::vector<std::unique_ptr<SerialQueue>> blocked;
+    ASSERT_TRUE(SerialQueue("Done", log, executor).Submit([] { return true; }).get());  // a worker that has worked counts as idle
     for (std::size_t i = 0; i < Executor::kMaxWorkers; ++i) {
         blocked.push_back(std::make_unique<SerialQueue>("Blocked", log, executor));
         blocked.back()->Post([&started, released] { ++started; released.wait(); });

@@ -20,8 +20,7 @@ int main(int argc, char** argv) {
     Velmora::Config::SetDebugLogging(true);
     if (mode == "privacy") {
         auto status = Velmora::Config::GetPrivacyStatusAsync().get();
-        std::cout << "privacy " << static_cast<int>(status) << " version " << Velmora::Config::GetVersion()
-                  << std::endl;
+        std::cout << "privacy " << static_cast<int>(status) << " version " << Velmora::Config::GetVersion() << std::endl;
         return Velmora::Host::Flush(std::chrono::seconds(5)) ? 0 : 1;
     }
     if (mode == "aid") {
