@@ -24,8 +24,7 @@ TEST(Builder, AddsTheStandardVariablesAndMergesTheDeviceContext) {
     const std::string device = "&c.&aDeviceName=Acme%20Phone&aOSVersion=Linux";
     const std::vector<std::tuple<StringMap, std::function<void(HitFacts&)>, std::string>> cases = {
         {{}, [](HitFacts& f) { f.offlineEnabled = true; f.visitorId = "me"; }, "&ts=1400000000&vid=me" + device},
-        {{{"a.privacy.mode", "mine"}}, [](HitFacts& f) { f.privacyStatus = kPrivacyUnknown; },
-         device + "&aprivacymode=mine"},
+        {{{"a.privacy.mode", "mine"}}, [](HitFacts& f) { f.privacyStatus = kPrivacyUnknown; }, device + "&aprivacymode=mine"},
         {{{"", "x"}}, [](HitFacts& f) { f.deviceContext.clear(); }, ""},  // no context left: no group
     };
     for (const auto& [context, adjust, body] : cases) {
