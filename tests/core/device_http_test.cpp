@@ -67,6 +67,7 @@ TEST_F(Http, TransportFailuresLogTheTableMessageAndThrow) {
             } catch (const TransportError& e) {
                 EXPECT_STREQ(DescribeHResult(e.Code()), message.c_str());
                 EXPECT_STRNE(e.what(), "") << "curl's own text when the table has no row";
+                EXPECT_EQ(e.Refused(), code == 123 || code == 0) << "only a URL no retry can mend";
                 EXPECT_TRUE(code == 0 || (e.Code() == code && e.what() == message)) << e.Code() << " " << e.what();
             }
         }

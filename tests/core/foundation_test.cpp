@@ -294,8 +294,7 @@ const Step kSteps[] = {
     {"ip route replace default dev v0", true},
     {"ip link set v1 down", false},  // no carrier
     {"ip link set v1 up", true},
-    {"ip route replace unreachable default", false},
-    {"ip route replace blackhole default", false},
+    {"ip route replace unreachable default", false}, {"ip route replace blackhole default", false},
     {"ip route del default && ip -6 route add default dev v0", true},
     {"ip link set v0 down", false},
 };
