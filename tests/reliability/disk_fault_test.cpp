@@ -55,15 +55,15 @@ TEST(DiskFaults, TheQueueAndTheTimedActionsKeepTheirChangesAndTheOldFilesAndSave
     ASSERT_TRUE(env.runtime->GetAnalyticsTracker().Flush(std::chrono::seconds(10)));
     ASSERT_FALSE(timed.Exists("b"));
     EXPECT_EQ(hits.SizeAfterPendingWork().get(), 4u);
-    ASSERT_EQ(QueuedNames(env.local).size(), 4u);
-    {
+    for (const char* name : {"D", "E"}) {  // failing again: a timer of its own writes D, the end writes E
+        env.clock->Advance(HitQueue::kRetryInterval), hits.SizeAfterPendingWork().get();
+        EXPECT_EQ(QueuedNames(env.local).size(), name[0] == 'D' ? 4u : 5u);
         FileSizeLimit limit(std::filesystem::file_size(env.local / QueueFile::kFileName));
-        hits.QueueHit(hit("D"), 4);
-        hits.QueueHit(hit("E"), 5);
-        EXPECT_EQ(hits.SizeAfterPendingWork().get(), 6u);
+        hits.QueueHit(hit(name), 4);
+        EXPECT_EQ(hits.SizeAfterPendingWork().get(), name[0] == 'D' ? 5u : 6u);
     }
-    EXPECT_EQ(QueuedNames(env.local).size(), 4u);
-    env.runtime->Shutdown(std::chrono::seconds(10), false);  // the end writes them
+    EXPECT_EQ(QueuedNames(env.local).size(), 5u);
+    env.runtime->Shutdown(std::chrono::seconds(10), false);
     auto names = QueuedNames(env.local);
     ASSERT_EQ(names.size(), 6u);
     names.erase(names.begin() + 3);  // the action's
