@@ -48,8 +48,8 @@ TEST(Runtime, AnIdleProcessHoldsAtMostTwoNamedLibraryThreads) {
     std::map<std::string, int> names;
     EXPECT_TRUE(velmora::test::WaitUntil([&] { return (names = LibraryThreads()) == expected; }))
         << ::testing::PrintToString(names);
-    // The log capture and directories die with this scope; the library must stop writing first.
-    EXPECT_TRUE(Velmora::Host::Shutdown(std::chrono::seconds(10)));
+    // The log capture and directories die with this scope; retired, the library stops writing first.
+    velmora::Runtime::RetireProcess();
     EXPECT_TRUE(velmora::test::WaitUntil([&] { return (names = LibraryThreads()).empty(); }, std::chrono::seconds(30)))
         << ::testing::PrintToString(names);  // the timer thread goes a moment after its last timer
 }
