@@ -119,7 +119,7 @@ bool ManualClock::SleepFor(std::chrono::milliseconds duration, Waker& waker) {
         MutexLock lock(mutex_);
         sleepers_.push_back(&waker);
     }
-    sleepersChanged_.SignalAll();
+    sleeperAdded_.SignalAll();
     bool reached;
     {
         MutexLock lock(waker.mutex_);
@@ -187,7 +187,7 @@ void ManualClock::WakeSleepers() {
 
 bool ManualClock::AwaitSleepers(std::size_t count, std::chrono::milliseconds limit) {
     MutexLock lock(mutex_);
-    return sleepersChanged_.WaitUntil(mutex_, std::chrono::steady_clock::now() + limit, [&] {
+    return sleeperAdded_.WaitUntil(mutex_, std::chrono::steady_clock::now() + limit, [&] {
         mutex_.AssertHeld();
         return sleepers_.size() >= count;
     });

@@ -101,7 +101,7 @@ private:
 
     std::atomic<std::int64_t> now_;
     mutable Mutex mutex_;
-    CondVar sleepersChanged_;
+    CondVar sleeperAdded_;
     std::vector<Waker*> sleepers_ GUARDED_BY(mutex_);
     std::vector<std::shared_ptr<Entry>> timers_ GUARDED_BY(mutex_);  // and each Entry's `due`
 };
