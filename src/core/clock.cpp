@@ -117,7 +117,7 @@ bool ManualClock::SleepFor(std::chrono::milliseconds duration, Waker& waker) {
     const std::int64_t deadline = now_.load() + duration.count();
     {
         MutexLock lock(mutex_);
-        sleepers_.push_back(&waker);
+        sleepers_.emplace_back(&waker, deadline);
     }
     sleeperAdded_.SignalAll();
     bool reached;
@@ -130,8 +130,10 @@ bool ManualClock::SleepFor(std::chrono::milliseconds duration, Waker& waker) {
         reached = now_.load() >= deadline;
     }
     {
-        MutexLock lock(mutex_);
-        sleepers_.erase(std::find(sleepers_.begin(), sleepers_.end(), &waker));
+        MutexLock lock(mutex_);  // a sleeper woken at its deadline has been taken off already
+        sleepers_.erase(std::remove_if(sleepers_.begin(), sleepers_.end(),
+                                       [&](const auto& sleeper) { return sleeper.first == &waker; }),
+                        sleepers_.end());
     }
     return reached;
 }
@@ -176,13 +178,20 @@ void ManualClock::SetMillis(std::int64_t millis) {
     WakeSleepers();
 }
 
+// A sleeper whose deadline has come leaves the list at once, so that AwaitSleepers never counts a
+// thread that is only on its way out of SleepFor.
 void ManualClock::WakeSleepers() {
     MutexLock lock(mutex_);
-    for (Waker* waker : sleepers_) {
-        // Taking the sleeper's lock orders the wake after its check of the time.
-        MutexLock wakerLock(waker->mutex_);
-        waker->cv_.SignalAll();
-    }
+    const std::int64_t now = now_.load();
+    sleepers_.erase(std::remove_if(sleepers_.begin(), sleepers_.end(),
+                                   [&](const auto& sleeper) {
+                                       if (sleeper.second > now) return false;
+                                       // Taking its lock orders the wake after its check of the time.
+                                       MutexLock wakerLock(sleeper.first->mutex_);
+                                       sleeper.first->cv_.SignalAll();
+                                       return true;
+                                   }),
+                    sleepers_.end());
 }
 
 bool ManualClock::AwaitSleepers(std::size_t count, std::chrono::milliseconds limit) {

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace velmora {
@@ -102,7 +103,7 @@ private:
     std::atomic<std::int64_t> now_;
     mutable Mutex mutex_;
     CondVar sleeperAdded_;
-    std::vector<Waker*> sleepers_ GUARDED_BY(mutex_);
+    std::vector<std::pair<Waker*, std::int64_t>> sleepers_ GUARDED_BY(mutex_);  // with deadlines
     std::vector<std::shared_ptr<Entry>> timers_ GUARDED_BY(mutex_);  // and each Entry's `due`
 };
 
