@@ -35,9 +35,7 @@ protected:
         env_.package.Write("AppxManifest.xml", R"(<Package><Identity Version="1.2.3.4"/><Properties>
             <DisplayName>Demo</DisplayName></Properties></Package>)");
         Velmora::HostOptions options;
-        options.deviceManufacturer = "Acme";
-        options.deviceModel = "Phone1";
-        options.languageTag = "de-AT";
+        options.deviceManufacturer = "Acme", options.deviceModel = "Phone1", options.languageTag = "de-AT";
         options.connectTo = {"acme.tt.vantor.example:80:" + server_.Address()};
         ASSERT_TRUE(env_.ConfigureProcess(R"({"analytics":{"rsids":"rs1,rs2","server":")" + server_.Address() +
                                               R"(","charset":"UTF-8","privacyDefault":"optedin","ssl":false)" +
@@ -220,8 +218,7 @@ Outcome RunUnder(const char* locale) {
     runtime.GetLifetimeValue().Increase(0.754f, data);  // continues from the stored text
     auto& media = runtime.GetMediaModule();
     auto settings = Velmora::Media::SettingsWith("clip", 130.7, "player", "");
-    settings->Milestones = "25,50";
-    settings->SegmentByMilestones = true;
+    settings->Milestones = "25,50", settings->SegmentByMilestones = true;
     runtime.GeneralQueue().Post([&] {
         media.Open(settings);
         media.Play("clip", 10.5);

@@ -30,8 +30,7 @@ TEST(Builder, AddsTheStandardVariablesAndMergesTheDeviceContext) {
     for (const auto& [context, adjust, body] : cases) {
         HitFacts facts;
         facts.deviceContext = {{"a.DeviceName", "Acme Phone"}, {"a.OSVersion", "Linux"}};
-        facts.aid = "AID-1";
-        facts.charset = "UTF-8";
+        facts.aid = "AID-1", facts.charset = "UTF-8";
         adjust(facts);
         EXPECT_EQ(HitBuilder(300).Build(context, {}, 1400000000, facts),
                   head + body + (body.empty() ? "" : "&.c") + "&AQE=1");
@@ -219,6 +218,10 @@ TEST_F(HitStoreTest, ARecordDamagedOrBehindTheFileLosesNoHit) {
     }
     dir.Write(QueueFile::kIndexName, index);
     EXPECT_EQ(Take(*Reloaded()), std::vector<std::string>{"s2"});
+    dir.Write(QueueFile::kFileName, R"({"Hits":[]})");
+    Reloaded();  // a record of an empty document, then an entry appended at its very start
+    dir.Write(QueueFile::kFileName, R"({"Hits":[)" + QueueFileMember("s3", 3) + "]}");
+    EXPECT_EQ(Take(*Reloaded()), std::vector<std::string>{"s3"});
 }
 
 TEST_F(HitStoreTest, AMoveOfTheDeliveredPrefixThatTheDiskRefusesIsGivenUpAndTheQueueGoesOnInPlace) {
@@ -459,16 +462,18 @@ TEST_F(HitSenderTest, ARetriedHitWaitsInTheFileThroughTheCooldownWhichShutdownCu
 }
 
 TEST_F(HitSenderTest, WithoutAConnectionNothingIsSentUntilTheOneWatchSeesItBack) {
-    online = false;
-    SendAll({{"s1", kNow}});
-    SendAll({{"s2", kNow}});  // a second run while offline starts no second watch
-    EXPECT_TRUE(transport.Urls().empty());
-    probes = 0;
-    clock.Advance(HitSender::kConnectionCheckInterval);
-    EXPECT_EQ(probes.load(), 1);
-    online = true;
-    clock.Advance(HitSender::kConnectionCheckInterval);
-    EXPECT_TRUE(WaitUntil([&] { return restarts.load() == 1; }));
+    for (int seen = 1; seen <= 2; ++seen) {  // the first watch has ended when the second one starts
+        online = false;
+        SendAll({{"s1", kNow}});
+        SendAll({{"s2", kNow}});  // a second run while offline starts no second watch
+        EXPECT_TRUE(transport.Urls().empty());
+        probes = 0;
+        clock.Advance(HitSender::kConnectionCheckInterval);
+        EXPECT_EQ(probes.load(), 1);
+        online = true;
+        clock.Advance(HitSender::kConnectionCheckInterval);
+        EXPECT_TRUE(WaitUntil([&] { return restarts.load() == seen; }));
+    }
 }
 
 TEST_F(HitSenderTest, AConnectionCheckThatFailsIsLoggedAndDoesNotHoldTheHitsBack) {

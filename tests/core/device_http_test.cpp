@@ -207,7 +207,7 @@ TEST_F(Device, ApplicationComesFromTheHostOrTheManifestReadOnce) {
         {"<Package><Identity Version=\"3.0.1.2\"><Properties>", "", "", "Unknown|0.0.0|0|Unknown 0.0.0 (0)", "Start-end tags mismatch"},
         {"<Package><Identity Version=\"3.0.1.2\"/><Properties/></Package>", "", "", "Unknown|3.0.2|1|Unknown 3.0.2 (1)",
          "No DisplayName element found"},
-        {"", "Host", "7.2.9.4", "Host|7.2.4|9|Host 7.2.4 (9)", ""},
+        {"", "Host", "7.2.9.4.8", "Host|7.2.4|9|Host 7.2.4 (9)", ""},  // a fifth part is left out
         {manifest("2.1.5.3", "App"), "Host", "7.x.9", "Host|7.0.0|9|Host 7.0.0 (9)", ""},
         {"", "Host", "7.2.9b.4", "Host|7.2.4|0|Host 7.2.4 (0)", ""},  // a part with trailing text counts as 0
         {manifest("2.1.5.3", "App"), "Host", "", "Host|2.1.3|5|Host 2.1.3 (5)", ""},

@@ -148,7 +148,7 @@ TEST(Logger, GatesDebugAndWarningButNeverErrorsAndHandsOverWholeLines) {
         log.Warning("Analytics - Invalid privacy status was ignored (%d)", 7);
         log.Error("A - %s and %ld", "x", 5L);
     }
-    log.Error("%s", std::string(20000, 'x').c_str());
+    log.Error("%s", std::string(Logger::kMaxMessage, 'x').c_str());  // one byte too many
     EXPECT_EQ(calls, (std::vector<std::string>{"Velmora Error:A - x and 5\n", "Velmora Debug:Config - Analytics not configured\n",
                                                "Velmora Warning:Analytics - Invalid privacy status was ignored (7)\n",
                                                "Velmora Error:A - x and 5\n",
@@ -264,7 +264,7 @@ TEST_F(Queues, GetAnotherWorkerWhileTheKeptOnesAreBusyUpToTheLimit) {
 
 // Each maximal ill-formed part becomes one U+FFFD; what is valid stays as it is.
 TEST(Utf8, ReplacesEachIllFormedPartAndKeepsValidText) {
-    const std::string r = "\xEF\xBF\xBD", valid = "\xC3\x80 \xE2\x82\xAC \xEF\xBF\xBF \xF0\x9F\x8E\x89 \xF4\x8F\xBF\xBF";
+    const std::string r = "\xEF\xBF\xBD", valid = "\xC2\xA9\xC3\x80\xDF\xBF \xE0\xA0\x80\xE2\x82\xAC\xEF\xBF\xBF \xF0\x9F\x8E\x89\xF4\x8F\xBF\xBF";
     const std::pair<std::string, std::string> cases[] = {
         {"", ""}, {std::string("ascii ~\x7F\0", 9), std::string("ascii ~\x7F\0", 9)}, {valid, valid},
         {"\xC0\xAF|\xC1\xBF", r + r + "|" + r + r},               // overlong two-byte forms
