@@ -99,7 +99,7 @@ void velmora_options_set_log_func(velmora_options_t* options,
         host.logSink = nullptr;
         if (func == nullptr) return;
         host.logSink = [func, user_data](std::string_view line) {
-            if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
+            line.remove_suffix(1);  // the logger's line feed, which a C callback does not want
             func(LevelOf(line), std::string(line).c_str(), user_data);
         };
     });
