@@ -5,8 +5,7 @@
 # packages unpacked elsewhere, with the Python package and what each package must carry.
 #   run.sh BUILD_DIR VERSION
 set -euo pipefail
-build_dir="$1"
-version="$2"  # the project's, as every file and tool should carry it
+build_dir="$1" version="$2"  # the project's version, as every file and tool should carry it
 here="$(cd "$(dirname "$0")" && pwd)"
 examples="$here/../../examples"
 work="$(mktemp -d)"

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <map>
 
 namespace {
@@ -58,6 +59,10 @@ TEST(Runtime, AnIdleProcessHoldsAtMostTwoNamedLibraryThreads) {
 TEST(Runtime, AtTheEndTheSettingsDatabaseFileAloneHoldsTheValues) {
     velmora::test::TestRuntime t;
     t.runtime->GetSettingsStore().Insert("key", std::string("value"));
+    std::promise<void> release;  // a call still running on the general queue holds a flush back
+    t.runtime->GeneralQueue().Post([held = release.get_future().share()] { held.wait(); });
+    EXPECT_FALSE(t.runtime->Flush(std::chrono::milliseconds(50)));
+    release.set_value();
     t.runtime->Shutdown(std::chrono::seconds(10), false);
     velmora::test::TempDir copy;
     std::filesystem::copy_file(t.local / velmora::SettingsStore::kFileName, copy / velmora::SettingsStore::kFileName);
