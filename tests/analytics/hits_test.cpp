@@ -40,8 +40,7 @@ TEST(Builder, AddsTheStandardVariablesAndMergesTheDeviceContext) {
 // The cache busters are glibc's rand() seeded 1, 2, 3, ...; the application's own rand() goes on
 // as if no hit had been built.
 TEST(Builder, CacheBustersFollowSeededRandAndLeaveTheApplicationsRandAlone) {
-    std::srand(42);
-    const int before = std::rand();
+    const int before = (std::srand(42), std::rand());
     HitBuilder builder(0);
     std::vector<std::string> hits;
     for (int i = 0; i < 3; ++i) hits.push_back(builder.Build({}, {}, 0, {}));

@@ -97,15 +97,16 @@ std::size_t ClosedByPeer(int port) {
 TEST_F(Http, StatusesComeBackSilentlyOverOneConnectionWhichIsClosedOnceIdle) {
     server.Script({404, 500, 202});
     for (int status : {404, 500, 202}) EXPECT_EQ(Request(server.Url("/"))->GetStatusCode(), status);
-    EXPECT_EQ(server.Connections(), 1u) << "consecutive requests reuse their connection";
     EXPECT_TRUE(capture.Lines().empty());
-    ASSERT_TRUE(test::WaitUntil([&] { return ClosedByPeer(server.Port()) == 1; })) << "the server keeps it open";
-    clock.Advance(std::chrono::seconds(2));
-    EXPECT_EQ(ClosedByPeer(server.Port()), 1u) << "used since the last check";
-    clock.Advance(std::chrono::seconds(2));
-    EXPECT_EQ(ClosedByPeer(server.Port()), 0u);
-    EXPECT_EQ(Request(server.Url("/"))->GetStatusCode(), 200);
-    EXPECT_EQ(server.Connections(), 2u);
+    for (std::size_t connections = 1; connections <= 2; ++connections) {  // a second idle spell ends the same way
+        EXPECT_EQ(server.Connections(), connections) << "consecutive requests reuse their connection";
+        ASSERT_TRUE(test::WaitUntil([&] { return ClosedByPeer(server.Port()) == 1; })) << "the server keeps it open";
+        clock.Advance(std::chrono::seconds(2));
+        EXPECT_EQ(ClosedByPeer(server.Port()), 1u) << "used since the last check";
+        clock.Advance(std::chrono::seconds(2));
+        EXPECT_EQ(ClosedByPeer(server.Port()), 0u);
+        EXPECT_EQ(Request(server.Url("/"))->GetStatusCode(), 200);
+    }
 }
 
 // To the sender a time-out is a status, which offline tracking retries. A body's request that
