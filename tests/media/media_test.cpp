@@ -17,8 +17,6 @@ namespace velmora {
 namespace {
 
 using namespace std::chrono_literals;
-// Until the promise is set, the queue waits: what the application does meanwhile comes first.
-auto Hold(SerialQueue& q) { std::promise<void> p; q.Post([f = p.get_future().share()] { f.wait(); }); return p; }
 
 TEST(MediaMilestones, ParseOrRaiseTheStandardConversionError) {
     // `error`: what() of the std::invalid_argument or std::out_of_range raised instead.
@@ -163,7 +161,7 @@ TEST_P(MediaScenario, SendsTheseHitsAndLogsTheseLines) {
     };
     for (const Step& step : GetParam().steps) {
         if (step.busy) {
-            std::promise<void> release = Hold(env.runtime->GeneralQueue());
+            std::promise<void> release = test::Hold(env.runtime->GeneralQueue());
             env.clock->Advance(std::chrono::seconds(step.busy));
             release.set_value();
         }
@@ -264,7 +262,7 @@ TEST(MediaApi, OpensACopyTranslatesTrackDataAndSendsTheCostOnlyWithThePlay) {
     Velmora::Media::Open(settings);
     settings->Name = "Changed";  // the open item keeps what was passed
     Velmora::Media::Open(nullptr);  // refused on the queue, without a copy to make
-    std::promise<void> release = Hold(Runtime::Process().GeneralQueue());  // ads refused: what is set after stays
+    std::promise<void> release = test::Hold(Runtime::Process().GeneralQueue());  // ads refused: what is set after stays
     const std::shared_ptr<Velmora::MediaSettings> refused[] = {Velmora::Media::AdSettingsWith("Orphan", 15, "Ads", "", "pod", 1, "3"),
                                                                Velmora::Media::AdSettingsWith("\n", 15, "Ads", "Mo\nvie", "pod", 1, "3")};
     for (const auto& ad : refused) Velmora::Media::Open(ad), ad->ParentName = "Mine";
@@ -299,7 +297,7 @@ TEST(MediaApi, WithoutAnalyticsAnAdLeavesTheApplicationsObjectAsItIsAndNoCallQue
     ASSERT_TRUE(t.ConfigureProcess(R"({"vantor":{"clientCode":"c"}})"));
     Velmora::Config::SetDebugLogging(true);
     auto settings = Velmora::Media::AdSettingsWith("Spot", 15, "Ads", "Mo\nvie", "pod", 1, "3");
-    std::promise<void> release = Hold(Runtime::Process().GeneralQueue());  // the application changes its object first
+    std::promise<void> release = test::Hold(Runtime::Process().GeneralQueue());  // the application changes its object first
     Velmora::Media::Open(settings);
     settings->ParentName = "Mine";
     release.set_value();

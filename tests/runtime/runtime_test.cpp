@@ -59,8 +59,7 @@ TEST(Runtime, AnIdleProcessHoldsAtMostTwoNamedLibraryThreads) {
 TEST(Runtime, AtTheEndTheSettingsDatabaseFileAloneHoldsTheValues) {
     velmora::test::TestRuntime t;
     t.runtime->GetSettingsStore().Insert("key", std::string("value"));
-    std::promise<void> release;  // a call still running on the general queue holds a flush back
-    t.runtime->GeneralQueue().Post([held = release.get_future().share()] { held.wait(); });
+    std::promise<void> release = velmora::test::Hold(t.runtime->GeneralQueue());  // a running call holds a flush back
     EXPECT_FALSE(t.runtime->Flush(std::chrono::milliseconds(50)));
     release.set_value();
     t.runtime->Shutdown(std::chrono::seconds(10), false);

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <iterator>
 #include <memory>
 #include <mutex>
@@ -113,6 +114,8 @@ struct WithoutStandardInput {
 };
 inline long OpenDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
+// Until the promise is set, the queue waits: what the application does meanwhile comes first.
+inline std::promise<void> Hold(SerialQueue& q) { std::promise<void> p; q.Post([f = p.get_future().share()] { f.wait(); }); return p; }
 // Polls `condition` until it holds or `limit` of real time has passed.
 inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     for (const auto deadline = std::chrono::steady_clock::now() + limit; !condition();) {
