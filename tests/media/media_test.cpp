@@ -86,10 +86,7 @@ struct Step {
 // An Open step; With() sets one of its settings, fluently.
 using S = Velmora::MediaSettings;
 struct Opening {
-    template <class Field, class Value> Opening& With(Field S::*field, Value value) {
-        settings.*field = std::move(value);
-        return *this;
-    }
+    template <class Field, class Value> Opening& With(Field S::*field, Value value) { settings.*field = std::move(value); return *this; }
     operator Step() const { return {[s = settings](MediaModule& m) { m.Open(std::make_shared<S>(s)); }}; }
     S settings;
 };
@@ -215,13 +212,15 @@ INSTANTIATE_TEST_SUITE_P(Media, MediaScenario, ::testing::Values(
                   "4s m_i Live complete=true length= playerName=Not_Specified segmentView=true timePlayed=4",
                   "4s m_s Live length=5 playerName=Not_Specified view=true",
                   "8s m_i Live complete=true length=5 playerName=Not_Specified timePlayed=4"}},
-        // A click on a stopped item is not a hit.
+        // A click on a stopped item is not a hit, nor a play into another segment before anything was played.
         Scenario{"SegmentsReportTheSegmentJustLeft",
                  {Open("Doc", 100).With(&S::Milestones, "50").With(&S::SegmentByMilestones, true), Play("Doc"), Tick(10),
-                  Stop("Doc", 10), Click("Doc", 10), Play("Doc", 70), Tick(5), Stop("Doc", 75), Play("Doc", 20)},
+                  Stop("Doc", 10), Click("Doc", 10), Play("Doc", 70), Tick(5), Stop("Doc", 75), Play("Doc", 20),
+                  Open("Doc", 100).With(&S::Milestones, "50").With(&S::SegmentByMilestones, true), Play("Doc", 70), Stop("Doc", 70), Play("Doc", 20)},
                  {"0s m_s Doc segment=M:0-50 segmentNum=1 view=true",
                   "10s m_i Doc milestone=50 segment=M:0-50 segmentNum=1 segmentView=true timePlayed=10",
-                  "15s m_i Doc segment=M:50-100 segmentNum=2 segmentView=true timePlayed=5"}},
+                  "15s m_i Doc segment=M:50-100 segmentNum=2 segmentView=true timePlayed=5",
+                  "15s m_i Doc segment=M:0-50 segmentNum=1", "15s m_s Doc segment=M:50-100 segmentNum=2 view=true"}},
         Scenario{"SegmentsByOffsetNeedOffsetMilestones",
                  {Open("Ep", 100).With(&S::Milestones, "50").With(&S::SegmentByOffsetMilestones, true), Play("Ep"), Tick(50),
                   Open("Ep", 100).With(&S::OffsetMilestones, "20"), Play("Ep"), Tick(20)},
