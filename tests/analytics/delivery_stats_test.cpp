@@ -30,7 +30,6 @@ TEST(DeliveryStats, EachHitIsCountedWhereItEndsAndTheFilesBacklogIsWaitingOnceLo
     EXPECT_EQ(Counts(hits), std::make_tuple(1, 3, 1, 0, 0, 200));
     EXPECT_GE(hits.Stats().lastDelivered, started);
     EXPECT_EQ(server.Count(), 4u);
-
     env.runtime->SetPrivacyStatus(kPrivacyUnknown);  // nothing leaves while these are counted
     hits.QueueHit("s4?k=" + std::string(HitSender::kMaxUrlBytes, 'x'), 4);
     hits.QueueHit("s5" + std::string(HitSender::kMaxUrlBytes - BaseUrl(env.runtime->GetConfigSettings()).size() - 2, 'x'), 5);

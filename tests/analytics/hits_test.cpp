@@ -175,9 +175,11 @@ using HitSenderTest = Delivery;
 TEST_F(HitStoreTest, AppendingDeliveringAndLoadingDoNotGrowWithTheQueue) {
     for (int i = 0; i < 3000; ++i) store.Announce();
     for (int i = 0; i < 3000; ++i) store.Append("s" + std::to_string(i) + std::string(500, 'x'), i);
+    const std::string record = dir.Read(QueueFile::kIndexName);
     const auto before = ThreadIo();
     store.Append("s-new", 7);
     const auto appended = ThreadIo();
+    EXPECT_EQ(dir.Read(QueueFile::kIndexName), record) << "an append wrote the record too";
     ASSERT_TRUE(store.TakeFront());
     store.RemoveFront();
     const auto delivered = ThreadIo();
