@@ -41,7 +41,7 @@ void Executor::Work() {
             if (stopping_) break;
             if (workers_ <= kKeptWorkers) {
                 ready_.Wait(mutex_);
-            } else if (!ready_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kIdleLinger) && tasks_.empty() &&
+            } else if (!ready_.WaitUntil(mutex_, std::chrono::steady_clock::now() + idleLinger_) && tasks_.empty() &&
                        workers_ > kKeptWorkers) {
                 break;  // a worker started for a busy moment goes again
             }
@@ -83,6 +83,11 @@ void Executor::Shutdown() {
 std::size_t Executor::Workers() const {
     MutexLock lock(mutex_);
     return workers_;
+}
+
+std::size_t Executor::Threads() const {
+    MutexLock lock(mutex_);
+    return threads_.size();
 }
 
 }  // namespace velmora

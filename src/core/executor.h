@@ -15,14 +15,14 @@ namespace velmora {
 // when every worker is busy (a request waiting on a slow server, a queue waiting on another) and
 // work is ready, another is started, up to kMaxWorkers, and it leaves again after kIdleLinger
 // without work. So an idle process holds at most kKeptWorkers of them, and a queue that waits on
-// another queue cannot starve it.
+// another queue cannot starve it. Tests shorten the linger.
 class Executor {
 public:
     static constexpr std::size_t kKeptWorkers = 2;
     static constexpr std::size_t kMaxWorkers = 16;
     static constexpr std::chrono::milliseconds kIdleLinger{2000};
 
-    Executor() = default;
+    explicit Executor(std::chrono::milliseconds idleLinger = kIdleLinger) : idleLinger_(idleLinger) {}
     ~Executor();  // Shutdown()
     Executor(const Executor&) = delete;
     Executor& operator=(const Executor&) = delete;
@@ -37,11 +37,14 @@ public:
 
     // Workers alive now (for tests and the thread map).
     std::size_t Workers() const EXCLUDES(mutex_);
+    // Threads not yet joined: the workers and those that left since a worker was last started.
+    std::size_t Threads() const EXCLUDES(mutex_);
 
 private:
     void Work() EXCLUDES(mutex_);
     void ReapFinished() REQUIRES(mutex_);
 
+    const std::chrono::milliseconds idleLinger_;
     mutable Mutex mutex_;
     CondVar ready_;
     std::deque<std::function<void()>> tasks_ GUARDED_BY(mutex_);

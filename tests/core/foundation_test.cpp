@@ -192,7 +192,7 @@ TEST(FileStore, ReadingAFileRemovesTheTemporariesOfProcessesThatAreGone) {
 struct Queues : ::testing::Test {
     LogCapture capture;
     Logger log{capture.Sink()};
-    Executor executor;
+    Executor executor{std::chrono::milliseconds(1)};
 };
 
 TEST_F(Queues, RunOneClosureAtATimeInEachPostersOrder) {
@@ -260,6 +260,12 @@ TEST_F(Queues, GetAnotherWorkerWhileTheKeptOnesAreBusyUpToTheLimit) {
     EXPECT_TRUE(eachGotAWorker);
     EXPECT_EQ(workers, Executor::kMaxWorkers) << "no worker past the limit";
     EXPECT_EQ(ran.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    ASSERT_TRUE(test::WaitUntil([&] { return executor.Workers() == Executor::kKeptWorkers; })) << "the others leave";
+    std::promise<void> hold;
+    const std::shared_future<void> held = hold.get_future().share();
+    for (int i = 0; i < 3; ++i) executor.Run([held] { held.wait(); });
+    EXPECT_LE(executor.Threads(), Executor::kKeptWorkers + 3) << "a worker started (three tasks, two kept) joins those that left";
+    hold.set_value();
 }
 
 // Each maximal ill-formed part becomes one U+FFFD; what is valid stays as it is.
