@@ -17,7 +17,6 @@
 
 #include <algorithm>
 #include <clocale>
-#include <cstdlib>
 #include <locale>
 
 namespace velmora::test {

@@ -91,11 +91,7 @@ struct Opening {
     S settings;
 };
 Opening Open(std::string name, double length) {
-    Opening step;
-    step.settings.Name = std::move(name);
-    step.settings.Length = length;
-    step.settings.PlayerName = "Player";
-    return step;
+    return Opening().With(&S::Name, std::move(name)).With(&S::Length, length).With(&S::PlayerName, "Player");
 }
 Step OpenNull() { return {[](MediaModule& m) { m.Open(nullptr); }}; }
 Step Close(std::string n) { return {[=](MediaModule& m) { m.Close(n); }}; }
@@ -148,9 +144,7 @@ TEST_P(MediaScenario, SendsTheseHitsAndLogsTheseLines) {
     auto settle = [&] {
         ASSERT_TRUE(env.runtime->Flush(30s));
         const std::string at = std::to_string(env.clock->NowSeconds() - start) + "s ";
-        for (const auto received = server.Hits(); hits < received.size(); ++hits) {
-            transcript.push_back(at + Render(received[hits]));
-        }
+        for (const auto received = server.Hits(); hits < received.size(); ++hits) transcript.push_back(at + Render(received[hits]));
         for (const auto logged = env.log.Lines(); lines < logged.size(); ++lines) {
             auto has = [&](const char* text) { return logged[lines].find(text) != std::string::npos; };
             if ((has("Media") || has("not set up")) && !has("Sending hit")) transcript.push_back(logged[lines]);
@@ -162,10 +156,7 @@ TEST_P(MediaScenario, SendsTheseHitsAndLogsTheseLines) {
             env.clock->Advance(std::chrono::seconds(step.busy));
             release.set_value();
         }
-        for (int i = 0; i < step.tick; ++i) {
-            env.clock->Advance(1s);
-            settle();
-        }
+        for (int i = 0; i < step.tick; ++i) env.clock->Advance(1s), settle();
         if (step.call) env.runtime->GeneralQueue().Post("Media", [&media, &step] { step.call(media); });
         settle();
     }
@@ -231,8 +222,7 @@ INSTANTIATE_TEST_SUITE_P(Media, MediaScenario, ::testing::Values(
                   Complete("Ad\n", 0), Stop("Ad\n"), Click("Ad\n", 0), Track("Ad\n", {{"k", "v"}}),
                   Open("Spot", 100).With(&S::IsMediaAd, true).With(&S::ParentName, "--**--"), Play("Spot")},
                  {"Velmora Warning:Analytics - VLMMediaSettings is required with a valid name. Media item not opened",
-                  "Velmora Warning:Analytics - Media ad requires parent name, please specify a parent name. Media "
-                  "item not opened",
+                  "Velmora Warning:Analytics - Media ad requires parent name, please specify a parent name. Media item not opened",
                   "Velmora Warning:Analytics - VLMMediaSettings is required with a valid name. Media item not opened",
                   NoItem("close", "Ad"), NoItem("play", "Ad"), NoItem("complete", "Ad"), NoItem("stop", "Ad"),
                   NoItem("click", "Ad"), NoItem("track", "Ad"), "0s m_s Spot adview=true"}},
@@ -245,8 +235,7 @@ INSTANTIATE_TEST_SUITE_P(Media, MediaScenario, ::testing::Values(
                   NoItem("play", "B"), "2s m_s A view=true"}},
         Scenario{"WithoutAnalyticsEveryCallOnlyWarns",
                  {Open("A", 100), Play("A"), Track("A"), Close("A")},
-                 std::vector<std::string>(4, "Velmora Warning:Analytics - Your config file is not set up to use "
-                                             "Analytics"),
+                 std::vector<std::string>(4, "Velmora Warning:Analytics - Your config file is not set up to use Analytics"),
                  false}),
     [](const auto& info) { return std::string(info.param.name); });
 
