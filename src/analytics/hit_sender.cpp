@@ -111,10 +111,10 @@ void HitSender::Loop() {
         running_ = false;
         rest_.SignalAll();
     }
-    if (stopping_) runRequested_ = false;
+    // Nothing a flush waits for changes as the thread leaves: the run that ended has signalled, and
+    // no run is asked for (a stop withdraws the request).
     threadRunning_ = false;
     if (!stopping_) thread_.detach();  // it left by itself: nobody joins it
-    rest_.SignalAll();
     mutex_.Unlock();
 }
 
