@@ -301,7 +301,6 @@ void QueueFile::DropAll() {
 }
 
 std::string QueueFile::Read(std::size_t bytes, std::deque<FileEntry>& out) {
-    if (readAt_ >= end_) return {};  // also before a document: its end is still the start
     EntryScanner scan(fd_.get(), readAt_, end_, /*afterEntry=*/false);
     std::uint64_t lastEnd = readAt_ > kStart ? readAt_ - 1 : kStart;  // the ',' after the entry before
     for (std::size_t got = 0; got < bytes;) {
