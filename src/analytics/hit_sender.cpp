@@ -7,7 +7,7 @@ namespace velmora {
 
 HitSender::HitSender(const Logger& log, Clock& clock, const ConfigSettings& config, const HostOptions& host,
                      HitStore& store, Transport& transport, std::function<std::string()> userAgent,
-                     std::function<void()> restart)
+                     std::function<void()> restart, std::chrono::milliseconds idleLinger)
     : log_(log),
       clock_(clock),
       config_(config),
@@ -15,6 +15,7 @@ HitSender::HitSender(const Logger& log, Clock& clock, const ConfigSettings& conf
       store_(store),
       transport_(transport),
       userAgent_(std::move(userAgent)),
+      idleLinger_(idleLinger),
       watch_(std::make_shared<ConnectionWatch>()) {
     MutexLock lock(watch_->mutex);
     watch_->host = &host_;
@@ -92,7 +93,7 @@ void HitSender::Loop() {
     mutex_.Lock();
     for (;;) {
         // Idle for a while, the thread leaves; the next Start makes another.
-        const bool asked = wake_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kIdleLinger, [this] {
+        const bool asked = wake_.WaitUntil(mutex_, std::chrono::steady_clock::now() + idleLinger_, [this] {
             mutex_.AssertHeld();
             return runRequested_ || stopping_;
         });

@@ -34,11 +34,12 @@ public:
     // Longest request URL (base URL and hit) that is sent. Common servers refuse longer request
     // lines, and a hit that can never be delivered must not hold up the ones behind it.
     static constexpr std::size_t kMaxUrlBytes = 64 * 1024;
-    // How long the thread stays without a run to do.
+    // How long the thread stays without a run to do, unless told otherwise.
     static constexpr std::chrono::milliseconds kIdleLinger{2000};
 
     HitSender(const Logger& log, Clock& clock, const ConfigSettings& config, const HostOptions& host, HitStore& store,
-              Transport& transport, std::function<std::string()> userAgent, std::function<void()> restart);
+              Transport& transport, std::function<std::string()> userAgent, std::function<void()> restart,
+              std::chrono::milliseconds idleLinger = kIdleLinger);
     ~HitSender();
 
     // Asks for a run; the thread starts with the first.
@@ -70,6 +71,7 @@ private:
     HitStore& store_;
     Transport& transport_;
     std::function<std::string()> userAgent_;
+    const std::chrono::milliseconds idleLinger_;
 
     mutable Mutex mutex_;
     CondVar wake_;  // the thread waits here for a start or the end

@@ -128,8 +128,9 @@ protected:
         host.languageTag = "en-US";
         host.internetAvailable = [this] { ++probes; return online.load(); };
     }
-    std::unique_ptr<HitSender> MakeSender(Transport& through) {
-        return std::make_unique<HitSender>(log, clock, config, host, store, through, [] { return "Agent/1"; }, [this] { ++restarts; });
+    std::unique_ptr<HitSender> MakeSender(Transport& through) {  // its thread stays: a shutdown must end its wait
+        return std::make_unique<HitSender>(log, clock, config, host, store, through, [] { return "Agent/1"; }, [this] { ++restarts; },
+                                           std::chrono::hours(1));
     }
     std::string File() const { return dir.Read(QueueFile::kFileName); }
     // The store a new process makes of the directory.
@@ -273,7 +274,7 @@ TEST_F(HitStoreTest, AFileCutAnywhereKeepsEveryWholeEntryBeforeTheCut) {
         const auto cut = Reloaded();
         EXPECT_EQ(cut->Size(), state.whole);
         EXPECT_TRUE(!state.clean || capture.Lines().empty());
-        if (!state.bytes.empty()) EXPECT_EQ(File().substr(File().size() - 2), "]}");  // nothing after the end
+        if (!state.bytes.empty()) { EXPECT_EQ(File().substr(File().size() - 2), "]}"); }  // nothing after the end
         cut->Append("s3", 3);
         std::vector<std::string> expected(names.begin(), names.begin() + state.whole);
         expected.push_back("s3");
