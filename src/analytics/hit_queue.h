@@ -54,6 +54,7 @@ public:
     // The size once the work posted before has run; library threads ask Size() instead.
     std::future<std::size_t> SizeAfterPendingWork();
     Velmora::DeliveryStats Stats() { return store_.Stats().Snapshot(); }  // at once, from any thread
+    SerialQueue& WorkQueue() { return work_; }  // for tests, to hold it
 
 private:
     void Load();

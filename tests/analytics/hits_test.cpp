@@ -491,6 +491,10 @@ TEST_F(HitSenderTest, AConnectionCheckThatFailsIsLoggedAndDoesNotHoldTheHitsBack
 TEST(HitQueueGate, AHitArrivingAfterAnOptOutIsNotQueuedAndHoldsNoSaveBack) {
     TestRuntime env(R"({"analytics":{"rsids":"rs","server":"127.0.0.1:9","offlineEnabled":true,"batchLimit":5}})");
     auto& hits = env.runtime->GetHitQueue();
+    std::promise<void> release = Hold(hits.WorkQueue());
+    EXPECT_FALSE(hits.Flush(std::chrono::milliseconds(20))) << "the start rule waits behind the held work";
+    release.set_value();
+    EXPECT_TRUE(hits.Flush(kWait)) << "nothing queued";
     hits.QueueHit("s1?AQB=1&ndh=1&pageName=A&AQE=1", 1);
     ASSERT_EQ(hits.SizeAfterPendingWork().get(), 1u);
     env.runtime->GetConfigSettings().privacyStatus = kPrivacyOptOut;

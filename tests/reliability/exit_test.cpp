@@ -158,9 +158,7 @@ TEST_F(ExitTest, CallsReturnWhileTheConfigurationFileHangs) {
     EXPECT_EQ(line, "flush 1");
     EXPECT_EQ(child.Wait(std::chrono::seconds(10)), 0) << child.ErrorOutput();
     std::vector<std::string> states;
-    for (const auto& hit : server.Hits()) {
-        if (hit.variables.count("pe") == 0) states.push_back(hit.variables.at("pageName"));
-    }
+    for (const auto& hit : server.Hits()) if (hit.variables.count("pe") == 0) states.push_back(hit.variables.at("pageName"));
     EXPECT_EQ(states, (std::vector<std::string>{"S0", "S1"}));
 }
 

@@ -65,9 +65,7 @@ LoopbackServer::~LoopbackServer() {
 
 std::vector<ReceivedHit> LoopbackServer::Hits() const {
     std::vector<ReceivedHit> hits;
-    for (const auto& request : Requests()) {
-        if (request.path.rfind("/b/ss/", 0) == 0) hits.push_back(DecodeHit(request.target));
-    }
+    for (const auto& request : Requests()) if (request.path.rfind("/b/ss/", 0) == 0) hits.push_back(DecodeHit(request.target));
     return hits;
 }
 
