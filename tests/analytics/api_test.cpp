@@ -104,7 +104,7 @@ TEST_F(PublicAnalytics, OptOutEmptiesAnEarlierRunsQueueAndQueueSizeCountsEveryEa
 // never has to push a timestamp past the moment its hit is sent.
 TEST_F(PublicAnalytics, CallsOfEveryModuleBecomeHitsInCallOrderStampedNoLaterThanTheirSending) {
     std::mutex mutex;
-    std::vector<std::pair<std::string, std::int64_t>> arrived;  // name, seconds from stamp to arrival by the stamping clock (time() can lag it by a tick)
+    std::vector<std::pair<std::string, std::int64_t>> arrived;  // name, seconds from stamp to arrival (time() lags the stamping clock)
     server_.OnGet([&](const httplib::Request& request, httplib::Response&) {
         const ReceivedHit hit = DecodeHit(request.target);
         std::lock_guard lock(mutex);
