@@ -39,6 +39,11 @@ std::optional<std::uint64_t> FileHash(int fd, const EntryPlace& place) {
     return hash;
 }
 
+bool StartsAsDocument(int fd) {
+    char start[kDocumentStart.size()];
+    return ReadAt(fd, start, sizeof start, 0) == sizeof start && std::string_view(start, sizeof start) == kDocumentStart;
+}
+
 Descriptor OpenDescriptor(const std::filesystem::path& path, int flags) {
     Descriptor fd(::open(path.c_str(), flags | O_CLOEXEC, 0644));
     if (!fd) Fail("Cannot open", path, errno);
@@ -100,8 +105,7 @@ std::string QueueFile::Open() {
         if (record.head == record.end && count_ > 0 && record.end > kStart) head_ = readAt_ = record.end + 1;
         return damage;
     }
-    char start[kDocumentStart.size()];
-    if (ReadAt(fd_.get(), start, sizeof start, 0) == sizeof start && std::string_view(start, sizeof start) == kDocumentStart) {
+    if (StartsAsDocument(fd_.get())) {
         std::string damage = Settle(kStart, size_, /*salvage=*/false);
         if (document_) return damage;
     }
@@ -161,7 +165,7 @@ std::string QueueFile::Settle(std::uint64_t from, std::uint64_t size, bool salva
     document_ = true;
     count_ += entries;
     last_ = last;
-    if (entries > 0) last_.hash = FileHash(fd_.get(), last_).value_or(0);
+    last_.hash = FileHash(fd_.get(), last_).value_or(0);  // no entries: the record's own, unchanged
     end_ = scan.Settled();
     if (!clean) {
         try {
@@ -495,9 +499,8 @@ void QueueFile::ReadOnce(std::vector<QueuedHit>& hits) {
     index_.reset(::open((files_.Directory() / kIndexName).c_str(), O_RDONLY | O_CLOEXEC));
     Record record;
     const bool indexed = FindRecord(record);
-    char start[kDocumentStart.size()];
     const std::size_t before = hits.size();
-    if (indexed || (ReadAt(fd_.get(), start, sizeof start, 0) == sizeof start && std::string_view(start, sizeof start) == kDocumentStart)) {
+    if (indexed || StartsAsDocument(fd_.get())) {
         const std::uint64_t from = indexed ? record.head : kStart;
         // To the end of the file as it is then: another process may be appending.
         EntryScanner scan(fd_.get(), from, UINT64_MAX, /*afterEntry=*/indexed && from == record.end && from > kStart);

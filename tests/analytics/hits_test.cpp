@@ -69,7 +69,7 @@ TEST(QueueFile, AnyValidJsonReadsLikeTheFilesThisLibraryWritesAndDamageKeepsTheE
          {{INT32_MAX, "a"}, {INT32_MIN, "b"}, {1000, "c"}}, false},
         {R"({"Hits":[{"T":-2147483648,"H":"a"},{"T":4000000000,"H":"b"}]})", {{INT32_MIN, "a"}, {INT32_MAX, "b"}}, false},
         {R"({ "Hits" : [ {"H":"a\"b\u00e9","X":{"T":{"y":[1]}},"T":5,"Z":"z","N":7} ], "Y":[1], "V":"v" })", {{5, "a\"b\xC3\xA9"}}, false},
-        {R"({"Other":[{"T":1,"H":"a"}]})", {}, true},
+        {R"({"hits":[{"T":1,"H":"a"}]})", {}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":01,"H":"b"}]})", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":2},{"H":"c"}]})", {{1, "a"}}, true},
         {R"({"Hits":[{"T":1,"H":"a"},{"T":,"H":"b"}]})", {{1, "a"}}, true},
