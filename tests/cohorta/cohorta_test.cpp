@@ -19,8 +19,7 @@ TEST_F(Application, AudienceRequestsAreBuiltInTheirFixedOrderAndFailuresLeaveThe
     struct Row { StringMap traits; std::string userId, dpid, dpuuid, query, answer, line; std::size_t dests = 0; };
     const Row rows[] = {
         {{{"a.b", "AZaz09-._~"}, {"x", ""}}, "", "", "", "c_a_b=AZaz09-._~&", R"({"stuff":[]})", empty},
-        {{{"k.e.y", "v w"}, {"", "lost"}, {"u", "\xC3\xA9&="}}, "", "", "", "c_k_e_y=v%20w&c_u=%C3%A9%26%3D&",
-         "not json", parse},
+        {{{"k.e.y", "v w"}, {"", "lost"}, {"u", "\xC3\xA9&="}}, "", "", "", "c_k_e_y=v%20w&c_u=%C3%A9%26%3D&", "not json", parse},
         {{}, "U1", "", "", "d_uuid=U1&", dest + R"("uuid":5,"stuff":[{"cn":"a","cv":"b"}]})", parse, 1},
         {{{"t", "1"}}, "U1", "P", "", "c_t=1&d_uuid=U1&", dest + R"("uuid":"NEW","stuff":{"cn":"a"}})", parse, 1},
         {{{"t", "1"}}, "", "", "Q", "c_t=1&", "{}", empty},

@@ -183,8 +183,7 @@ TEST_F(Device, UserAgentAndDeviceNameUseWhatIsKnownOfMakerAndModel) {
         {"Microsoft", "Model 930", "", "", "; Microsoft Corporation; Model 930", "Microsoft Model 930"},
         {"Microsoft Mobile", "RM-1", "", "", "; Microsoft Mobile; RM-1", "Microsoft Mobile RM-1"},
         {"Contoso", "", "", "", "; Contoso", "Contoso Unknown"}, {"", "Lumia", "", "", "; Lumia", "Unknown Lumia"},
-        {"", "", "", "", "", "Unknown Unknown"},
-        {"", "", "LENOVO\n", "ThinkPad X1\n", "; LENOVO; ThinkPad X1", "LENOVO ThinkPad X1"},
+        {"", "", "", "", "", "Unknown Unknown"}, {"", "", "LENOVO\n", "ThinkPad X1\n", "; LENOVO; ThinkPad X1", "LENOVO ThinkPad X1"},
         {"Microsoft", "", "Dell Inc.\n", "XPS 13\n", "; Microsoft Corporation; XPS 13", "Microsoft XPS 13"}};
     for (const auto& c : cases) {
         host.deviceManufacturer = c[0];

@@ -299,10 +299,8 @@ const Step kSteps[] = {
     {"ip link add v0 type veth peer name v1 && ip link set v0 up && ip link set v1 up", false},
     {"ip route replace default dev v0", true},
     {"ip link set v1 down", false},  // no carrier
-    {"ip link set v1 up", true},
-    {"ip route replace unreachable default", false}, {"ip route replace blackhole default", false},
-    {"ip route del default && ip -6 route add default dev v0", true},
-    {"ip link set v0 down", false},
+    {"ip link set v1 up", true}, {"ip route replace unreachable default", false}, {"ip route replace blackhole default", false},
+    {"ip route del default && ip -6 route add default dev v0", true}, {"ip link set v0 down", false},
 };
 
 // What each monitor got wrong after each step, one line each; first the table reads of two

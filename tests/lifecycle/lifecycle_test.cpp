@@ -55,11 +55,9 @@ std::vector<History> Histories() {
         {"ConfiguredTimeout", PausedAfterInstall(t0, "3/7/2015 HourOfDay=8 DayOfWeek=7",
                                                  {kLaunch, t0 + 62, same + "HourOfDay=8 PrevSessionLength=60"}), 2},
         {"Crash", {{kLaunch, t0, i0}, {kLaunch, t0 + 3600, "CrashEvent HourOfDay=9 " + same, {{kSessionStartKey, Text(t0 + 3600)}}}}},
-        {"SevenDaySession",
-         {{kLaunch, t0, i0}, {kBackground, t0 + 604800, "-"},
+        {"SevenDaySession", {{kLaunch, t0, i0}, {kBackground, t0 + 604800, "-"},
           {kForeground, t0 + 605200, "DailyEngUserEvent Launches=2 DaysSinceFirstUse=7 DaysSinceLastUse=7 HourOfDay=8 "
-                             "DayOfWeek=7 ignoredSessionLength=604800"},
-          {kBackground, t0 + 1209999, "-"},
+                             "DayOfWeek=7 ignoredSessionLength=604800"}, {kBackground, t0 + 1209999, "-"},
           {kForeground, t0 + 1210299, "DailyEngUserEvent Launches=3 DaysSinceFirstUse=14 DaysSinceLastUse=7 HourOfDay=8 "
                               "DayOfWeek=7 PrevSessionLength=604799"}}},
         {"January31ToMarch1",
@@ -74,16 +72,13 @@ std::vector<History> Histories() {
          PausedAfterInstall(Local(2014, 3, 5, 9), "3/5/2014 HourOfDay=9 DayOfWeek=4",
                             {kForeground, mar5, "Launches=2 DaysSinceFirstUse=365 DaysSinceLastUse=365 HourOfDay=9 DayOfWeek=5 "
                              "PrevSessionLength=60"})},
-        {"UpgradeThenTheNextLaunch",
-         {{kLaunch, t0, i0}, {kBackground, t0 + 60, "-"},
+        {"UpgradeThenTheNextLaunch", {{kLaunch, t0, i0}, {kBackground, t0 + 60, "-"},
           {kUpgradedLaunch, up, "UpgradeEvent LaunchesSinceUpgrade=1 DailyEngUserEvent Launches=2 DaysSinceFirstUse=2 "
                     "DaysSinceLastUse=2 HourOfDay=8 DayOfWeek=2 PrevSessionLength=60",
-           {{kUpgradeDateKey, Text(up)}, {kLaunchesAfterUpgradeKey, 1}, {kLastVersionKey, std::string("1.1.0")}}},
-          {kBackground, up + 100, "-"},
+           {{kUpgradeDateKey, Text(up)}, {kLaunchesAfterUpgradeKey, 1}, {kLastVersionKey, std::string("1.1.0")}}}, {kBackground, up + 100, "-"},
           {kUpgradedLaunch, up + 3 * 86400, "LaunchesSinceUpgrade=2 DaysSinceLastUpgrade=3 DailyEngUserEvent Launches=3 "
                                 "DaysSinceFirstUse=5 DaysSinceLastUse=3 HourOfDay=8 DayOfWeek=5 PrevSessionLength=100",
-           {{kUpgradeDateKey, Text(up)}, {kLaunchesAfterUpgradeKey, 2}}},
-          {kBackground, up + 3 * 86400 + 50, "-"},
+           {{kUpgradeDateKey, Text(up)}, {kLaunchesAfterUpgradeKey, 2}}}, {kBackground, up + 3 * 86400 + 50, "-"},
           {kUpgradedAgain, up + 4 * 86400, "UpgradeEvent LaunchesSinceUpgrade=1 DailyEngUserEvent Launches=4 "
                                 "DaysSinceFirstUse=6 DaysSinceLastUse=1 HourOfDay=8 DayOfWeek=6 PrevSessionLength=50",
            {{kUpgradeDateKey, Text(up + 4 * 86400)}, {kLaunchesAfterUpgradeKey, 1}}}}},
