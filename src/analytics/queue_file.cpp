@@ -351,24 +351,14 @@ bool QueueFile::CompactionDue() const {
 
 namespace {
 
-// Copies [from, to) of `source` to the position of `target`, in the kernel when it can.
+// Copies [from, to) of `source` to the position of `target`.
 void CopyRange(int source, std::uint64_t from, std::uint64_t to, int target) {
+    std::string chunk(kChunk, '\0');
     while (from < to) {
-        loff_t at = static_cast<loff_t>(from);
-        const ssize_t n = ::copy_file_range(source, &at, target, nullptr, static_cast<std::size_t>(to - from), 0);
-        if (n > 0) {
-            from += static_cast<std::uint64_t>(n);
-            continue;
-        }
-        if (n < 0 && errno == EINTR) continue;
-        // A file system without it, or a failure, which the plain copy then meets and reports.
-        std::string chunk(kChunk, '\0');
-        while (from < to) {
-            const std::size_t got = ReadAt(source, chunk.data(), static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, to - from)), from);
-            if (got == 0) throw std::runtime_error("the queue file ended while it was copied");
-            FileStore::WriteAll(target, chunk.data(), got);
-            from += got;
-        }
+        const std::size_t got = ReadAt(source, chunk.data(), static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, to - from)), from);
+        if (got == 0) throw std::runtime_error("the queue file ended while it was copied");
+        FileStore::WriteAll(target, chunk.data(), got);
+        from += got;
     }
 }
 

@@ -233,6 +233,21 @@ TEST_F(HitStoreTest, AMoveOfTheDeliveredPrefixThatTheDiskRefusesIsGivenUpAndTheQ
     EXPECT_EQ(Take(store).size(), 1000u);
 }
 
+// A move whose copy failed, or that a clear overtook, is dropped: the queue stays as it was.
+TEST_F(HitStoreTest, AMoveThatFailedOrThatAClearOvertookLeavesTheQueueAsItWas) {
+    for (bool clear : {false, true}) {
+        QueueFile queue(files);
+        queue.Open();
+        queue.Append(std::deque<std::string>(100, QueueFileMember(std::string(1000, 'x'), 1)));
+        QueueFile::Compaction job;
+        queue.BeginCompaction(job);
+        if (clear) queue.DropAll(), queue.CopyQueued(job);
+        else FileSizeLimit(16 << 10), queue.CopyQueued(job);
+        EXPECT_EQ(queue.FinishCompaction(job), 0u);
+        EXPECT_EQ(Queued().size(), clear ? 0u : 100u);
+    }
+}
+
 // Version 4.0.0 wrote this file, three states tracked offline.
 TEST_F(HitStoreTest, AFileAnEarlierVersionWroteLoadsUnchangedAndTakesMoreHits) {
     std::ifstream fixture(VELMORA_TEST_DATA "/queue_file_from_05f39e4.json", std::ios::binary);
@@ -409,14 +424,10 @@ TEST_F(HitSenderTest, EachAnswerIsDeliveredRetriedOrDroppedByTheRules) {
     const std::string longest(HitSender::kMaxUrlBytes - kBase.size(), 'x');  // with the base, as long as a URL may be
     struct Case { int answer; bool offline; Outcome outcome; std::string lastLine, hit = "s1?ts=1"; };
     for (const Case& c : std::vector<Case>{
-             {200, true, Outcome::kDelivered, sending},
-             {307, false, Outcome::kDelivered, sending},
-             {500, true, Outcome::kRetryLater, cooldown(500)},
-             {408, true, Outcome::kRetryLater, cooldown(408)},
-             {404, false, Outcome::kDrop, sending},
-             {kTransportFailure, false, Outcome::kRetryLater, recover},
-             {kTransportFailure, true, Outcome::kRetryLater, recover},
-             {kRefusedUrl, true, Outcome::kDrop, invalid},
+             {200, true, Outcome::kDelivered, sending}, {307, false, Outcome::kDelivered, sending},
+             {500, true, Outcome::kRetryLater, cooldown(500)}, {408, true, Outcome::kRetryLater, cooldown(408)},
+             {404, false, Outcome::kDrop, sending}, {kRefusedUrl, true, Outcome::kDrop, invalid},
+             {kTransportFailure, false, Outcome::kRetryLater, recover}, {kTransportFailure, true, Outcome::kRetryLater, recover},
              {200, true, Outcome::kDelivered, line + "Sending hit (" + kBase + longest + ")", longest},
              {200, true, Outcome::kDrop, invalid, longest + "x"},  // never sent
          }) {
