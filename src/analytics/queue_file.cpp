@@ -259,10 +259,7 @@ void QueueFile::Append(const std::deque<std::string>& members) {
         if (!convertDue_) return Reset(members);
         Convert();
     }
-    std::size_t length = 2;
-    for (const auto& member : members) length += member.size() + 1;
     std::string text;
-    text.reserve(length);
     std::size_t lastAt = 0;
     for (const auto& member : members) {
         if (!text.empty() || end_ > kStart) text += ',';
@@ -336,7 +333,7 @@ std::string QueueFile::Read(std::size_t bytes, std::deque<FileEntry>& out) {
 }
 
 void QueueFile::Advance(const FileEntry& first) {
-    if (count_ == 0 || readCount_ == 0 || first.place.begin != head_) return;
+    if (readCount_ == 0 || first.place.begin != head_) return;  // cleared or replaced since it was read
     beforeHead_ = first.place;
     head_ = first.place.end < end_ ? first.place.end + 1 : first.place.end;
     --count_;
