@@ -462,6 +462,7 @@ TEST_F(HitSenderTest, ARetriedHitWaitsInTheFileThroughTheCooldownWhichShutdownCu
     Answer(transport, {500, kTransportFailure});
     store.Append("s1", kNow);
     sender->Start();
+    ASSERT_TRUE(sender->WaitUntilResting(std::chrono::steady_clock::now() + std::chrono::hours(1))) << "a cooldown is a rest";
     ASSERT_TRUE(clock.AwaitSleepers(1));
     EXPECT_EQ(File(), R"({"Hits":[{"T":1400000000,"H":"s1"}]})");
     clock.Advance(std::chrono::seconds(29));
