@@ -86,7 +86,7 @@ TEST(ConfigLoading, FollowsTheFileAndTheStoredStatus) {
     }
 }
 
-TEST(SystemClock, ATimerTicksAgainAndAgainAndAWakerEndsASleepEarly) {
+TEST(Clocks, ATimerTicksAgainAndAgainAWakerEndsASleepEarlyAndAManualSleepEndsAtItsDeadline) {
     SystemClock clock;
     std::atomic<int> ticks{0};
     const auto first = std::chrono::steady_clock::now();
@@ -103,6 +103,15 @@ TEST(SystemClock, ATimerTicksAgainAndAgainAndAWakerEndsASleepEarly) {
     // Woken without a notification, the sleep would still end false, but only after its full length.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20)) << "the wake went unnoticed";
     wake->Cancel();
+    ManualClock manual;  // its sleeper is counted until its deadline, in however many steps the time gets there
+    Waker idle;
+    auto slept = std::async(std::launch::async, [&] { return manual.SleepFor(std::chrono::seconds(2), idle); });
+    ASSERT_TRUE(manual.AwaitSleepers(1));
+    manual.Advance(std::chrono::seconds(1));
+    EXPECT_TRUE(manual.AwaitSleepers(1, std::chrono::milliseconds(0))) << "asleep half way";
+    manual.Advance(std::chrono::seconds(1));
+    EXPECT_FALSE(manual.AwaitSleepers(1, std::chrono::milliseconds(0))) << "counted on its way out";
+    EXPECT_TRUE(slept.get());
 }
 
 TEST(SettingsStore, EveryTypeSurvivesARestartAndAnInsertMayChangeTheType) {

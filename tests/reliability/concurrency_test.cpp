@@ -53,12 +53,8 @@ const std::vector<Operation> kEveryRound = {
     [](Worker& w) { w.Await(Analytics::GetTrackingIdentifierAsync()); },
     [](Worker& w) { w.Await(Config::GetPrivacyStatusAsync()); },
     [](Worker&) {  // the getters
-        (void)Analytics::GetQueueSize();
-        (void)Config::GetDebugLogging();
-        (void)Config::GetLifetimeValue();
-        (void)Config::GetUserIdentifier();
-        (void)Config::GetVersion();
-        (void)Cohorta::GetVisitorProfile();
+        (void)Analytics::GetQueueSize(), (void)Config::GetDebugLogging(), (void)Config::GetLifetimeValue();
+        (void)Config::GetUserIdentifier(), (void)Config::GetVersion(), (void)Cohorta::GetVisitorProfile();
         (void)(Vantor::GetPcId() + Vantor::GetSessionId() + Cohorta::GetDpid() + Cohorta::GetDpuuid());
     },
     [](Worker& w) { Config::SetDebugLogging(w.calls % 2 == 0); },
@@ -71,14 +67,8 @@ const std::vector<Operation> kEveryRound = {
         Media::Open(settings);
     },
     [](Worker&) { Media::Open(Media::AdSettingsWith("Ad", 15, "Player", "Clip0", "pod", 1, "2.5")); },
-    [](Worker& w) {
-        Media::Play(w.Name("Clip"), static_cast<double>(w.calls % 60));
-        Media::Click(w.Name("Clip"), 10);
-    },
-    [](Worker& w) {
-        Media::Track(w.Name("Clip"), {{"chapter", w.thread}});
-        Media::Stop(w.Name("Clip"), 20);
-    },
+    [](Worker& w) { Media::Play(w.Name("Clip"), static_cast<double>(w.calls % 60)), Media::Click(w.Name("Clip"), 10); },
+    [](Worker& w) { Media::Track(w.Name("Clip"), {{"chapter", w.thread}}), Media::Stop(w.Name("Clip"), 20); },
     [](Worker& w) { Media::Complete(w.Name("Clip"), 59); },
     [](Worker& w) { Media::Close(w.thread % 2 == 0 ? w.Name("Clip") : std::string("Ad")); },
     [](Worker& w) { w.Await(Vantor::LoadRequest(Vantor::CreateRequest("home", "fallback", {{"thread", w.thread}}))); },
