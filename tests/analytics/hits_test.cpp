@@ -242,7 +242,7 @@ TEST_F(HitStoreTest, AMoveThatFailedOrThatAClearOvertookLeavesTheQueueAsItWas) {
         QueueFile::Compaction job;
         queue.BeginCompaction(job);
         if (clear) queue.DropAll(), queue.CopyQueued(job);
-        else FileSizeLimit(16 << 10), queue.CopyQueued(job);
+        else { FileSizeLimit full(16 << 10); queue.CopyQueued(job); }
         EXPECT_EQ(queue.FinishCompaction(job), 0u);
         EXPECT_EQ(Queued().size(), clear ? 0u : 100u);
     }
