@@ -165,7 +165,7 @@ std::string QueueFile::Settle(std::uint64_t from, std::uint64_t size, bool salva
     document_ = true;
     count_ += entries;
     last_ = last;
-    last_.hash = FileHash(fd_.get(), last_).value_or(0);  // with no entry found, the record's last one hashes as before
+    if (entries > 0) last_.hash = FileHash(fd_.get(), last_).value_or(0);  // else the record's, checked by Fits
     end_ = scan.Settled();
     if (!clean) {
         try {
